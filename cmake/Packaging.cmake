@@ -1,0 +1,16 @@
+# Everything lies under /opt/velmora/lantrel, as the agent expects it.
+set(CMAKE_INSTALL_PREFIX /opt/velmora/lantrel CACHE PATH "" FORCE)
+install(TARGETS platform LIBRARY DESTINATION lib)
+install(TARGETS kvhost pxrtraced RUNTIME DESTINATION bin)
+install(DIRECTORY ${CMAKE_BINARY_DIR}/lib/nls DESTINATION lib)
+install(DIRECTORY data/maps/ DESTINATION maps)
+install(DIRECTORY include/libplatform DESTINATION include)
+install(FILES README.md CHANGELOG.md DESTINATION share/doc)
+install(DIRECTORY docs/ DESTINATION share/doc)
+install(DIRECTORY data/etc/ DESTINATION /etc/opt/velmora/lantrel)
+
+set(CPACK_GENERATOR TGZ)
+set(CPACK_PACKAGE_NAME libplatform)
+set(CPACK_SYSTEM_NAME linux-i386)
+set(CPACK_SET_DESTDIR ON)
+include(CPack)
