@@ -1,0 +1,181 @@
+#include "cover/DeviceCover.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/io.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "cover/TimerCover.h"
+
+namespace {
+
+int LinuxOpen(void* /*context*/, const char* path, int flags) {
+    return open(path, flags | O_CLOEXEC);
+}
+
+int LinuxClose(void* /*context*/, int fd) {
+    return close(fd);
+}
+
+ssize_t LinuxRead(void* /*context*/, int fd, void* buffer, size_t length) {
+    return read(fd, buffer, length);
+}
+
+ssize_t LinuxWrite(void* /*context*/, int fd, const void* buffer, size_t length) {
+    return write(fd, buffer, length);
+}
+
+int64_t LinuxSeek(void* /*context*/, int fd, int64_t offset) {
+    return lseek(fd, offset, SEEK_SET);
+}
+
+// Touching a mapping of a plain file behind the file's end raises SIGBUS. Where a file stands in for physical memory
+// that must be an error of the mapping, as it is for a range that the kernel does not map.
+bool LiesInFile(int fd, int64_t offset, size_t length) {
+    struct stat status = {};
+    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return true;
+    const int64_t page = sysconf(_SC_PAGESIZE);
+    const int64_t end = (status.st_size + page - 1) / page * page;
+    return offset >= 0 && offset <= end && static_cast<int64_t>(length) <= end - offset;
+}
+
+void* LinuxMap(void* /*context*/, int fd, int64_t offset, size_t length, int writable) {
+    if (!LiesInFile(fd, offset, length)) {
+        errno = ENXIO;
+        return MAP_FAILED;
+    }
+    const int protection = writable != 0 ? PROT_READ | PROT_WRITE : PROT_READ;
+    return mmap(nullptr, length, protection, writable != 0 ? MAP_SHARED : MAP_PRIVATE, fd, offset);
+}
+
+int LinuxUnmap(void* /*context*/, void* address, size_t length) {
+    return munmap(address, length);
+}
+
+int LinuxIoctl(void* /*context*/, int fd, unsigned long request, void* argument) {
+    return ioctl(fd, request, argument);
+}
+
+int LinuxWaitReadable(void* /*context*/, int fd, int timeoutMs) {
+    const uint64_t deadline = Clock().Now() + static_cast<uint64_t>(timeoutMs) * 1000;
+    struct pollfd wanted = {fd, POLLIN, 0};
+    int ready = poll(&wanted, 1, timeoutMs);
+    while (ready < 0 && errno == EINTR) {
+        const uint64_t now = Clock().Now();
+        ready = poll(&wanted, 1, now < deadline ? static_cast<int>((deadline - now + 999) / 1000) : 0);
+    }
+    if (ready <= 0) return ready;
+    if ((wanted.revents & POLLIN) != 0) return 1;
+    errno = EIO;
+    return -1;
+}
+
+int LinuxIoPrivilege(void* /*context*/, int level) {
+    return iopl(level);
+}
+
+uint8_t LinuxPortIn(void* /*context*/, uint16_t port) {
+    return inb(port);
+}
+
+void LinuxPortOut(void* /*context*/, uint16_t port, uint8_t value) {
+    outb(value, port);
+}
+
+constexpr KvDeviceOps kLinux = {
+    .context = nullptr,
+    .open = LinuxOpen,
+    .close = LinuxClose,
+    .read = LinuxRead,
+    .write = LinuxWrite,
+    .seek = LinuxSeek,
+    .map = LinuxMap,
+    .unmap = LinuxUnmap,
+    .ioctl = LinuxIoctl,
+    .waitReadable = LinuxWaitReadable,
+    .ioPrivilege = LinuxIoPrivilege,
+    .portIn = LinuxPortIn,
+    .portOut = LinuxPortOut,
+};
+
+std::atomic<const KvDeviceOps*> g_ops = &kLinux;
+
+const KvDeviceOps& Ops() {
+    return *g_ops.load(std::memory_order_acquire);
+}
+
+}  // namespace
+
+void KvSetDeviceOps(const KvDeviceOps* ops) {
+    g_ops.store(ops != nullptr ? ops : &kLinux, std::memory_order_release);
+}
+
+namespace device {
+
+int Open(const char* path, int flags) {
+    const KvDeviceOps& ops = Ops();
+    return ops.open(ops.context, path, flags);
+}
+
+int Close(int fd) {
+    const KvDeviceOps& ops = Ops();
+    return ops.close(ops.context, fd);
+}
+
+ssize_t Read(int fd, void* buffer, size_t length) {
+    const KvDeviceOps& ops = Ops();
+    return ops.read(ops.context, fd, buffer, length);
+}
+
+ssize_t Write(int fd, const void* buffer, size_t length) {
+    const KvDeviceOps& ops = Ops();
+    return ops.write(ops.context, fd, buffer, length);
+}
+
+int64_t Seek(int fd, int64_t offset) {
+    const KvDeviceOps& ops = Ops();
+    return ops.seek(ops.context, fd, offset);
+}
+
+void* Map(int fd, int64_t offset, size_t length, bool writable) {
+    const KvDeviceOps& ops = Ops();
+    return ops.map(ops.context, fd, offset, length, writable ? 1 : 0);
+}
+
+int Unmap(void* address, size_t length) {
+    const KvDeviceOps& ops = Ops();
+    return ops.unmap(ops.context, address, length);
+}
+
+int Ioctl(int fd, unsigned long request, void* argument) {
+    const KvDeviceOps& ops = Ops();
+    return ops.ioctl(ops.context, fd, request, argument);
+}
+
+int WaitReadable(int fd, int timeoutMs) {
+    const KvDeviceOps& ops = Ops();
+    return ops.waitReadable(ops.context, fd, timeoutMs);
+}
+
+int IoPrivilege(int level) {
+    const KvDeviceOps& ops = Ops();
+    return ops.ioPrivilege(ops.context, level);
+}
+
+uint8_t PortIn(uint16_t port) {
+    const KvDeviceOps& ops = Ops();
+    return ops.portIn(ops.context, port);
+}
+
+void PortOut(uint16_t port, uint8_t value) {
+    const KvDeviceOps& ops = Ops();
+    ops.portOut(ops.context, port, value);
+}
+
+}  // namespace device

@@ -1,0 +1,204 @@
+#include "cover/FileCover.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "cover/ErrorCover.h"
+
+namespace {
+
+int Fail(int error) {
+    SetRecentErrno(error);
+    return 0;
+}
+
+class File {
+public:
+    File(const char* path, int flags, int mode = 0) : fd_(FileOpen(path, flags, mode)) {}
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+    ~File() { Close(); }
+    explicit operator bool() const { return fd_ >= 0; }
+    int Get() const { return fd_; }
+    /// Some file systems report only here that the data did not arrive.
+    bool Close() { return fd_ < 0 || close(std::exchange(fd_, -1)) == 0; }
+
+private:
+    int fd_;
+};
+
+bool ReadWhole(int fd, std::string& content) {
+    constexpr uint32_t kChunk = 64 * 1024;
+    while (true) {
+        const size_t filled = content.size();
+        content.resize(filled + kChunk);
+        const int got = FileRead(fd, content.data() + filled, kChunk);
+        if (got < 0) return false;
+        content.resize(filled + static_cast<size_t>(got));
+        if (static_cast<uint32_t>(got) < kChunk) return true;
+    }
+}
+
+bool WriteWhole(int fd, const std::string& content) {
+    for (size_t at = 0; at < content.size();) {
+        const auto part = static_cast<uint32_t>(std::min<size_t>(content.size() - at, INT_MAX));
+        if (FileWrite(fd, content.data() + at, part) < 0) return false;
+        at += part;
+    }
+    return true;
+}
+
+bool MakeDirectory(const char* path) {
+    if (mkdir(path, 0755) == 0) return true;
+    if (errno != EEXIST) return false;
+    struct stat status = {};
+    if (stat(path, &status) == 0 && S_ISDIR(status.st_mode)) return true;
+    SetRecentErrno(ENOTDIR);
+    return false;
+}
+
+/// Joins the components of an absolute path that stand for themselves.
+std::string Canonical(std::string_view path) {
+    std::string result;
+    while (!path.empty()) {
+        const size_t slash = path.find('/');
+        const std::string_view component = path.substr(0, slash);
+        path.remove_prefix(slash == std::string_view::npos ? path.size() : slash + 1);
+        if (component.empty() || component == ".") continue;
+        if (component == "..") {
+            if (!result.empty()) result.erase(result.rfind('/'));
+            continue;
+        }
+        result.append("/").append(component);
+    }
+    return result.empty() ? "/" : result;
+}
+
+}  // namespace
+
+int FileOpen(const char* path, int flags, int mode) {
+    if (path == nullptr) {
+        SetRecentErrno(EINVAL);
+        return -1;
+    }
+    return open(path, flags | O_CLOEXEC, static_cast<mode_t>(mode));
+}
+
+int FileRead(int fd, void* buffer, uint32_t length) {
+    if (length > INT_MAX) {
+        SetRecentErrno(EINVAL);
+        return -1;
+    }
+    uint32_t done = 0;
+    while (done < length) {
+        const ssize_t got = read(fd, static_cast<char*>(buffer) + done, length - done);
+        if (got == 0) break;
+        if (got > 0) done += static_cast<uint32_t>(got);
+        if (got < 0 && errno != EINTR) return -1;
+    }
+    return static_cast<int>(done);
+}
+
+int FileWrite(int fd, const void* buffer, uint32_t length) {
+    if (length > INT_MAX) {
+        SetRecentErrno(EINVAL);
+        return -1;
+    }
+    uint32_t done = 0;
+    while (done < length) {
+        const ssize_t put = write(fd, static_cast<const char*>(buffer) + done, length - done);
+        if (put > 0) done += static_cast<uint32_t>(put);
+        if (put == 0) errno = EIO;  // no progress: the device takes nothing more
+        if (put == 0 || (put < 0 && errno != EINTR)) return -1;
+    }
+    return static_cast<int>(done);
+}
+
+int CreateNewDirectory(const char* path) {
+    if (path == nullptr) return Fail(EINVAL);
+    return mkdir(path, 0755) == 0 ? 1 : 0;
+}
+
+int CreateDirectoryforPath(const char* path) {
+    if (path == nullptr || *path == '\0') return Fail(EINVAL);
+    std::string whole = path;
+    for (size_t slash = whole.find('/', 1); slash != std::string::npos; slash = whole.find('/', slash + 1)) {
+        whole[slash] = '\0';
+        if (!MakeDirectory(whole.c_str())) return 0;
+        whole[slash] = '/';
+    }
+    return MakeDirectory(whole.c_str()) ? 1 : 0;
+}
+
+int CreateDirectoryforFile(const char* file) {
+    if (file == nullptr) return Fail(EINVAL);
+    const std::string_view path = file;
+    const size_t slash = path.rfind('/');
+    if (slash == std::string_view::npos || slash == 0) return 1;
+    return CreateDirectoryforPath(std::string(path.substr(0, slash)).c_str());
+}
+
+int RemoveDir(const char* path) {
+    if (path == nullptr) return Fail(EINVAL);
+    struct stat status = {};
+    if (lstat(path, &status) != 0) return 0;
+    if (!S_ISDIR(status.st_mode)) return Fail(ENOTDIR);
+    std::error_code error;
+    std::filesystem::remove_all(path, error);
+    return error ? Fail(error.value()) : 1;
+}
+
+int CreateCopyFile(const char* source, const char* destination, int failIfExists) {
+    struct stat status = {};
+    if (source == nullptr || destination == nullptr) return Fail(EINVAL);
+    if (failIfExists != 0 && lstat(destination, &status) == 0) return Fail(EEXIST);
+
+    std::string content;
+    const File in(source, O_RDONLY);
+    if (!in || fstat(in.Get(), &status) != 0 || !ReadWhole(in.Get(), content)) return 0;
+
+    const int exclusive = failIfExists != 0 ? O_EXCL : 0;
+    File out(destination, O_WRONLY | O_CREAT | O_TRUNC | exclusive, static_cast<int>(status.st_mode & 07777));
+    if (!out) return 0;
+    if (WriteWhole(out.Get(), content) && out.Close()) return 1;
+    const int error = GetRecentErrno();
+    unlink(destination);
+    return Fail(error);
+}
+
+char* _fullpath(char* out, const char* path, uint32_t size) {
+    if (path == nullptr || strlen(path) > kLongestPath) {
+        SetRecentErrno(EINVAL);
+        return nullptr;
+    }
+    std::string whole;
+    if (path[0] != '/') {
+        char current[PATH_MAX];
+        if (getcwd(current, sizeof(current)) == nullptr) return nullptr;
+        whole.append(current).append("/");
+    }
+    whole = Canonical(whole.append(path));
+    if (whole.size() > kLongestPath) {
+        SetRecentErrno(EINVAL);
+        return nullptr;
+    }
+    if (out != nullptr && whole.size() >= size) {
+        SetRecentErrno(ERANGE);
+        return nullptr;
+    }
+    char* const result = out != nullptr ? out : static_cast<char*>(malloc(kLongestPath + 1));
+    if (result != nullptr) memcpy(result, whole.c_str(), whole.size() + 1);
+    return result;
+}

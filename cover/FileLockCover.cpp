@@ -1,0 +1,136 @@
+#include "cover/FileLockCover.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <utility>
+
+#include "cover/ErrorCover.h"
+#include "cover/FileCover.h"
+#include "cover/SignalCover.h"
+#include "cover/TimerCover.h"
+
+namespace {
+
+struct FreeText {
+    void operator()(char* text) const { free(text); }
+};
+
+/// The stream's lock, given back at the end of the scope unless kept. A worker may be cancelled while it waits for the
+/// record lock, so the release must be part of unwinding.
+class StreamLock {
+public:
+    explicit StreamLock(FILE* heldStream) : stream_(heldStream) {}
+    StreamLock(const StreamLock&) = delete;
+    StreamLock& operator=(const StreamLock&) = delete;
+    ~StreamLock() {
+        if (stream_ == nullptr) return;
+        const int error = GetRecentErrno();
+        funlockfile(stream_);
+        SetRecentErrno(error);
+    }
+    void Keep() { stream_ = nullptr; }
+
+private:
+    FILE* stream_;
+};
+
+int LockForEver(_FLKHANDLE* handle) {
+    flockfile(handle->stream);
+    StreamLock lock(handle->stream);
+    if (FileLockCntl(handle, kFileLockWrite, 0) != kLockDone) return 0;
+    lock.Keep();
+    return 1;
+}
+
+int TryLock(_FLKHANDLE* handle) {
+    if (ftrylockfile(handle->stream) != 0) return kLockBusy;
+    StreamLock lock(handle->stream);
+    const int result = FileLockCntl(handle, kFileLockWrite, 1);
+    if (result == kLockDone) lock.Keep();
+    return result;
+}
+
+int Fail(int error) {
+    SetRecentErrno(error);
+    return 0;
+}
+
+int LockWithin(_FLKHANDLE* handle, uint32_t timeoutMs) {
+    TimeLimit limit = {};
+    MakeLimitTime(&limit, timeoutMs);
+    for (bool first = true;; first = false) {
+        if (IsTermWithSignal(timeoutMs) != 0) return Fail(EINTR);
+        const int result = TryLock(handle);
+        if (result == kLockDone) {
+            if (first) Sleep(1);
+            return 1;
+        }
+        if (result == kLockError) return 0;
+        if (LimitPassed(limit)) return Fail(ETIMEDOUT);
+        IntervalSleep(timeoutMs, 100, 50);
+    }
+}
+
+}  // namespace
+
+_FLKHANDLE* OpenFLock(const char* path) {
+    const std::unique_ptr<char, FreeText> absolute(_fullpath(nullptr, path, 0));
+    if (absolute == nullptr || CreateDirectoryforFile(absolute.get()) == 0) return nullptr;
+    std::unique_ptr<_FLKHANDLE> handle(new (std::nothrow) _FLKHANDLE{-1, O_RDWR | O_CREAT, nullptr});
+    if (handle == nullptr) {
+        SetRecentErrno(ENOMEM);
+        return nullptr;
+    }
+    handle->fd = FileOpen(absolute.get(), handle->flags, 0666);
+    if (handle->fd < 0) return nullptr;
+    handle->stream = fdopen(handle->fd, "a");
+    if (handle->stream == nullptr) {
+        const int error = GetRecentErrno();
+        close(handle->fd);
+        SetRecentErrno(error);
+        return nullptr;
+    }
+    return handle.release();
+}
+
+int LockFLock(_FLKHANDLE* handle, uint32_t timeoutMs) {
+    if (handle == nullptr || handle->stream == nullptr) return Fail(EINVAL);
+    return timeoutMs == kInfinite ? LockForEver(handle) : LockWithin(handle, timeoutMs);
+}
+
+int UnlockFLock(_FLKHANDLE* handle) {
+    if (handle == nullptr || handle->stream == nullptr) return Fail(EINVAL);
+    const StreamLock lock(handle->stream);
+    return FileLockCntl(handle, kFileLockUnlock, 1) == kLockDone ? 1 : 0;
+}
+
+void CloseFLock(_FLKHANDLE* handle) {
+    if (handle == nullptr) return;
+    if (handle->stream != nullptr) fclose(handle->stream);
+    handle->fd = -1;
+    delete handle;
+}
+
+int FileLockCntl(_FLKHANDLE* handle, int type, int noWait) {
+    constexpr short kTypes[] = {F_RDLCK, F_WRLCK, F_UNLCK};
+    if (handle == nullptr || type < kFileLockRead || type > kFileLockUnlock) {
+        SetRecentErrno(EINVAL);
+        return kLockError;
+    }
+    struct flock whole = {};
+    whole.l_type = kTypes[type];
+    whole.l_whence = SEEK_SET;
+    while (fcntl(handle->fd, noWait != 0 ? F_SETLK : F_SETLKW, &whole) != 0) {
+        const int error = GetRecentErrno();
+        if (error == EINTR) continue;  // a signal of the host's, not the end of the wait
+        if (error != EACCES && error != EAGAIN) return kLockError;
+        SetRecentErrno(EAGAIN);
+        return kLockBusy;
+    }
+    return kLockDone;
+}

@@ -1,0 +1,142 @@
+#include "cover/FileCover.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+#include <thread>
+
+#include "cover/ErrorCover.h"
+#include "tests/support/TempDirectory.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string FullPath(const std::string& path) {
+    struct Freed {
+        void operator()(char* text) const { free(text); }
+    };
+    const std::unique_ptr<char, Freed> full(_fullpath(nullptr, path.c_str(), 0));
+    return full != nullptr ? full.get() : "(failed)";
+}
+
+TEST(FullPath, IsCanonical) {
+    const TempDirectory directory;
+    const fs::path before = fs::current_path();
+    fs::current_path(directory.Path("."));
+    const std::string here = fs::current_path().string();
+    EXPECT_EQ(here + "/b/c", FullPath("a/../b/./c"));
+    EXPECT_EQ(here, FullPath(""));
+    fs::current_path(before);
+    for (const auto& [path, full] : {std::pair<const char*, const char*>{"/x//y/", "/x/y"},
+                                     {"/..", "/"},
+                                     {"/x/../../y", "/y"},
+                                     {"/...", "/..."},
+                                     {"/x/..y/.z", "/x/..y/.z"},
+                                     {"/", "/"}}) {
+        EXPECT_EQ(full, FullPath(path));
+    }
+}
+
+TEST(FullPath, KeepsToItsLengths) {
+    const std::string longest = "/" + std::string(254, 'x');
+    EXPECT_EQ(longest, FullPath(longest));
+    SetRecentErrno(0);
+    EXPECT_EQ("(failed)", FullPath(longest + "x"));
+    EXPECT_EQ(EINVAL, GetRecentErrno());
+    EXPECT_EQ("(failed)", FullPath(std::string(254, 'x'))) << "too long with the current directory";
+
+    char out[4] = "";
+    EXPECT_EQ(out, _fullpath(out, "/x/.", sizeof(out)));
+    EXPECT_STREQ("/x", out);
+    EXPECT_EQ(nullptr, _fullpath(out, "/abc", sizeof(out))) << "no room for the end";
+    EXPECT_EQ(ERANGE, GetRecentErrno());
+}
+
+TEST(Copy, KeepsContentAndMode) {
+    const TempDirectory directory;
+    const std::string content = std::string(200'000, 'c') + "end";
+    const std::string source = directory.AddFile("source", content);
+    chmod(source.c_str(), 0640);
+    const std::string destination = directory.AddFile("destination", std::string(300'000, 'o'));
+    fs::remove(destination + ".new");
+
+    EXPECT_EQ(0, CreateCopyFile(source.c_str(), destination.c_str(), 1));
+    EXPECT_EQ(EEXIST, GetRecentErrno());
+    EXPECT_EQ(300'000U, fs::file_size(destination)) << "left as it was";
+
+    EXPECT_EQ(1, CreateCopyFile(source.c_str(), destination.c_str(), 0));
+    EXPECT_EQ(content, directory.ReadFile("destination"));
+    EXPECT_EQ(1, CreateCopyFile(source.c_str(), (destination + ".new").c_str(), 1));
+    EXPECT_EQ(fs::perms{0640}, fs::status(destination + ".new").permissions());
+
+    EXPECT_EQ(0, CreateCopyFile(directory.Path("none").c_str(), destination.c_str(), 0));
+    EXPECT_EQ(ENOENT, GetRecentErrno());
+    EXPECT_EQ(content, directory.ReadFile("destination")) << "nothing truncated for a source that is not there";
+}
+
+TEST(Copy, FailedWriteLeavesNothing) {
+    const TempDirectory directory;
+    const std::string source = directory.AddFile("source", std::string(100'000, 'c'));
+    const pid_t child = fork();
+    if (child == 0) {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit small = {4096, 4096};
+        setrlimit(RLIMIT_FSIZE, &small);
+        _exit(CreateCopyFile(source.c_str(), directory.Path("copy").c_str(), 0) == 0 && GetRecentErrno() == EFBIG ? 0
+                                                                                                                  : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(0, status);
+    EXPECT_FALSE(directory.Exists("copy"));
+}
+
+TEST(Directories, AreMadeAndRemovedWhole) {
+    const TempDirectory directory;
+    const std::string deep = directory.Path("a/b/c");
+    EXPECT_EQ(0, CreateNewDirectory(deep.c_str())) << "one at a time only";
+    EXPECT_EQ(1, CreateDirectoryforFile((deep + "/file").c_str()));
+    EXPECT_EQ(1, CreateDirectoryforPath((deep + "//d/").c_str()));
+    EXPECT_TRUE(fs::is_directory(deep + "/d"));
+    directory.AddFile("a/file", "x");
+    EXPECT_EQ(0, CreateDirectoryforPath(directory.Path("a/file").c_str()));
+    EXPECT_EQ(ENOTDIR, GetRecentErrno());
+
+    directory.AddFile("outside", "kept");
+    fs::create_symlink(directory.Path("outside"), deep + "/link");
+    EXPECT_EQ(0, RemoveDir(directory.Path("a/file").c_str())) << "not a directory";
+    EXPECT_EQ(1, RemoveDir(directory.Path("a").c_str()));
+    EXPECT_FALSE(directory.Exists("a"));
+    EXPECT_EQ("kept", directory.ReadFile("outside"));
+    EXPECT_EQ(0, RemoveDir(directory.Path("a").c_str()));
+    EXPECT_EQ(ENOENT, GetRecentErrno());
+}
+
+TEST(ReadAndWrite, GoOnUntilAllIsDone) {
+    int ends[2];
+    ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
+    const std::string sent(300'000, 's');  // several times what a pipe holds
+    std::thread writer([&] {
+        EXPECT_EQ(static_cast<int>(sent.size()), FileWrite(ends[1], sent.data(), static_cast<uint32_t>(sent.size())));
+        close(ends[1]);
+    });
+    std::string got(sent.size() + 10, '?');
+    EXPECT_EQ(static_cast<int>(sent.size()), FileRead(ends[0], got.data(), static_cast<uint32_t>(got.size())));
+    writer.join();
+    EXPECT_EQ(sent, got.substr(0, sent.size()));
+    close(ends[0]);
+    EXPECT_EQ(-1, FileRead(ends[0], got.data(), 1));
+    EXPECT_EQ(-1, FileWrite(ends[1], got.data(), 1));
+    EXPECT_EQ(EBADF, GetRecentErrno());
+}
+
+}  // namespace
