@@ -1,0 +1,180 @@
+// Opening and locking of configuration files, and the names beside them.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+#include "common/PXR_config_internal.h"
+#include "common/PXR_function_numbers.h"
+#include "common/PXR_result.h"
+#include "libplatform/PXR_config.h"
+#include "libplatform/PXR_syscall.h"
+
+namespace {
+
+constexpr uint32_t kCannotOpen = MakeResult(fn::kFileOpen, Reason::FileRead);
+constexpr uint32_t kCannotLock = MakeResult(fn::kFileOpen, Reason::FileLock);
+static_assert(kCannotOpen == 0x61E51301 && kCannotLock == 0x61E51304);
+
+constexpr mode_t kNewFileMode = 0644;
+constexpr size_t kCopyBlock = 1024;
+
+bool IsReadOnly(int flags) {
+    return (flags & O_ACCMODE) == O_RDONLY;
+}
+
+/// Opens a regular file and nothing else. Looking first keeps devices from being touched at all; looking again at what
+/// was opened, without waiting for a pipe's other end, covers a name that changes in between.
+FileDescriptor OpenRegular(const char* path, int flags) {
+    struct stat info {};
+    if (stat(path, &info) == 0 && !S_ISREG(info.st_mode)) return FileDescriptor();
+    FileDescriptor fd(PXR_open(path, (flags & ~O_TRUNC) | O_NONBLOCK | O_NOCTTY, kNewFileMode));
+    if (fd && (fstat(fd.Get(), &info) != 0 || !S_ISREG(info.st_mode))) fd.Close();
+    return fd;
+}
+
+/// Locks belong to the open file, not to the process: closing another descriptor of the same file must not drop them,
+/// and threads must exclude each other. They exclude the classic process locks of other programs as well.
+int SetLock(int fd, short type) {
+    struct flock lock {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    return fcntl(fd, F_OFD_SETLK, &lock);
+}
+
+bool WaitForLock(int fd, short type) {
+    fsync(fd);
+    while (SetLock(fd, type) != 0) {
+        if (errno == EINTR) continue;
+        if ((errno != EAGAIN && errno != EACCES) || !PauseBeforeRetry()) return false;
+    }
+    fsync(fd);
+    return true;
+}
+
+/// A writer replaces the file by renaming a new one over it. Who waited for the lock meanwhile now holds it on the old
+/// file, which nobody else will ever see.
+bool IsStillNamed(int fd, const char* path) {
+    struct stat opened {};
+    struct stat named {};
+    return fstat(fd, &opened) == 0 && stat(path, &named) == 0 && opened.st_dev == named.st_dev &&
+           opened.st_ino == named.st_ino;
+}
+
+/// @param code  set to the failure when none is returned
+FileDescriptor OpenLocked(const char* path, int flags, uint32_t& code) {
+    const short lockType = IsReadOnly(flags) ? F_RDLCK : F_WRLCK;
+    for (;;) {
+        FileDescriptor fd = OpenRegular(path, flags);
+        code = kCannotOpen;
+        if (!fd) return fd;
+        code = kCannotLock;
+        if (!WaitForLock(fd.Get(), lockType)) return FileDescriptor();
+        if (IsStillNamed(fd.Get(), path)) return fd;
+        if (IsTerminateProcess() != 0) return FileDescriptor();
+    }
+}
+
+/// What is asked of an open file only once it is locked.
+bool FinishOpen(int fd, int flags) {
+    if ((flags & O_TRUNC) != 0 && !IsReadOnly(flags) && ftruncate(fd, 0) != 0) return false;
+    return (flags & O_NONBLOCK) != 0 || fcntl(fd, F_SETFL, flags & O_APPEND) == 0;
+}
+
+bool CopyBlocks(int from, int to) {
+    char block[kCopyBlock];
+    for (off_t position = 0;;) {
+        const ssize_t count = pread(from, block, sizeof(block), position);
+        if (count == 0) return true;
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0 || PXR_write(to, block, static_cast<uint32_t>(count)) < 0) return false;
+        position += count;
+    }
+}
+
+/// Copies content, then permissions: until then the copy is the owner's alone.
+bool CopyWhole(int from, int to) {
+    struct stat info {};
+    return CopyBlocks(from, to) && fstat(from, &info) == 0 && fchmod(to, info.st_mode & 07777) == 0 && fsync(to) == 0;
+}
+
+}  // namespace
+
+int PXR_file_open(const char* path, int flags, int* error) {
+    uint32_t code = MakeResult(fn::kFileOpen, Reason::NullArgument);
+    if (path != nullptr) {
+        FileDescriptor fd = OpenLocked(path, flags, code);
+        if (fd && FinishOpen(fd.Get(), flags)) return fd.Release();
+        if (fd) code = kCannotOpen;
+    }
+    PXR_ReportError(code);
+    if (error != nullptr) *error = static_cast<int>(code);
+    return -1;
+}
+
+int PXR_file_close(int fd) {
+    // Unlocked by hand: a child that was forked meanwhile may still hold the open file.
+    SetLock(fd, F_UNLCK);
+    return close(fd);
+}
+
+int PXR_file_stream_close(FILE* stream) {
+    if (stream == nullptr) {
+        errno = EBADF;
+        return -1;
+    }
+    const int flushed = fflush(stream);
+    const int error = errno;
+    SetLock(fileno(stream), F_UNLCK);
+    const int closed = fclose(stream);
+    if (flushed != 0) errno = error;
+    return flushed == 0 && closed == 0 ? 0 : -1;
+}
+
+void PXR_make_tmpfile(char* buffer, const char* path, const char* suffix) {
+    if (buffer == nullptr) return;
+    buffer[0] = '\0';
+    if (path == nullptr || suffix == nullptr) return;
+    std::string_view base = path;
+    const size_t slash = base.rfind('/');
+    const size_t dot = base.rfind('.');
+    if (dot != std::string_view::npos && (slash == std::string_view::npos || dot > slash)) base = base.substr(0, dot);
+    const size_t suffixSize = strlen(suffix) + 1;
+    if (base.size() + suffixSize > PATH_MAX) return;
+    memcpy(buffer, base.data(), base.size());
+    memcpy(buffer + base.size(), suffix, suffixSize);
+}
+
+int PXR_copy_fd2file(int fd, const char* path) {
+    if (path == nullptr) return EFAULT;
+    const int removed = PXR_unlink(path);
+    if (removed != 0 && removed != ENOENT) return removed;
+    FileDescriptor copy(open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!copy) return errno;
+    if (CopyWhole(fd, copy.Get()) && copy.Close() == 0) return 0;
+    const int error = errno;
+    PXR_unlink(path);
+    return error;
+}
+
+namespace cfg {
+
+uint32_t LockedFile::Open(const char* path, int flags) {
+    int error = 0;
+    fd_ = PXR_file_open(path, flags, &error);
+    return fd_ >= 0 ? 0 : static_cast<uint32_t>(error);
+}
+
+bool MakeBackup(const char* path, int fd) {
+    char backup[PATH_MAX];
+    PXR_make_tmpfile(backup, path, ".bak");
+    if (backup[0] == '\0' || strcmp(backup, path) == 0) return false;
+    return PXR_copy_fd2file(fd, backup) == 0;
+}
+
+}  // namespace cfg

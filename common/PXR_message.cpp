@@ -1,0 +1,241 @@
+#include "libplatform/PXR_message.h"
+
+#include <syslog.h>
+
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+
+#include "common/PXR_message_internal.h"
+#include "common/PXR_result.h"
+#include "common/PXR_trace_internal.h"
+#include "libplatform/PXR_catalogue.h"
+#include "libplatform/PXR_trace.h"
+
+// The texts of the catalogues are the formats here; the compiler cannot know them.
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+
+namespace {
+
+constexpr int kErrorTextSet = 1;
+constexpr size_t kTraceTextSize = 448;  // what PXR_output_message_trace keeps of a text, terminator included
+constexpr char kIdentity[] = "pxragt";  // kept by openlog, so it must live for ever
+
+struct FreeText {
+    void operator()(char* text) const { free(text); }
+};
+using OwnedText = std::unique_ptr<char, FreeText>;
+
+const char* TextOf(const OwnedText& text) {
+    return text == nullptr ? "" : text.get();
+}
+
+char SeverityOfCode(uint32_t code) {
+    switch (code >> 26 & 3) {
+        case 1:
+            return 'W';
+        case 2:
+            return 'E';
+        default:
+            return 'C';
+    }
+}
+
+char SeverityOfPriority(int priority) {
+    if (priority <= LOG_ERR) return 'E';
+    return priority == LOG_WARNING ? 'W' : 'I';
+}
+
+/// @param error  the catalogue's, when there is no text
+OwnedText FetchMessage(const char* catalogue, int set, int number, uint32_t& error) {
+    char* text = nullptr;
+    error = GetCatMessageCollectLocale(catalogue, set, number, &text);
+    return OwnedText(text);
+}
+
+int PrintMessage(FILE* stream, const char* format, va_list args) {
+    if (stream == nullptr) return EOF;
+    vfprintf(stream, format, args);
+    fputc('\n', stream);
+    return fflush(stream);
+}
+
+// ---- system log ----
+
+enum class Output { SystemLog, Stream, Nowhere };
+
+std::mutex g_outputMutex;  // guards the two below, and keeps openlog to closelog in one thread
+Output g_output = Output::SystemLog;
+FILE* g_stream = nullptr;
+
+bool IsOutputDisabled() {
+    const std::lock_guard lock(g_outputMutex);
+    return g_output == Output::Nowhere;
+}
+
+// The identity is this line's alone: afterwards the process speaks under its own name and the usual facility again.
+// (What a host has set with openlog itself cannot be asked for, so it cannot be restored.)
+void WriteSystemLog(int priority, const char* head, const char* text) {
+    openlog(kIdentity, 0, LOG_USER);
+    syslog(LOG_DAEMON | priority, "%s %s", head, text);
+    closelog();
+}
+
+void WriteOutput(int priority, const char* head, const char* text) {
+    const std::lock_guard lock(g_outputMutex);
+    switch (g_output) {
+        case Output::SystemLog:
+            WriteSystemLog(priority, head, text);
+            break;
+        case Output::Stream:
+            fprintf(g_stream, "%s\n", text);
+            fflush(g_stream);
+            break;
+        case Output::Nowhere:
+            break;
+    }
+}
+
+/// Copies of the inserts of a message, in one list that frees them.
+class Inserts {
+public:
+    Inserts(int count, va_list args) : texts_(static_cast<char**>(calloc(Slots(count), sizeof(char*)))) {
+        for (; texts_ != nullptr && count_ < count; ++count_) {
+            const char* text = va_arg(args, const char*);
+            texts_[count_] = strdup(text == nullptr ? "" : text);
+            complete_ = texts_[count_] != nullptr;
+            if (!complete_) break;
+        }
+    }
+    Inserts(const Inserts&) = delete;
+    Inserts& operator=(const Inserts&) = delete;
+    ~Inserts() {
+        for (int i = 0; i < count_; ++i)
+            free(texts_[i]);
+        free(texts_);
+    }
+    bool Complete() const { return texts_ != nullptr && complete_; }
+    const char** Texts() const { return const_cast<const char**>(texts_); }
+    /// The texts with blanks between them: what is left to say when the catalogue is lost.
+    OwnedText Joined() const {
+        char* joined = strdup("");
+        for (int i = 0; i < count_ && joined != nullptr; ++i) {
+            const OwnedText before(joined);
+            if (asprintf(&joined, "%s%s%s", before.get(), i == 0 ? "" : " ", texts_[i]) < 0) joined = nullptr;
+        }
+        return OwnedText(joined);
+    }
+    int Count() const { return count_; }
+
+private:
+    static size_t Slots(int count) { return count > 0 ? static_cast<size_t>(count) : 1; }
+
+    char** texts_;
+    int count_ = 0;
+    bool complete_ = true;
+};
+
+}  // namespace
+
+char* PXR_GetErrCodeString(uint32_t code) {
+    char* text = nullptr;
+    const int length =
+        asprintf(&text, "QNTR %X%04X-%c %03X", code >> 28, code & 0xFFFF, SeverityOfCode(code), code >> 16 & 0x3FF);
+    return length < 0 ? nullptr : text;
+}
+
+char* PXR_GetErrCodeMes(const char* catalogue, uint32_t numberOrCode) {
+    char* text = nullptr;
+    const int number = static_cast<int>(numberOrCode & 0xFFFF);
+    return GetCatMessageLocale(catalogue, kErrorTextSet, number, &text) == 0 ? text : nullptr;
+}
+
+int PXR_output_message(FILE* stream, const char* catalogue, int set, int number, ...) {
+    uint32_t error = 0;
+    const OwnedText format = FetchMessage(catalogue, set, number, error);
+    if (format == nullptr) return static_cast<int>(error);
+    va_list args;
+    va_start(args, number);
+    const int result = PrintMessage(stream, format.get(), args);
+    va_end(args);
+    return result;
+}
+
+int PXR_output_message_trace(FILE* stream, const char* catalogue, int set, int number, ...) {
+    uint32_t error = 0;
+    const OwnedText format = FetchMessage(catalogue, set, number, error);
+    if (format == nullptr) return static_cast<int>(error);
+    va_list args;
+    va_start(args, number);
+    const int result = PrintMessage(stream, format.get(), args);
+    va_end(args);
+    char text[kTraceTextSize];
+    va_start(args, number);
+    vsnprintf(text, sizeof text, format.get(), args);
+    va_end(args);
+    PXR_Single_trace(PXR_TRACE_MASK_TOOL_FILE, "%s\n", text);
+    return result;
+}
+
+int PXR_sprint_message(char* buffer, const char* catalogue, int set, int number, ...) {
+    uint32_t error = 0;
+    const OwnedText format = FetchMessage(catalogue, set, number, error);
+    if (format == nullptr) return static_cast<int>(error);
+    va_list args;
+    va_start(args, number);
+    vsprintf(buffer, format.get(), args);
+    va_end(args);
+    return 0;
+}
+
+void PXR_syslog_message(int priority, const char* catalogue, int set, int number, int count, ...) {
+    const trace::Bracket bracket;
+    if (IsOutputDisabled()) return;
+    va_list args;
+    va_start(args, count);
+    const Inserts inserts(count, args);
+    va_end(args);
+    if (!inserts.Complete()) return;
+    char* text = nullptr;
+    GetCatInsMessage(kLocaleNeutral, catalogue, set, number, inserts.Count(), inserts.Texts(), "", &text);
+    const OwnedText message = text != nullptr ? OwnedText(text) : inserts.Joined();
+    char head[32];
+    snprintf(head, sizeof head, "WXPLG%04dA%c-%c", number, trace::OriginLetter(), SeverityOfPriority(priority));
+    WriteOutput(priority, head, TextOf(message));
+}
+
+void PXR_WriteSyslogLine(int priority, const char* head, const char* text) {
+    const trace::Bracket bracket;
+    WriteOutput(priority, head, text);
+}
+
+void PXR_set_syslog_output(FILE* stream) {
+    const std::lock_guard lock(g_outputMutex);
+    g_output = stream == nullptr ? Output::SystemLog : Output::Stream;
+    g_stream = stream;
+}
+
+void PXR_disable_syslog_output() {
+    const std::lock_guard lock(g_outputMutex);
+    g_output = Output::Nowhere;
+}
+
+uint32_t PXR_ReportError(uint32_t code, std::source_location where) {
+    // The text of a report comes from a catalogue; what goes wrong there is not reported in turn.
+    static thread_local bool reporting = false;
+    if (!trace::ReachesDaemon() || reporting) return code;
+    const trace::Bracket bracket;
+    struct Reporting {
+        Reporting() { reporting = true; }
+        Reporting(const Reporting&) = delete;
+        Reporting& operator=(const Reporting&) = delete;
+        ~Reporting() { reporting = false; }
+    } const inProgress;
+    const OwnedText message(PXR_GetErrCodeMes("KvAgent.cat", code));
+    const OwnedText printed(PXR_GetErrCodeString(code));
+    PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "%s %s (%d)\n", TextOf(printed), TextOf(message),
+              static_cast<int>(where.line()));
+    return code;
+}

@@ -1,0 +1,228 @@
+// Configuration files under competition and sudden death: whoever looks finds a whole file, and no update is lost.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "libplatform/PXR_config.h"
+#include "libplatform/PXR_syscall.h"
+#include "tests/support/TempDirectory.h"
+
+namespace {
+
+using std::string;
+
+constexpr int kProcesses = 8;
+constexpr int kRounds = 500;
+
+PXR_config_file<9> table = {nullptr,
+                            "[ServerAgent%s_CRASH]",
+                            "0350",
+                            "Crash Test File",
+                            {{1, "Key1", 1, -1, 0, 0, kRounds, PXR_CFG_NUMBER, {.number = 0}, 0, {0, 0}},
+                             {2, "Key2", 1, -1, 0, 0, kRounds, PXR_CFG_NUMBER, {.number = 0}, 0, {0, 0}},
+                             {3, "Key3", 1, -1, 0, 0, kRounds, PXR_CFG_NUMBER, {.number = 0}, 0, {0, 0}},
+                             {4, "Key4", 1, -1, 0, 0, kRounds, PXR_CFG_NUMBER, {.number = 0}, 0, {0, 0}},
+                             {5, "Key5", 1, -1, 0, 0, kRounds, PXR_CFG_NUMBER, {.number = 0}, 0, {0, 0}},
+                             {6, "Key6", 1, -1, 0, 0, kRounds, PXR_CFG_NUMBER, {.number = 0}, 0, {0, 0}},
+                             {7, "Key7", 1, -1, 0, 0, kRounds, PXR_CFG_NUMBER, {.number = 0}, 0, {0, 0}},
+                             {8, "Key8", 1, -1, 0, 0, kRounds, PXR_CFG_NUMBER, {.number = 0}, 0, {0, 0}},
+                             {}}};
+
+string FileWith(const std::function<int(int)>& value) {
+    string content = "[ServerAgent0350_CRASH]\n";
+    for (int key = 1; key <= kProcesses; ++key) {
+        content += "Key" + std::to_string(key) + "\t= " + std::to_string(value(key)) + "\t# of process " +
+                   std::to_string(key) + "\n" + string(1100, '#') + "\n";
+    }
+    return content + "# end of file\n";
+}
+
+class ConfigCrash : public testing::Test {
+protected:
+    ConfigCrash() { table.path = path_.c_str(); }
+
+    TempDirectory directory_;
+    string path_ = directory_.Path("crash.cfg");
+};
+
+pid_t Fork(const std::function<int()>& body) {
+    const pid_t child = fork();
+    if (child == 0) _exit(body());
+    return child;
+}
+
+int WaitFor(pid_t child) {
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
+}
+
+/// One process: only its own key has a slot, so that every rewrite copies what the others wrote.
+int RewriteOwnKey(uint32_t key) {
+    PXR_config_data own[] = {PXR_CFG_SLOT(key), PXR_CFG_SLOT(0)};
+    PXR_config_data all[] = {PXR_CFG_SLOT(1), PXR_CFG_SLOT(2), PXR_CFG_SLOT(3), PXR_CFG_SLOT(4), PXR_CFG_SLOT(5),
+                             PXR_CFG_SLOT(6), PXR_CFG_SLOT(7), PXR_CFG_SLOT(8), PXR_CFG_SLOT(0)};
+    PXR_init_cfgdata(table.Table(), own);
+    for (int round = 1; round <= kRounds; ++round) {
+        own[0].value.number = round;
+        if (PXR_write_cfgfile(table.Table(), own) != 0) return 1;
+        for (PXR_config_data& slot : all)
+            slot.value.number = -1;
+        if (PXR_read_cfgfile(table.Table(), all) != 0) return 2;
+        for (int other = 0; other < kProcesses; ++other) {
+            if (all[other].value.number < 0) return 3;  // a line was missing
+        }
+        if (all[key - 1].value.number != round) return 4;  // somebody wrote from what was no longer the file
+    }
+    return 0;
+}
+
+TEST_F(ConfigCrash, EightProcessesLoseNothing) {
+    directory_.AddFile("crash.cfg", FileWith([](int) { return 0; }));
+    std::vector<pid_t> children;
+    for (uint32_t key = 1; key <= kProcesses; ++key)
+        children.push_back(Fork([=] { return RewriteOwnKey(key); }));
+    for (const pid_t child : children)
+        EXPECT_EQ(0, WaitFor(child));
+    EXPECT_EQ(FileWith([](int) { return kRounds; }), directory_.ReadFile("crash.cfg"));
+    EXPECT_FALSE(directory_.Exists("crash.tmp"));
+}
+
+/// Runs a rewrite under trace and kills it when it is about to make, or has just made, its stop-th half system call.
+/// @return false when the rewrite came to its end before
+bool KilledAt(int stop, PXR_config_data* values) {
+    const pid_t child = Fork([=] {
+        ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+        raise(SIGSTOP);
+        return PXR_write_cfgfile(table.Table(), values) == 0 ? 0 : 1;
+    });
+    int status = WaitFor(child);
+    for (int i = 0; i < stop && WIFSTOPPED(status); ++i) {
+        ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
+        status = WaitFor(child);
+    }
+    if (!WIFSTOPPED(status)) {
+        EXPECT_EQ(0, status);
+        return false;
+    }
+    kill(child, SIGKILL);
+    EXPECT_TRUE(WIFSIGNALED(WaitFor(child)));
+    return true;
+}
+
+TEST_F(ConfigCrash, DeathAtAnySystemCallLeavesTheOldOrTheNewFile) {
+    const string before = FileWith([](int) { return 1; });
+    const string after = FileWith([](int) { return 2; });
+    PXR_config_data values[] = {PXR_CFG_SLOT(1), PXR_CFG_SLOT(2), PXR_CFG_SLOT(3), PXR_CFG_SLOT(4), PXR_CFG_SLOT(5),
+                                PXR_CFG_SLOT(6), PXR_CFG_SLOT(7), PXR_CFG_SLOT(8), PXR_CFG_SLOT(0)};
+    PXR_init_cfgdata(table.Table(), values);
+    for (PXR_config_data& slot : values)
+        slot.value.number = 2;
+
+    int outcomes[2] = {};
+    bool replaced = false;
+    int stop = 1;
+    for (;; ++stop) {
+        directory_.AddFile("crash.cfg", before);
+        if (!KilledAt(stop, values)) break;
+        const string left = directory_.ReadFile("crash.cfg");
+        ASSERT_TRUE(left == before || left == after) << "killed at " << stop << ": " << left.size() << " bytes";
+        EXPECT_FALSE(replaced && left == before) << "back to the old file at " << stop;
+        replaced = left == after;
+        ++outcomes[replaced ? 1 : 0];
+        // What the dead process left behind stands in nobody's way.
+        ASSERT_EQ(0U, PXR_write_cfgfile(table.Table(), values));
+        EXPECT_EQ(after, directory_.ReadFile("crash.cfg"));
+        EXPECT_FALSE(directory_.Exists("crash.tmp"));
+    }
+    EXPECT_GT(outcomes[0], 20);
+    EXPECT_GT(outcomes[1], 2);
+}
+
+TEST_F(ConfigCrash, WhoWaitedForAReplacedFileGetsTheNewOne) {
+    directory_.AddFile("crash.cfg", "old");
+    const int first = PXR_file_open(path_.c_str(), O_RDWR, nullptr);
+    ASSERT_LE(0, first);
+    std::atomic<bool> started{false};
+    string seen;
+    std::thread waiter([&] {
+        started = true;
+        const int fd = PXR_file_open(path_.c_str(), O_RDONLY, nullptr);
+        char text[8] = "";
+        EXPECT_EQ(3, PXR_read(fd, text, sizeof(text)));
+        seen = text;
+        EXPECT_EQ(0, PXR_file_close(fd));
+    });
+    while (!started)
+        std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(3));
+    EXPECT_EQ("", seen);
+    directory_.AddFile("new", "new");
+    EXPECT_EQ(0, PXR_renameall(directory_.Path("new").c_str(), path_.c_str()));
+    EXPECT_EQ(0, PXR_file_close(first));
+    waiter.join();
+    EXPECT_EQ("new", seen);
+}
+
+/// Whether another process could lock the file now.
+bool IsLockable(const string& path, int flags, short type) {
+    const int fd = open(path.c_str(), flags | O_CLOEXEC);
+    struct flock lock {};
+    lock.l_type = type;
+    const bool free = fcntl(fd, F_OFD_SETLK, &lock) == 0;
+    close(fd);
+    return free;
+}
+
+TEST_F(ConfigCrash, ReadersShareWritersExcludeAndClosingFrees) {
+    directory_.AddFile("crash.cfg", "text");
+    const int reader = PXR_file_open(path_.c_str(), O_RDONLY, nullptr);
+    ASSERT_LE(0, reader);
+    EXPECT_TRUE(IsLockable(path_, O_RDONLY, F_RDLCK));
+    EXPECT_FALSE(IsLockable(path_, O_RDWR, F_WRLCK));
+    // Another descriptor of the process, closed meanwhile, takes no lock away.
+    close(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_FALSE(IsLockable(path_, O_RDWR, F_WRLCK));
+    // A child that still has the open file keeps no lock either.
+    const pid_t child = Fork([] { return pause(); });
+    EXPECT_EQ(0, PXR_file_close(reader));
+    EXPECT_TRUE(IsLockable(path_, O_RDWR, F_WRLCK));
+    kill(child, SIGKILL);
+    WaitFor(child);
+
+    const int writer = PXR_file_open(path_.c_str(), O_RDWR, nullptr);
+    ASSERT_LE(0, writer);
+    EXPECT_FALSE(IsLockable(path_, O_RDONLY, F_RDLCK));
+    FILE* const stream = fdopen(writer, "r+");
+    ASSERT_NE(nullptr, stream);
+    fputs("TEXT", stream);
+    EXPECT_EQ(0, PXR_file_stream_close(stream));
+    EXPECT_TRUE(IsLockable(path_, O_RDWR, F_WRLCK));
+    EXPECT_EQ("TEXT", directory_.ReadFile("crash.cfg"));
+}
+
+TEST_F(ConfigCrash, AProcessThatIsTerminatingDoesNotWaitForALock) {
+    directory_.AddFile("crash.cfg", "text");
+    const int holder = PXR_file_open(path_.c_str(), O_RDWR, nullptr);
+    ASSERT_LE(0, holder);
+    const pid_t child = Fork([&] {
+        signal(SIGALRM, [](int) { SetTerminateProcess(); });
+        ualarm(5000, 0);
+        int error = 0;
+        return PXR_file_open(path_.c_str(), O_RDONLY, &error) == -1 && error == 0x61E51304 ? 0 : 1;
+    });
+    EXPECT_EQ(0, WaitFor(child));
+    EXPECT_EQ(0, PXR_file_close(holder));
+}
+
+}  // namespace

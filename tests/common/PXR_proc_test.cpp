@@ -1,0 +1,473 @@
+#include "libplatform/PXR_proc.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "common/PXR_proc_internal.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAreArray;
+using testing::HasSubstr;
+
+/// A directory of the test's own, and the children that it leaves.
+class PxrProc : public testing::Test {
+protected:
+    void SetUp() override {
+        fs::create_directories(directory_);
+        directory_ = fs::canonical(directory_);
+    }
+    void TearDown() override {
+        for (const pid_t child : children_) {
+            kill(child, SIGKILL);
+            waitpid(child, nullptr, 0);
+        }
+        fs::remove_all(directory_);
+    }
+
+    std::string Path(const std::string& name) const { return directory_ / name; }
+
+    /// A child that runs body and ends with what it returns.
+    pid_t Fork(const std::function<int()>& body) {
+        const pid_t child = fork();
+        if (child == 0) _exit(body());
+        children_.push_back(child);
+        return child;
+    }
+    /// Exit status of a child, or 256 plus its signal.
+    int Join(pid_t child) {
+        int status = 0;
+        waitpid(child, &status, 0);
+        std::erase(children_, child);
+        return WIFSIGNALED(status) ? 256 + WTERMSIG(status) : WEXITSTATUS(status);
+    }
+    /// A process whose command is this text.
+    pid_t Spawn(const std::string& command, bool ignoresTerm = false) {
+        int ready[2];
+        EXPECT_EQ(0, pipe2(ready, O_CLOEXEC));
+        const pid_t child = Fork([&] {
+            if (ignoresTerm) signal(SIGTERM, SIG_IGN);
+            execl("/bin/sleep", command.c_str(), "100", nullptr);
+            return 1;
+        });
+        close(ready[1]);
+        char byte = 0;
+        EXPECT_EQ(0, read(ready[0], &byte, 1)) << "closed by the exec";
+        close(ready[0]);
+        return child;
+    }
+    void WriteScript(const std::string& name, const std::string& text, fs::perms mode = fs::perms::owner_all) {
+        std::ofstream(Path(name)) << text;
+        fs::permissions(Path(name), mode);
+    }
+
+    const std::string self_ = std::to_string(getpid());
+    const std::string unique_ = "kvproc" + self_;  // no other process of the machine is called so
+    fs::path directory_ = "proc_test." + self_;
+    std::vector<pid_t> children_;
+};
+
+// ---- Lock files
+
+TEST_F(PxrProc, LockKeepsASecondInstanceAway) {
+    const std::string path = Path("lock");
+    std::ofstream(path) << "left over";
+    const int fd = PXR_lock_cmd(path.c_str());
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(0u, fs::file_size(path));
+    EXPECT_EQ(FD_CLOEXEC, fcntl(fd, F_GETFD));
+    EXPECT_EQ(-1, PXR_lock_cmd(path.c_str())) << "in this process";
+    EXPECT_EQ(1, Join(Fork([&] { return PXR_lock_cmd(path.c_str()) == -1 ? 1 : 0; }))) << "in another one";
+    EXPECT_EQ(0, PXR_unlock_cmd(path.c_str(), fd));
+    EXPECT_FALSE(fs::exists(path));
+
+    umask(0);
+    EXPECT_EQ(256 + SIGKILL, Join(Fork([&] {
+                  const int held = PXR_lock_cmd(path.c_str());
+                  return held < 0 ? 1 : kill(getpid(), SIGKILL);
+              })));
+    struct stat info {};
+    ASSERT_EQ(0, stat(path.c_str(), &info));
+    EXPECT_EQ(0600u, info.st_mode & 07777);
+    const int again = PXR_lock_cmd(path.c_str());
+    EXPECT_GE(again, 0) << "the dead holder's file is in nobody's way";
+
+    // Somebody else's file under the same name stays.
+    fs::remove(path);
+    std::ofstream(path) << "new";
+    EXPECT_EQ(-1, PXR_unlock_cmd(path.c_str(), again));
+    EXPECT_TRUE(fs::exists(path));
+    fs::create_symlink(path, Path("link"));
+    EXPECT_EQ(-1, PXR_lock_cmd(Path("link").c_str()));
+    EXPECT_EQ(-1, PXR_lock_cmd(Path("no/such/directory").c_str()));
+}
+
+TEST_F(PxrProc, LockHasOneHolderWhileTheFileComesAndGoes) {
+    const std::string path = Path("lock");
+    void* shared = mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    auto* holders = new (shared) std::atomic<int>(0);
+    const auto contend = [&] {
+        int wins = 0;
+        for (int round = 0; round < 400 || wins == 0; ++round) {
+            const int fd = PXR_lock_cmd(path.c_str());
+            if (fd < 0) continue;
+            ++wins;
+            if (holders->fetch_add(1) != 0) return 1;
+            holders->fetch_sub(1);
+            if (PXR_unlock_cmd(path.c_str(), fd) != 0) return 2;
+        }
+        return 0;
+    };
+    const pid_t contenders[] = {Fork(contend), Fork(contend), Fork(contend), Fork(contend)};
+    for (const pid_t child : contenders)
+        EXPECT_EQ(0, Join(child));
+    munmap(shared, sizeof(std::atomic<int>));
+}
+
+// ---- Processes by name
+
+TEST_F(PxrProc, FindsProcessesByCommand) {
+    const std::string absolute = "/opt/velmora/lantrel/bin/" + unique_;
+    const pid_t byPath = Spawn(absolute);
+    const pid_t byName = Spawn(unique_);
+    const pid_t withWords = Spawn(unique_ + " --daemon");
+    Spawn("x" + unique_);
+    std::vector<std::string> named = {std::to_string(byPath), std::to_string(byName), std::to_string(withWords)};
+    std::sort(named.begin(), named.end());
+
+    pid_t found[8] = {};
+    ASSERT_EQ(3, PXR_getpid(unique_.c_str(), found, 8));
+    const std::vector<std::string> texts = {std::to_string(found[0]), std::to_string(found[1]),
+                                            std::to_string(found[2])};
+    EXPECT_THAT(texts, ElementsAreArray(named)) << "in text order";
+
+    pid_t first[2] = {0, -7};
+    EXPECT_EQ(3, PXR_getpid(unique_.c_str(), first, 1)) << "counts what it has no room for";
+    EXPECT_EQ(found[0], first[0]);
+    EXPECT_EQ(-7, first[1]);
+
+    EXPECT_EQ(1, PXR_getpid(absolute.c_str(), found, 8));
+    EXPECT_EQ(byPath, found[0]);
+    EXPECT_EQ(1, PXR_getpid(("bin/" + unique_).c_str(), nullptr, 0));
+    EXPECT_EQ(0, PXR_getpid(("/bin/" + unique_).c_str(), nullptr, 0));
+    EXPECT_EQ(0, PXR_getpid("", nullptr, 0));
+}
+
+TEST_F(PxrProc, CommandLineOfAProcess) {
+    char line[64];
+    const std::string command = unique_ + " one\ntwo";
+    EXPECT_EQ(0, PXR_getcmdname(std::to_string(Spawn(command)).c_str(), line, sizeof(line)));
+    EXPECT_EQ(unique_ + " one", line) << "the first line";
+    EXPECT_EQ(0, PXR_getcmdname(self_.c_str(), line, 4));
+    EXPECT_EQ(3u, std::string(line).size());
+    const pid_t gone = Fork([] { return 0; });
+    Join(gone);
+    EXPECT_EQ(1, PXR_getcmdname(std::to_string(gone).c_str(), line, sizeof(line)));
+    EXPECT_STREQ("", line);
+    EXPECT_EQ(1, PXR_getcmdname("../etc", line, sizeof(line)));
+    EXPECT_EQ(1, PXR_getcmdname(self_.c_str(), line, 0));
+}
+
+// ---- Companion commands
+
+class Companion : public PxrProc {
+protected:
+    void SetUp() override {
+        PxrProc::SetUp();
+        setenv("NLSPATH", KV_BUILD_DIR "/lib/nls/%L/%N", 1);
+        path_ = Path(unique_);
+        up_cmds[0].path = path_.c_str();
+        PXR_set_cmdname();
+    }
+    void TearDown() override {
+        up_cmds[0] = usual_;
+        PxrProc::TearDown();
+    }
+    std::string Startup() {
+        testing::internal::CaptureStderr();
+        PXR_startup_cmd();
+        return testing::internal::GetCapturedStderr();
+    }
+
+    std::string path_;
+    const PXR_companion usual_ = up_cmds[0];
+};
+
+TEST_F(Companion, StartsWhatDoesNotRun) {
+    EXPECT_THAT(Startup(), HasSubstr(path_)) << "there is no such program";
+    WriteScript(unique_, "#!/bin/sh\necho started > '" + Path("proof") + "'\n");
+    EXPECT_EQ("", Startup());
+    EXPECT_TRUE(fs::exists(Path("proof")));
+}
+
+TEST_F(Companion, SignalsWhatRunsAlready) {
+    WriteScript(unique_, "#!/bin/sh\necho started > '" + Path("proof") + "'\n");
+    const pid_t running = Spawn(path_);
+    up_cmds[0].signal = SIGUSR2;
+    EXPECT_THAT(Startup(), HasSubstr(path_));
+    EXPECT_EQ(256 + SIGUSR2, Join(running));
+    EXPECT_FALSE(fs::exists(Path("proof")));
+}
+
+TEST_F(Companion, EndsPolitelyThenByForce) {
+    const pid_t polite = Spawn(path_);
+    const pid_t stubborn = Spawn(unique_, true);
+    const pid_t stranger = Spawn("x" + unique_);
+    TerminateCompanion(up_cmds[0], std::chrono::milliseconds(5));
+    EXPECT_EQ(256 + SIGTERM, Join(polite));
+    EXPECT_EQ(256 + SIGKILL, Join(stubborn));
+    EXPECT_EQ(0, waitpid(stranger, nullptr, WNOHANG));
+
+    const pid_t another = Spawn(path_);
+    up_cmds[0].terminate = 0;
+    PXR_term_cmds();
+    EXPECT_EQ(0, waitpid(another, nullptr, WNOHANG)) << "not flagged";
+    up_cmds[0].terminate = 1;
+    PXR_term_cmds();
+    EXPECT_EQ(256 + SIGTERM, Join(another));
+}
+
+// ---- Running commands
+
+int Shell(const char* script, int priority = 0, const char* directory = nullptr) {
+    char* const argv[] = {const_cast<char*>("sh"),   const_cast<char*>("-c"),   const_cast<char*>(script),
+                          const_cast<char*>("name"), const_cast<char*>("word"), nullptr};
+    return PXR_exec_command(directory, priority, "sh", argv);
+}
+
+TEST_F(PxrProc, ResultOfACommand) {
+    struct Case {
+        const char* script;
+        int result;
+        int priority = 0;
+        const char* directory = nullptr;
+    };
+    for (const Case& c : {Case{"exit 0", 0}, Case{"exit 5", 5}, Case{"kill -9 $$", 8}, Case{"test $1 = word", 0},
+                          Case{"test $(nice) = 19 && test $1 = word", 0, 30}, Case{"test $(nice) = 3", 0, 3},
+                          Case{"test $(nice) = -20", 0, -99}, Case{"test $(pwd) = /usr", 0, 0, "/usr"},
+                          Case{"exit 0", ENOENT, 0, "/no/such/directory"}}) {
+        if (c.priority < 0 && geteuid() != 0) continue;
+        EXPECT_EQ(c.result, Shell(c.script, c.priority, c.directory)) << c.script;
+    }
+    WriteScript("plain", "exit $(($# + 40))\n");  // the shell runs it: it names no interpreter
+    WriteScript("closed", "exit 0\n", fs::perms::owner_read);
+    char* const argv[] = {const_cast<char*>("plain"), const_cast<char*>("a"), const_cast<char*>("b"), nullptr};
+    EXPECT_EQ(42, PXR_exec_command(nullptr, 0, Path("plain").c_str(), argv));
+    EXPECT_EQ(40, PXR_exec_command(nullptr, 0, Path("plain").c_str(), nullptr));
+    EXPECT_EQ(EACCES, PXR_exec_command(nullptr, 0, Path("closed").c_str(), argv));
+    EXPECT_EQ(ENOENT, PXR_exec_command(nullptr, 0, unique_.c_str(), argv));
+    EXPECT_EQ(EINVAL, PXR_exec_command(nullptr, 0, nullptr, argv));
+}
+
+TEST_F(PxrProc, ChildrenBeginClean) {
+    ASSERT_EQ(77, dup2(STDERR_FILENO, 77)) << "a descriptor of the host's, not close-on-exec";
+    const auto usualInt = signal(SIGINT, SIG_IGN);
+    sigset_t term;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    sigprocmask(SIG_BLOCK, &term, nullptr);
+    for (const char* check :
+         {"for f in 0 1 2; do test $(readlink /proc/$$/fd/$f) = /dev/null || exit 1; done", "test ! -e /proc/$$/fd/77",
+          "read pid name state parent group session rest < /proc/$$/stat; test $session = $$",
+          "grep -q '^SigBlk:[^1-9a-f]*$' /proc/self/status", "grep -q '^SigIgn:[^1-9a-f]*$' /proc/self/status"}) {
+        EXPECT_EQ(0, Shell(check)) << check;
+    }
+    sigprocmask(SIG_UNBLOCK, &term, nullptr);
+    signal(SIGINT, usualInt);
+    close(77);
+}
+
+TEST_F(PxrProc, StatusThatNobodyKeepsCountsAsZero) {
+    const auto usual = signal(SIGCHLD, SIG_IGN);
+    EXPECT_EQ(0, Shell("exit 5"));
+    signal(SIGCHLD, usual);
+}
+
+TEST_F(PxrProc, CommandsThatCanBeRun) {
+    WriteScript("tool", "");
+    WriteScript("text", "", fs::perms::owner_read);
+    struct Case {
+        std::string name;
+        int result;
+    };
+    for (const Case& c :
+         {Case{"/bin/sh", 0}, Case{"sh", 0}, Case{Path("tool"), 0}, Case{Path("text"), EACCES}, Case{Path(""), EACCES},
+          Case{"", ENOENT}, Case{unique_, ENOENT}, Case{"no/" + unique_, ENOENT}}) {
+        EXPECT_EQ(c.result, PXR_isexist_command(c.name.c_str())) << c.name;
+    }
+    EXPECT_EQ(2, PXR_isexist_command(nullptr));
+}
+
+TEST(SearchPathTest, LeavesOutWhatIsNoPlace) {
+    const std::string path = "/a::/" + std::string(PATH_MAX, 'x') + ":/b/:";
+    SearchPath places(path.c_str());
+    char place[PATH_MAX];
+    ASSERT_TRUE(places.Next("tool", place));
+    EXPECT_STREQ("/a/tool", place);
+    ASSERT_TRUE(places.Next("tool", place));
+    EXPECT_STREQ("/b//tool", place);
+    EXPECT_FALSE(places.Next("tool", place));
+}
+
+TEST_F(PxrProc, DaemonLeavesItsTerminal) {
+    int report[2];
+    ASSERT_EQ(0, pipe(report));
+    const pid_t parent = Fork([&] {
+        const pid_t before = getpid();
+        const int result = PXR_daemon();
+        char streams[64] = {};
+        const ssize_t length = readlink("/proc/self/fd/2", streams, sizeof(streams) - 1);
+        const bool good = result == 0 && getpid() != before && getsid(0) == getpid() && length == 9 &&
+                          std::string(streams) == "/dev/null";
+        return write(report[1], good ? "y" : "n", 1) == 1 ? 7 : 8;
+    });
+    EXPECT_EQ(0, Join(parent)) << "the caller ends at once";
+    char answer = 0;
+    EXPECT_EQ(1, read(report[0], &answer, 1));
+    EXPECT_EQ('y', answer);
+    close(report[0]);
+    close(report[1]);
+}
+
+// ---- Main-thread jobs
+
+std::atomic<int> signalsSeen{0};
+
+/// The host's part: SIGUSR1 leads to the dispatch. The tests' main thread is the process's.
+class MainJob : public PxrProc {
+protected:
+    void SetUp() override {
+        PxrProc::SetUp();
+        __for_main__init_job();
+        signalsSeen = 0;
+        struct sigaction action {};
+        action.sa_handler = [](int) {
+            ++signalsSeen;
+            __for_main__dispatch_job();
+        };
+        sigaction(SIGUSR1, &action, &usual_);
+    }
+    void TearDown() override {
+        sigaction(SIGUSR1, &usual_, nullptr);
+        PxrProc::TearDown();
+    }
+
+    /// mainjob_wait in a thread of its own.
+    static int Ask(int kind, void* data, int size) {
+        struct Request {
+            int kind;
+            void* data;
+            int size;
+            int result;
+        } request{kind, data, size, -1};
+        pthread_t asker{};
+        const auto ask = [](void* argument) -> void* {
+            auto* r = static_cast<Request*>(argument);
+            r->result = mainjob_wait(r->kind, r->data, r->size);
+            return nullptr;
+        };
+        pthread_create(&asker, nullptr, ask, &request);
+        pthread_join(asker, nullptr);
+        return request.result;
+    }
+
+    struct sigaction usual_ {};
+};
+
+TEST_F(MainJob, EveryKind) {
+    char* const argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"),
+                          const_cast<char*>("test $PPID = \"$0\" && exit 4"), const_cast<char*>(self_.c_str()),
+                          nullptr};
+    PXR_job_execute execute{"/", "sh", argv, 0};
+    ASSERT_EQ(1, Ask(PXR_JOB_EXECUTE, &execute, sizeof(execute)));
+    ASSERT_GT(execute.pid, 0);
+    PXR_job_wait wait{execute.pid, 0, 0};
+    ASSERT_EQ(1, Ask(PXR_JOB_WAIT, &wait, sizeof(wait)));
+    EXPECT_EQ(execute.pid, wait.result);
+    EXPECT_EQ(4, WEXITSTATUS(wait.status)) << "a child of the main process";
+    ASSERT_EQ(1, Ask(PXR_JOB_WAIT, &wait, sizeof(wait)));
+    EXPECT_EQ(-1, wait.result) << "waited for already";
+    PXR_job_shell shell{"exit 3", 0};
+    ASSERT_EQ(1, Ask(PXR_JOB_SHELL, &shell, sizeof(shell)));
+    EXPECT_EQ(3, WEXITSTATUS(shell.result));
+    EXPECT_EQ(4, signalsSeen);
+
+    shell.command = "kill -9 $$";
+    ASSERT_EQ(1, mainjob_wait(PXR_JOB_SHELL, &shell, sizeof(shell))) << "asked by the main thread itself";
+    EXPECT_EQ(SIGKILL, WTERMSIG(shell.result));
+    EXPECT_EQ(4, signalsSeen) << "without a signal";
+}
+
+TEST_F(MainJob, RecordsThatSayNothing) {
+    PXR_job_execute execute{nullptr, "sh", nullptr, -5};
+    EXPECT_EQ(1, Ask(PXR_JOB_EXECUTE, &execute, sizeof(execute)));
+    EXPECT_EQ(-5, execute.pid);
+    PXR_job_wait wait{0, -5, -5};
+    EXPECT_EQ(1, Ask(PXR_JOB_WAIT, &wait, sizeof(wait)));
+    EXPECT_EQ(-5, wait.result);
+    PXR_job_shell shell{nullptr, 0};
+    EXPECT_EQ(1, Ask(PXR_JOB_SHELL, &shell, sizeof(shell)));
+    EXPECT_EQ(-1, shell.result);
+    errno = 0;
+    __for_main__dispatch_job();  // a signal that came from elsewhere
+    EXPECT_EQ(0, errno);
+}
+
+TEST_F(MainJob, Refusals) {
+    char data[17] = {};
+    EXPECT_EQ(0, Ask(PXR_JOB_SHELL, data, 17));
+    EXPECT_EQ(0, Ask(PXR_JOB_SHELL, data, -1));
+    EXPECT_EQ(0, Ask(PXR_JOB_SHELL, nullptr, 8));
+    EXPECT_EQ(0, Join(Fork([&] { return Ask(PXR_JOB_SHELL, data, 8); })))
+        << "the child's main thread is not registered";
+    for (const auto unhandled : {SIG_DFL, SIG_IGN}) {
+        signal(SIGUSR1, unhandled);
+        EXPECT_EQ(0, Ask(PXR_JOB_SHELL, data, 8));
+    }
+    EXPECT_EQ(0, signalsSeen);
+}
+
+TEST_F(MainJob, ManyThreadsAsk) {
+    struct Asker {
+        pthread_t thread;
+        PXR_job_shell job;
+        std::string command;
+    };
+    std::vector<Asker> askers(6);
+    const auto ask = [](void* argument) -> void* {
+        auto* asker = static_cast<Asker*>(argument);
+        for (int round = 0; round < 3; ++round) {
+            asker->job = {asker->command.c_str(), -1};
+            if (mainjob_wait(PXR_JOB_SHELL, &asker->job, sizeof(asker->job)) != 1) asker->job.result = -2;
+        }
+        return nullptr;
+    };
+    for (size_t i = 0; i < askers.size(); ++i) {
+        askers[i].command = "exit " + std::to_string(i);
+        pthread_create(&askers[i].thread, nullptr, ask, &askers[i]);
+    }
+    for (size_t i = 0; i < askers.size(); ++i) {
+        pthread_join(askers[i].thread, nullptr);
+        EXPECT_EQ(static_cast<int>(i) << 8, askers[i].job.result);
+    }
+    EXPECT_EQ(18, signalsSeen) << "one at a time";
+}
+
+}  // namespace

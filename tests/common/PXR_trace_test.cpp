@@ -1,0 +1,533 @@
+#include "libplatform/PXR_trace.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "common/PXR_thread_internal.h"
+#include "common/PXR_trace_LogFile.h"
+#include "tests/support/InMachineRoot.h"
+#include "tests/support/SyslogListener.h"
+#include "tests/support/TraceListener.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+// The machine's byte order is the protocol's.
+template <typename T>
+T Field(const PXR_trace_packet& packet, size_t offset) {
+    T value;
+    memcpy(&value, reinterpret_cast<const char*>(&packet) + offset, sizeof value);
+    return value;
+}
+
+std::string Bytes(const PXR_trace_packet& packet, size_t offset, size_t count) {
+    return {reinterpret_cast<const char*>(&packet) + offset, count};
+}
+
+std::string Padded(std::string text, size_t size) {
+    text.resize(size);
+    return text;
+}
+
+std::string TextOf(const PXR_trace_packet& packet) {
+    return Bytes(packet, 64, Field<uint32_t>(packet, 28));
+}
+
+std::string Content(const std::string& path) {
+    std::ostringstream out;
+    out << std::ifstream(path, std::ios::binary).rdbuf();
+    return out.str();
+}
+
+std::vector<std::string> Lines(const std::string& content) {
+    std::vector<std::string> lines;
+    std::istringstream in(content);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+void SetName(const char* name) {
+    std::string copy = name;
+    PXR_set_command_name(copy.data());
+}
+
+std::string Config(const std::string& keys) {
+    return "[ServerAgent0330_TRACE]\n" + keys;
+}
+
+/// A machine whose plug-in link names the library like this.
+MachineRoot MakeVariant(const char* linkTarget) {
+    MachineRoot root(".");
+    std::filesystem::create_symlink(linkTarget, root.Outside("/opt/velmora/lantrel/lib/lib10platform.so"));
+    return root;
+}
+
+const char* const kConfigPath = "/etc/opt/velmora/lantrel/trace.cfg";
+const char* const kSinglePath = "/var/opt/velmora/lantrel/log/single.log";
+
+TEST(PxrTrace, PacketsAreExact) {
+    const MachineRoot root = MakeTestRoot();
+    root.AddFile(kConfigPath, Config(""));
+    RunInRoot(root, [] {
+        SetName("/usr/local/bin/a-command-name-of-more-than-31-characters");
+        TraceListener daemon;
+        const int64_t before = time(nullptr);
+        ASSERT_EQ(0, PXR_trace_init());
+        ASSERT_EQ(0, PXR_trace_init()) << "connected already";
+        PXR_SetThreadName("collector");
+        PXR_trace(0x2000, 5, "[IN ]%s() (%08X)", "GetVersion", 0x1DU);
+        PXR_SetThreadName(nullptr);
+        PXR_trace_ext(0xA000, 80, 0, "%s", std::string(300, 'x').c_str());
+        const auto packets = daemon.WaitFor(3);
+        const int64_t after = time(nullptr);
+        ASSERT_EQ(3U, packets.size());
+        for (const auto& packet : packets) {
+            EXPECT_EQ("\x12\x34\x56\x78", Bytes(packet, 0, 4));
+            EXPECT_EQ(std::string(3, '\0'), Bytes(packet, 5, 3));
+            EXPECT_LE(before, Field<int64_t>(packet, 8));
+            EXPECT_GE(after, Field<int64_t>(packet, 8));
+        }
+        const auto& start = packets[0];
+        EXPECT_EQ(1, Field<uint8_t>(start, 4));
+        EXPECT_EQ(static_cast<uint32_t>(getpid()), Field<uint32_t>(start, 16));
+        EXPECT_EQ(1U, Field<uint32_t>(start, 20));
+        EXPECT_EQ(Padded("a-command-name-of-more-than-31-", 488), Bytes(start, 24, 488));
+        const auto& message = packets[1];
+        const std::string text = "[IN ]GetVersion() (0000001D)";
+        EXPECT_EQ(2, Field<uint8_t>(message, 4));
+        EXPECT_EQ(0x2000U, Field<uint32_t>(message, 16));
+        EXPECT_EQ(5U, Field<uint32_t>(message, 20));
+        EXPECT_EQ(1U, Field<uint32_t>(message, 24));
+        EXPECT_EQ(text.size(), Field<uint32_t>(message, 28));
+        EXPECT_EQ(Padded("collector", 32), Bytes(message, 32, 32));
+        EXPECT_EQ(Padded(text, 448), Bytes(message, 64, 448));
+        const auto& cut = packets[2];
+        EXPECT_EQ(0U, Field<uint32_t>(cut, 24));
+        EXPECT_EQ(256U, Field<uint32_t>(cut, 28));
+        EXPECT_EQ(std::string(32, '\0'), Bytes(cut, 32, 32));
+        EXPECT_EQ(Padded(std::string(256, 'x'), 448), Bytes(cut, 64, 448));
+    });
+}
+
+TEST(PxrTrace, SilentUntilInitSucceedsAndAfterTerm) {
+    RunInRoot(MakeTestRoot(), [] {
+        EXPECT_EQ(-1, PXR_trace_init()) << "nobody listens";
+        TraceListener daemon;
+        errno = EXDEV;
+        EXPECT_EQ(0, PXR_trace(0x1000, 0, "off"));
+        EXPECT_EQ(0, PXR_trace_init());
+        EXPECT_EQ(0, PXR_trace_term());
+        EXPECT_EQ(0, PXR_trace(0x1000, 0, "off again"));
+        EXPECT_EQ(EXDEV, errno);
+        EXPECT_EQ(0, PXR_trace_init());
+        PXR_trace(0x1000, 0, "on");
+        EXPECT_EQ(3U, daemon.WaitFor(3).size());
+        EXPECT_EQ("on", TextOf(daemon.Connections().at(1).at(1)));
+    });
+}
+
+TEST(PxrTrace, DumpsHaveTheirTableWithoutHeaders) {
+    RunInRoot(MakeTestRoot(), [] {
+        TraceListener daemon;
+        ASSERT_EQ(0, PXR_trace_init());
+        const uint8_t data[20] = {'A', '~', 0x7F, 0x1F, ' ', 0xFF, 0, 'z', 1, 2, 3, 4, 5, 6, 7, 8, '9', 10, 11, 12};
+        PXR_mem_trace(0x1000, 60, "100% title\n", data, 20);
+        PXR_mem_trace(0x1000, 60, "nothing\n", data, 0);
+        const auto packets = daemon.WaitFor(8);
+        ASSERT_EQ(8U, packets.size());
+        char address[2][11];
+        for (int i = 0; i < 2; ++i)
+            snprintf(address[i], sizeof address[i], "0x%08lX",
+                     reinterpret_cast<unsigned long>(data) + 16UL * static_cast<unsigned>(i));
+        const std::string blanks(3UL * 12, ' ');
+        EXPECT_EQ("100% title\n", TextOf(packets[1]));
+        EXPECT_EQ(" address   +0 +1 +2 +3 +4 +5 +6 +7 +8 +9 +A +B +C +D +E +F    0123456789ABCDEF\n",
+                  TextOf(packets[2]));
+        EXPECT_EQ(std::string(78, '-') + "\n", TextOf(packets[3]));
+        EXPECT_EQ(address[0] + std::string(" 41 7E 7F 1F 20 FF 00 7A 01 02 03 04 05 06 07 08    A~.. ..z........\n"),
+                  TextOf(packets[4]));
+        EXPECT_EQ(address[1] + std::string(" 39 0A 0B 0C ") + blanks + "   9...\n", TextOf(packets[5]));
+        EXPECT_EQ("\n", TextOf(packets[6]));
+        for (size_t i = 1; i < packets.size(); ++i) {
+            EXPECT_EQ(i == 1 || i == 7 ? 1U : 0U, Field<uint32_t>(packets[i], 24)) << i;
+        }
+    });
+}
+
+TEST(PxrTrace, BinaryDataAreCutBehindTheMarker) {
+    RunInRoot(MakeTestRoot(), [] {
+        TraceListener daemon;
+        ASSERT_EQ(0, PXR_trace_init());
+        std::string data(500, '\0');
+        for (size_t i = 0; i < data.size(); ++i)
+            data[i] = static_cast<char>(i);
+        const auto* bytes = reinterpret_cast<const uint8_t*>(data.data());
+        EXPECT_EQ(0, PXR_trace_sp("null", nullptr, 500));
+        EXPECT_EQ(0, PXR_trace_sp(std::string(70, 'n').c_str(), bytes, 500));
+        const auto packets = daemon.WaitFor(3);
+        ASSERT_EQ(3U, packets.size());
+        const std::string sent = "@Qel_01-01_@" + data;
+        const std::string pieces[] = {sent.substr(0, 432), sent.substr(432)};
+        for (size_t i = 0; i < 2; ++i) {
+            EXPECT_EQ(16, Field<uint8_t>(packets[i + 1], 4));
+            EXPECT_EQ(Padded(std::string(63, 'n'), 64), Bytes(packets[i + 1], 8, 64));
+            EXPECT_EQ(i == 0 ? 432U : 80U, Field<uint32_t>(packets[i + 1], 72));
+            EXPECT_EQ(Padded(pieces[i], 432), Bytes(packets[i + 1], 80, 432));
+        }
+    });
+}
+
+TEST(PxrTrace, ReconnectsUnderEightThreadsWithTheStartFirst) {
+    RunInRoot(MakeTestRoot(), [] {
+        TraceListener daemon;
+        ASSERT_EQ(0, PXR_trace_init());
+        std::mutex mutex;
+        bool stop = false;
+        std::vector<std::thread> tracers(8);
+        for (auto& tracer : tracers) {
+            tracer = std::thread([&] {
+                for (int n = 0;; ++n) {
+                    PXR_trace(0x1000, 10, "message %d\n", n);
+                    std::this_thread::sleep_for(std::chrono::microseconds(50));
+                    const std::lock_guard lock(mutex);
+                    if (stop) return;
+                }
+            });
+        }
+        constexpr size_t kRounds = 10;
+        for (size_t round = 0; round < kRounds; ++round) {
+            const size_t sofar = daemon.WaitFor(0).size();
+            EXPECT_LT(sofar + 50, daemon.WaitFor(sofar + 100).size()) << "silent after restart " << round;
+            daemon.Kill();
+            std::this_thread::sleep_for(milliseconds(2));
+            daemon.Start();
+        }
+        daemon.WaitFor(daemon.WaitFor(0).size() + 10);
+        {
+            const std::lock_guard lock(mutex);
+            stop = true;
+        }
+        for (auto& tracer : tracers)
+            tracer.join();
+        daemon.Kill();
+        size_t used = 0;
+        for (const auto& connection : daemon.Connections()) {
+            if (connection.empty()) continue;
+            ++used;
+            EXPECT_EQ(PXR_TRACE_TYPE_START, connection[0].type);
+            for (size_t i = 1; i < connection.size(); ++i)
+                ASSERT_EQ(PXR_TRACE_TYPE_MESSAGE, connection[i].type);
+        }
+        EXPECT_EQ(kRounds + 1, used);
+    });
+}
+
+TEST(PxrTrace, AStuckDaemonDelaysOnceAndLosesWhatItCannotTake) {
+    RunInRoot(MakeTestRoot(), [] {
+        const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address{AF_UNIX, PXR_TRACE_SOCKET};
+        ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address));
+        ASSERT_EQ(0, listen(listener, 1));
+        ASSERT_EQ(0, PXR_trace_init());
+        const auto begin = steady_clock::now();
+        for (int i = 0; i < 3000; ++i)
+            PXR_trace(0x1000, 0, "%d", i);
+        EXPECT_LT(steady_clock::now() - begin, milliseconds(2000));
+        const int peer = accept(listener, nullptr, nullptr);
+        std::vector<PXR_trace_packet> taken;
+        const auto takeAll = [&] {
+            PXR_trace_packet packet;
+            while (recv(peer, &packet, sizeof packet, MSG_DONTWAIT) == ssize_t{sizeof packet})
+                taken.push_back(packet);
+        };
+        takeAll();
+        ASSERT_LT(10U, taken.size());
+        EXPECT_EQ(PXR_TRACE_TYPE_START, taken[0].type);
+        for (size_t i = 1; i < taken.size(); ++i)
+            ASSERT_EQ(std::to_string(i - 1), TextOf(taken[i]));
+        PXR_trace(0x1000, 0, "back");
+        takeAll();
+        EXPECT_EQ("back", TextOf(taken.back()));
+    });
+}
+
+// A process that becomes a daemon closes every descriptor, and opens files that get their numbers.
+TEST(PxrTrace, NeverWritesIntoAFileThatReusesTheNumber) {
+    RunInRoot(MakeTestRoot(), [] {
+        const pid_t child = fork();
+        if (child == 0) {
+            if (!Eventually([] { return PXR_trace_init() == 0; })) _exit(1);
+            close_range(3, ~0U, 0);
+            for (int fd = 3; fd < 20; ++fd) {
+                if (open("/tmp/host.log", O_RDWR | O_CREAT, 0600) != fd) _exit(2);
+            }
+            PXR_trace(0x1000, 0, "after");
+            for (int fd = 3; fd < 20; ++fd) {
+                if (write(fd, "h", 1) != 1) _exit(3);
+            }
+            _exit(0);
+        }
+        TraceListener daemon;
+        EXPECT_EQ(0, WaitForExit(child));
+        const auto packets = daemon.WaitFor(3);
+        ASSERT_EQ(3U, packets.size());
+        EXPECT_EQ(PXR_TRACE_TYPE_START, packets[1].type);
+        EXPECT_EQ("after", TextOf(packets[2]));
+        EXPECT_EQ("h", Content("/tmp/host.log"));
+    });
+}
+
+TEST(PxrTrace, RasLogNamesItsLevels) {
+    RunInRoot(MakeTestRoot(), [] {
+        TraceListener daemon;
+        ASSERT_EQ(0, PXR_trace_init());
+        for (int level = -1; level <= 4; ++level)
+            KvRasLog(level, "KvAlert.cpp", 42, "%d%% of %s", level, "%n%s");
+        PXR_trace(0x1000, 0, "end");
+        const auto packets = daemon.WaitFor(5);
+        ASSERT_EQ(5U, packets.size());
+        const char* const texts[] = {"[Error] 1% of %n%s (KvAlert.cpp@42)", "[Trace] 2% of %n%s (KvAlert.cpp@42)",
+                                     "[Debug] 3% of %n%s (KvAlert.cpp@42)"};
+        const uint32_t levels[] = {5, 10, 30};
+        for (size_t i = 0; i < 3; ++i) {
+            EXPECT_EQ(texts[i], TextOf(packets[i + 1]));
+            EXPECT_EQ(levels[i], Field<uint32_t>(packets[i + 1], 20));
+            EXPECT_EQ(0x1000U, Field<uint32_t>(packets[i + 1], 16));
+        }
+    });
+}
+
+TEST(PxrTrace, ConfigurationHasTwoKindsOfDefaults) {
+    struct Case {
+        std::string file;
+        uint32_t level, size;
+        int network, packet;
+        std::string packetFile;
+        uint32_t packetSize;
+    };
+    const std::string usual = "/var/opt/velmora/lantrel/log/agt_pt_linux.log";
+    const Case cases[] = {
+        {"", 20, 5120, 1, 0, usual, 1024},  // no file
+        {"[OtherProduct0330]\nTraceLevel = 3\n", 20, 5120, 1, 0, usual, 1024},
+        {Config(""), 10, 5120, 1, 1, usual, 1024},
+        {Config("TraceLevel=100\nTraceSize=1048577\nPacketTraceSize=0x10\n"), 100, 5120, 1, 1, usual, 16},
+        {Config("NetworkLogMode=False\nPacketTraceMode=False\nTraceSize=0\nPacketTraceFile=/tmp/p\n"), 10, 0, 0, 0,
+         "/tmp/p", 1024},
+    };
+    for (const Case& c : cases) {
+        const MachineRoot root = MakeTestRoot();
+        if (!c.file.empty()) root.AddFile(kConfigPath, c.file);
+        RunInRoot(root, [&] {
+            PXR_trace_config config;
+            EXPECT_EQ(c.file.find("ServerAgent") == std::string::npos, PXR_trace_read_config(&config) != 0) << c.file;
+            EXPECT_EQ(c.level, config.traceLevel) << c.file;
+            EXPECT_EQ(c.size, config.traceSize) << c.file;
+            EXPECT_EQ(c.network, config.networkLogMode) << c.file;
+            EXPECT_EQ(c.packet, config.packetTraceMode) << c.file;
+            EXPECT_EQ(c.packetFile, config.packetTraceFile) << c.file;
+            EXPECT_EQ(c.packetSize, config.packetTraceSize) << c.file;
+        });
+    }
+}
+
+TEST(PxrTrace, IpmiTrafficGoesToItsOwnLogInOneVariant) {
+    for (const auto& [target, kept] : {std::pair{"libplatform.so.1.0.0", true}, {"libplatform.so.2.0.0", false}}) {
+        MachineRoot root = MakeVariant(target);
+        root.AddFile(kConfigPath, Config("TraceLevel = 20\n"));
+        RunInRoot(root, [] {
+            SetName("/opt/velmora/lantrel/bin/pxragt");
+            TraceListener daemon;
+            ASSERT_EQ(0, PXR_trace_init());
+            PXR_SetThreadName("poller");
+            PXR_trace(0x8000, 20, "sent %02X\n", 0x2D);
+            PXR_trace_ext(0x8000, 0, 0, "%s", std::string(256, 'y').c_str());
+            PXR_trace(0x8000, 21, "too detailed\n");
+            PXR_trace(0xA000, 0, "no IPMI");
+            EXPECT_EQ("no IPMI", TextOf(daemon.WaitFor(2).at(1))) << "0xA000 is a mask of its own";
+            PXR_trace_term();
+            PXR_trace(0x8000, 0, "closed\n");
+        });
+        const auto lines = Lines(root.ReadFile(PXR_TRACE_IPMI_LOG));
+        if (!kept) {
+            EXPECT_TRUE(lines.empty());
+            continue;
+        }
+        EXPECT_THAT(lines,
+                    ElementsAre(MatchesRegex("\\[20[0-9][0-9]/[01][0-9]/[0-3][0-9] [0-2][0-9]-[0-5][0-9]-[0-6][0-9]\\] "
+                                             "pxragt\\[[0-9]+\\]: poller: sent 2D"),
+                                std::string(256, 'y')));
+    }
+}
+
+TEST(PxrTrace, AnIpmiLogThatCannotBeOpenedIsReported) {
+    const MachineRoot root = MakeVariant("libplatform.so.1.0.0");
+    root.AddDirectory(PXR_TRACE_IPMI_LOG);
+    RunInRoot(root, [] {
+        SetName("pxragt");
+        SyslogListener syslog;
+        TraceListener daemon;
+        EXPECT_EQ(0, PXR_trace_init()) << "tracing goes on";
+        EXPECT_THAT(syslog.Lines(), ElementsAre("pxragt: WXPLG2049AA-E pxragt open 21"));  // EISDIR; no catalogue here
+    });
+}
+
+TEST(PxrTrace, EditToolWritesItsIpmiLogAndNothingElse) {
+    const MachineRoot root = MakeTestRoot();
+    RunInRoot(root, [] {
+        SetName("edit");
+        TraceListener daemon;
+        EXPECT_EQ(0, PXR_trace_init_ipmi_pxraaedit_log());
+        PXR_trace(0x8000, 20, "works without a daemon\n");
+        ASSERT_EQ(0, PXR_trace_init());
+        PXR_trace(0x1000, 0, "dropped");
+        EXPECT_EQ(0, PXR_trace_term_ipmi_pxraaedit_log());
+        PXR_trace(0x8000, 0, "closed\n");
+        PXR_trace_sp("end", reinterpret_cast<const uint8_t*>("x"), 1);
+        EXPECT_EQ(PXR_TRACE_TYPE_DATA, daemon.WaitFor(2).at(1).type);
+    });
+    EXPECT_THAT(Lines(root.ReadFile(PXR_TRACE_IPMI_EDIT_LOG)), ElementsAre(EndsWith("]: : works without a daemon")));
+    EXPECT_EQ("", root.ReadFile(PXR_TRACE_IPMI_LOG));
+}
+
+TEST(PxrTrace, SingleTraceFileOfTools) {
+    const MachineRoot root = MakeTestRoot();
+    root.AddFile(kConfigPath, Config("TraceLevel = 5\n"));
+    root.AddFile(kSinglePath, "before\n");
+    RunInRoot(root, [] {
+        std::string path = kSinglePath;
+        PXR_Single_trace(0xA000, "not open\n");
+        EXPECT_EQ(0, PXR_single_trace_init(path.data()));
+        PXR_Single_trace(0xA000, "%s", std::string(600, 't').c_str());
+        PXR_Single_trace_pxraaedit(5, 1, 2, "five\n");
+        PXR_Single_trace_pxraaedit(6, 1, 2, "six\n");
+        PXR_Single_trace_term();
+        PXR_Single_trace(0xA000, "closed\n");
+        std::string nowhere = "/no/such/place";
+        EXPECT_EQ(-1, PXR_single_trace_init(nowhere.data()));
+        EXPECT_EQ(-1, PXR_single_trace_init(nullptr));
+    });
+    EXPECT_THAT(Lines(root.ReadFile(kSinglePath)),
+                ElementsAre("before", EndsWith("]: : " + std::string(448, 't')), EndsWith(": five")));
+}
+
+TEST(PxrTrace, LinesAreCutAtTheirLimitAndDoNotTrustTheMessage) {
+    PXR_trace_message message{};
+    message.header = 1;
+    message.length = 0xFFFFFFFF;
+    memset(message.thread, 'n', sizeof message.thread);
+    memset(message.text, 't', sizeof message.text);
+    const std::string command(255, 'c');
+    char line[PXR_TRACE_LINE_BUFFER_SIZE];
+    ASSERT_EQ(612U, PXR_trace_format_line(line, command.c_str(), 7, &message));
+    EXPECT_EQ(std::string(line).substr(22),
+              command + "[7]: " + std::string(32, 'n') + ": " + std::string(295, 't') + "\n");
+    message.header = 2;
+    message.text[3] = '\0';
+    PXR_trace_format_line(line, "c", 7, &message);
+    EXPECT_STREQ("ttt\n", line);
+}
+
+/// Writes numbered lines and checks after each that the file holds whole consecutive ones up to it, within the limit.
+void GrowAndCheck(const char* path, uint32_t limitKiB, int count, size_t padding, int checkEvery) {
+    LogFile file;
+    ASSERT_EQ(0, file.Open(path, limitKiB));
+    for (int n = 0; n < count; ++n) {
+        const std::string line = std::to_string(n) + std::string(padding + static_cast<size_t>(n) % 7, '.') + "\n";
+        const auto before = std::filesystem::file_size(path);
+        file.Write(line.data(), line.size());
+        const auto size = std::filesystem::file_size(path);
+        ASSERT_GE(size < before ? limitKiB * 512U : limitKiB * 1024U, size) << "after line " << n;
+        if (size > before && n % checkEvery != 0) continue;
+        int expected = n;
+        const auto lines = Lines(Content(path));
+        for (auto it = lines.rbegin(); it != lines.rend(); ++it, --expected) {
+            ASSERT_EQ(std::to_string(expected) + std::string(padding + static_cast<size_t>(expected) % 7, '.'), *it);
+        }
+    }
+}
+
+TEST(LogFile, KeepsItsNewestWholeLines) {
+    RunInRoot(MakeTestRoot(), [] {
+        GrowAndCheck("/tmp/small.log", 1, 300, 40, 1);
+        GrowAndCheck("/tmp/large.log", 1024, 4000, 500, 1000);  // several pieces are moved
+    });
+}
+
+TEST(LogFile, WritersInManyThreadsLoseNoPartOfALine) {
+    RunInRoot(MakeTestRoot(), [] {
+        PXR_log_file* const file = PXR_log_file_open("/tmp/threads.log", 2);
+        ASSERT_NE(nullptr, file);
+        std::vector<std::thread> writers(4);
+        char letter = 'a';
+        for (auto& writer : writers) {
+            writer = std::thread([file, letter = letter++] {
+                const std::string line(30, letter);
+                for (int n = 0; n < 500; ++n)
+                    PXR_log_file_write(file, (line + "\n").data(), 31);
+            });
+        }
+        for (auto& writer : writers)
+            writer.join();
+        PXR_log_file_close(file);
+        for (const auto& line : Lines(Content("/tmp/threads.log")))
+            EXPECT_EQ(std::string(30, line[0]), line);
+        errno = 0;
+        EXPECT_EQ(nullptr, PXR_log_file_open("/no/such/place", 0));
+        EXPECT_EQ(ENOENT, errno);
+    });
+}
+
+TEST(LogFile, AFullDiskIsReportedOnceUntilItHasRoomAgain) {
+    RunInRoot(MakeTestRoot(), [] {
+        SetName("tool");
+        SyslogListener syslog;
+        signal(SIGXFSZ, SIG_IGN);
+        const auto setRoom = [](rlim_t bytes) {
+            const rlimit limit{bytes, RLIM_INFINITY};
+            ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
+        };
+        LogFile file;
+        ASSERT_EQ(0, file.Open("/tmp/full.log", 0));
+        const std::string line = std::string(299, '.') + "\n";
+        const auto write = [&](int times) {
+            for (int i = 0; i < times; ++i)
+                file.Write(line.data(), line.size());
+        };
+        setRoom(1000);
+        write(5);
+        EXPECT_EQ(900U, std::filesystem::file_size("/tmp/full.log")) << "whole lines only";
+        ASSERT_EQ(1U, syslog.Lines().size());
+        EXPECT_THAT(syslog.Lines()[0], StartsWith("pxragt: WXPLG0534AO-E "));
+        EXPECT_THAT(syslog.Lines()[0], HasSubstr("/tmp/full.log"));
+        setRoom(RLIM_INFINITY);
+        write(1);
+        setRoom(1000);
+        write(3);
+        EXPECT_EQ(2U, syslog.Lines().size());
+        EXPECT_EQ(1200U, std::filesystem::file_size("/tmp/full.log"));
+    });
+}
+
+}  // namespace
