@@ -1,0 +1,64 @@
+#pragma once
+/// @file
+/// What the KCS and SMIC register machines have in common, seen from the BMC's side.
+
+#include <cstdint>
+#include <optional>
+#include <thread>
+
+#include "cover/TimerCover.h"
+#include "simulator/Bmc.h"
+
+namespace sim {
+
+/// A group of byte-wide registers in front of the BMC. Not thread-safe: the server serialises accesses.
+class RegisterInterface {
+public:
+    RegisterInterface(TimerClock& clock, Bmc& bmc) : clock_(clock), bmc_(bmc) {}
+    virtual ~RegisterInterface() = default;
+    RegisterInterface(const RegisterInterface&) = delete;
+    RegisterInterface& operator=(const RegisterInterface&) = delete;
+
+    virtual unsigned RegisterCount() const = 0;
+    virtual uint8_t Read(unsigned index) = 0;
+    virtual void Write(unsigned index, uint8_t value) = 0;
+
+    /// The BMC takes a byte only after so many reads of the register that shows it busy (1 from the start), so that a
+    /// driver which does not wait is found out: what it writes early is lost and the transfer fails.
+    void SetLatency(unsigned statusReads) { latency_ = statusReads; }
+    /// The BMC stops looking at the registers: it stays busy for ever.
+    void SetHung(bool hung) { hung_ = hung; }
+    /// Transfers broken off by the BMC because the driver did not keep to the protocol.
+    unsigned Violations() const { return violations_; }
+    /// Messages that were carried through to the BMC.
+    unsigned Messages() const { return messages_; }
+    /// Transfers in which a second thread wrote before the first one's transfer was over.
+    unsigned Overlaps() const { return overlaps_; }
+
+protected:
+    /// Hands the collected request to the BMC; the answer, or none, is there from answerAt_ on.
+    void Submit(const Bytes& request);
+    /// Whether the answer can be read by now.
+    bool AnswerReady() const;
+    void BeginTransfer() { owner_ = writer_; }
+    /// To be called for each byte written. The BMC takes it later, when some thread looks at the status.
+    /// @param begins  the byte may begin a transfer in the middle of another thread's
+    void NoteWriter(bool begins);
+    void EndTransfer() { owner_ = {}; }
+
+    TimerClock& clock_;
+    Bmc& bmc_;
+    unsigned latency_ = 1;
+    bool hung_ = false;
+    unsigned violations_ = 0;
+    unsigned messages_ = 0;
+    unsigned overlaps_ = 0;
+    std::optional<Bytes> answer_;
+    uint64_t answerAt_ = 0;
+
+private:
+    std::thread::id owner_;
+    std::thread::id writer_;
+};
+
+}  // namespace sim

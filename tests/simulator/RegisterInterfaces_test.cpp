@@ -1,0 +1,219 @@
+/// The BMC's side of KCS and SMIC, tried with the register sequences of the IPMI standard written out.
+
+#include <gtest/gtest.h>
+
+#include "simulator/KcsRegisters.h"
+#include "simulator/SmicRegisters.h"
+#include "simulator/VirtualClock.h"
+
+namespace sim {
+namespace {
+
+const Bytes kGetDeviceId{0x18, 0x01};
+
+/// A driver that does everything right, one step at a time.
+class KcsTest : public testing::Test {
+protected:
+    uint8_t Settled() {
+        uint8_t status = 0;
+        for (int i = 0; i < 10; ++i)
+            if (((status = kcs.Read(kcs::kStatus)) & kcs::kIbf) == 0) return status;
+        return status;
+    }
+    uint8_t State() { return Settled() & 0xC0; }
+    uint8_t Command(uint8_t code) {
+        kcs.Write(kcs::kStatus, code);
+        return State();
+    }
+    uint8_t Data(uint8_t value) {
+        kcs.Write(kcs::kData, value);
+        return State();
+    }
+    void Send(const Bytes& request) {
+        ASSERT_EQ(kcs::kWrite, Command(kcs::kWriteStart));
+        for (size_t i = 0; i + 1 < request.size(); ++i)
+            ASSERT_EQ(kcs::kWrite, Data(request[i]));
+        ASSERT_EQ(kcs::kWrite, Command(kcs::kWriteEnd));
+        kcs.Write(kcs::kData, request.back());
+    }
+    Bytes Receive() {
+        Bytes answer;
+        while (State() == kcs::kRead && answer.size() < 2000) {
+            EXPECT_TRUE(kcs.Read(kcs::kStatus) & kcs::kObf);
+            answer.push_back(kcs.Read(kcs::kData));
+            EXPECT_FALSE(kcs.Read(kcs::kStatus) & kcs::kObf);
+            kcs.Write(kcs::kData, kcs::kReadByte);
+        }
+        return answer;
+    }
+    uint8_t AbortCode() {
+        Command(kcs::kAbort);
+        EXPECT_EQ(kcs::kRead, Data(0));
+        const uint8_t code = kcs.Read(kcs::kData);
+        EXPECT_EQ(kcs::kIdle, Data(kcs::kReadByte));
+        EXPECT_TRUE(kcs.Read(kcs::kStatus) & kcs::kObf);
+        kcs.Read(kcs::kData);
+        return code;
+    }
+
+    VirtualClock clock;
+    Bmc bmc{clock};
+    KcsRegisters kcs{clock, bmc};
+};
+
+TEST_F(KcsTest, CarriesARequestAndItsAnswer) {
+    for (const bool dummies : {false, true}) {
+        kcs.SetDummyBytes(dummies);
+        Send(kGetDeviceId);
+        if (dummies) kcs.Read(kcs::kData);
+        const Bytes answer = Receive();
+        ASSERT_EQ(14U, answer.size());
+        EXPECT_EQ((Bytes{0x1C, 0x01, 0x00, 0x20}), Bytes(answer.begin(), answer.begin() + 4));
+        EXPECT_EQ(kcs::kIdle, State());
+        EXPECT_TRUE(kcs.Read(kcs::kStatus) & kcs::kObf) << "the dummy byte behind the transfer";
+        kcs.Read(kcs::kData);
+    }
+    EXPECT_EQ(0U, kcs.Violations());
+}
+
+TEST_F(KcsTest, StaysBusyUntilTheAnswerIsThere) {
+    bmc.Delay(netfn::kApp, 0x01, std::chrono::milliseconds(30));
+    Send(kGetDeviceId);
+    EXPECT_TRUE(Settled() & kcs::kIbf);
+    clock.Advance(29'999);
+    EXPECT_TRUE(Settled() & kcs::kIbf);
+    clock.Advance(1);
+    EXPECT_EQ(kcs::kRead, State());
+    bmc.Silence(netfn::kApp, 0x01);
+    EXPECT_EQ(14U, Receive().size());
+    Send(kGetDeviceId);
+    clock.Advance(3'600'000'000);
+    EXPECT_TRUE(Settled() & kcs::kIbf) << "a silent BMC answers an hour later";
+}
+
+TEST_F(KcsTest, AbortFetchesTheReason) {
+    struct Case {
+        const char* what;
+        std::function<void()> fault;
+        uint8_t code;
+    };
+    const Case cases[] = {
+        {"nothing wrong", [] {}, kcs::kNoError},
+        {"transfer under way", [this] { Command(kcs::kWriteStart); }, kcs::kAborted},
+        {"unknown control code", [this] { EXPECT_EQ(kcs::kError, Command(0x55)); }, kcs::kIllegalControl},
+        {"end without start", [this] { EXPECT_EQ(kcs::kError, Command(kcs::kWriteEnd)); }, kcs::kIllegalControl},
+        {"data without start", [this] { EXPECT_EQ(kcs::kError, Data(1)); }, kcs::kIllegalControl},
+        {"one byte alone",
+         [this] {
+             Command(kcs::kWriteStart);
+             Command(kcs::kWriteEnd);
+             EXPECT_EQ(kcs::kError, Data(0x18));
+         },
+         kcs::kLengthError},
+        {"wrong control code while reading",
+         [this] {
+             Send(kGetDeviceId);
+             Settled();
+             EXPECT_EQ(kcs::kError, Data(0x69));
+         },
+         kcs::kIllegalControl},
+        {"injected at the third byte",
+         [this] {
+             kcs.FailAtByte(3);
+             Command(kcs::kWriteStart);
+             EXPECT_EQ(kcs::kWrite, Data(0x18));
+             EXPECT_EQ(kcs::kError, Command(kcs::kWriteEnd));
+         },
+         kcs::kUnspecified},
+    };
+    for (const Case& each : cases) {
+        SCOPED_TRACE(each.what);
+        each.fault();
+        EXPECT_EQ(each.code, AbortCode());
+        Send(kGetDeviceId);
+        EXPECT_EQ(14U, Receive().size());
+    }
+}
+
+TEST_F(KcsTest, FindsOutADriverThatDoesNotWait) {
+    kcs.Write(kcs::kStatus, kcs::kWriteStart);
+    kcs.Write(kcs::kData, 0x18);  // IBF is still set
+    EXPECT_EQ(kcs::kError, State());
+    EXPECT_EQ(1U, kcs.Violations());
+    kcs.SetHung(true);
+    kcs.Write(kcs::kStatus, kcs::kAbort);
+    EXPECT_TRUE(Settled() & kcs::kIbf);
+}
+
+class SmicTest : public testing::Test {
+protected:
+    uint8_t Step(uint8_t control) {
+        smic.Write(smic::kControl, control);
+        smic.Write(smic::kFlags, smic.Read(smic::kFlags) | smic::kBusy);
+        while ((smic.Read(smic::kFlags) & smic::kBusy) != 0) {
+        }
+        return smic.Read(smic::kControl);
+    }
+    uint8_t Step(uint8_t control, uint8_t data) {
+        smic.Write(smic::kData, data);
+        return Step(control);
+    }
+
+    VirtualClock clock;
+    Bmc bmc{clock};
+    SmicRegisters smic{clock, bmc};
+};
+
+TEST_F(SmicTest, CarriesARequestAndItsAnswer) {
+    EXPECT_TRUE(smic.Read(smic::kFlags) & smic::kTxDataReady);
+    EXPECT_EQ(0xC1, Step(smic::kWriteStart, 0x10));  // Sensor/Event
+    EXPECT_EQ(0xC2, Step(smic::kWriteNext, 0x2D));   // Get Sensor Reading
+    bmc.Sensors()->At(7).reading = 0x42;
+    EXPECT_EQ(0xC3, Step(smic::kWriteEnd, 7));
+    EXPECT_EQ(0, smic.Read(smic::kData));
+    EXPECT_TRUE(smic.Read(smic::kFlags) & smic::kRxDataReady);
+    Bytes answer;
+    uint8_t status = Step(smic::kReadStart);
+    EXPECT_EQ(0xC4, status);
+    answer.push_back(smic.Read(smic::kData));
+    while ((status = Step(smic::kReadNext)) == 0xC5)
+        answer.push_back(smic.Read(smic::kData));
+    EXPECT_EQ(0xC6, status);
+    answer.push_back(smic.Read(smic::kData));
+    EXPECT_EQ((Bytes{0x14, 0x2D, 0x00, 0x42, 0xC0, 0x00, 0x80}), answer);
+    EXPECT_EQ(0xC0, Step(smic::kReadEnd));
+    EXPECT_EQ(0, smic.Read(smic::kData));
+    EXPECT_FALSE(smic.Read(smic::kFlags) & smic::kRxDataReady);
+    EXPECT_EQ(0U, smic.Violations());
+}
+
+TEST_F(SmicTest, GetStatusTellsWhyATransferBroke) {
+    EXPECT_EQ(0xC0, Step(smic::kWriteNext, 1)) << "next without start";
+    EXPECT_EQ(0xC0, Step(smic::kGetStatus));
+    EXPECT_EQ(smic::kIllegalControl, smic.Read(smic::kData));
+    EXPECT_EQ(0xC0, Step(smic::kReadStart)) << "nothing to read";
+    EXPECT_EQ(smic::kNoResponse, smic.Read(smic::kData));
+    smic.FailAtControl(2);
+    EXPECT_EQ(0xC1, Step(smic::kWriteStart, 0x18));
+    EXPECT_EQ(0xC0, Step(smic::kWriteEnd, 0x01));
+    EXPECT_EQ(0U, smic.Messages());
+    smic.Write(smic::kControl, smic::kWriteStart);
+    smic.Write(smic::kFlags, smic::kBusy);
+    smic.Write(smic::kData, 0x18);  // while BUSY
+    EXPECT_EQ(1U, smic.Violations());
+}
+
+TEST_F(SmicTest, WithholdsReadyFlags) {
+    smic.SetTransmitBlocked(true);
+    EXPECT_FALSE(smic.Read(smic::kFlags) & smic::kTxDataReady);
+    smic.SetTransmitBlocked(false);
+    bmc.Delay(netfn::kApp, 0x01, std::chrono::milliseconds(5));
+    Step(smic::kWriteStart, 0x18);
+    Step(smic::kWriteEnd, 0x01);
+    EXPECT_FALSE(smic.Read(smic::kFlags) & smic::kRxDataReady);
+    clock.Advance(5000);
+    EXPECT_TRUE(smic.Read(smic::kFlags) & smic::kRxDataReady);
+}
+
+}  // namespace
+}  // namespace sim

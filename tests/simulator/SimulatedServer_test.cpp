@@ -1,0 +1,162 @@
+/// The machine as the table of device operations shows it, and its clock.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <thread>
+
+#include "simulator/SimulatedServer.h"
+
+namespace sim {
+namespace {
+
+class ServerTest : public testing::Test {
+protected:
+    uint8_t In(uint16_t port) { return ops->portIn(ops->context, port); }
+    void Out(uint16_t port, uint8_t value) { ops->portOut(ops->context, port, value); }
+    int Privilege(int level) { return ops->ioPrivilege(ops->context, level); }
+    int Open(const char* path, int flags) { return ops->open(ops->context, path, flags); }
+
+    VirtualClock clock;
+    SimulatedServer server{clock};
+    const KvDeviceOps* ops = server.Ops();
+};
+
+TEST_F(ServerTest, PortsNeedPrivilegeAndCanBeHooked) {
+    EXPECT_EQ(0xFF, In(0xCA3));
+    EXPECT_EQ(1U, server.PrivilegeViolations());
+    server.DenyIoPrivilege(true);
+    EXPECT_EQ(-1, Privilege(3));
+    server.DenyIoPrivilege(false);
+    ASSERT_EQ(0, Privilege(3));
+    std::thread([&] { In(0xCA3); }).join();
+    EXPECT_EQ(2U, server.PrivilegeViolations()) << "the level belongs to the thread";
+    EXPECT_EQ(0x00, In(0xCA3));
+    EXPECT_EQ(0xFF, In(0xCA4)) << "nothing lies there";
+    server.OnPortRead(0xCA3, [n = 0](uint8_t good) mutable { return static_cast<uint8_t>(++n == 2 ? 0x10 : good); });
+    EXPECT_EQ(0x00, In(0xCA3));
+    EXPECT_EQ(0x10, In(0xCA3));
+    server.OnPortWrite(0xCA3, [](uint8_t) { return std::optional<uint8_t>(); });
+    Out(0xCA3, kcs::kWriteStart);
+    EXPECT_EQ(0x00, In(0xCA3)) << "the write was lost";
+    EXPECT_EQ(1U, server.PortWrites(0xCA3, kcs::kWriteStart));
+    Privilege(0);
+    EXPECT_EQ(0U, server.RaisedThreads());
+}
+
+TEST_F(ServerTest, MemoryIsThereWhereItWasPut) {
+    server.AddMemory(0x7FFE8010, {1, 2, 3, 4});
+    const int fd = Open("/dev/mem", O_RDONLY);
+    ASSERT_GE(fd, 0);
+    uint8_t bytes[8]{};
+    ops->seek(ops->context, fd, 0xF0000);
+    EXPECT_EQ(8, ops->read(ops->context, fd, bytes, 8));
+    ops->seek(ops->context, fd, 0x7FFE8012);
+    EXPECT_EQ(2, ops->read(ops->context, fd, bytes, 8)) << "up to the end of the block";
+    EXPECT_EQ(4, bytes[1]);
+    EXPECT_EQ(-1, ops->read(ops->context, fd, bytes, 8));
+    EXPECT_EQ(EFAULT, errno);
+    void* page = ops->map(ops->context, fd, 0x7FFE8000, 0x14, 0);
+    ASSERT_NE(MAP_FAILED, page);
+    EXPECT_EQ(0, std::memcmp(static_cast<uint8_t*>(page) + 0x10, "\1\2\3\4", 4));
+    EXPECT_EQ(MAP_FAILED, ops->map(ops->context, fd, 0x7FFE8000, 0x14, 1)) << "opened for reading";
+    EXPECT_EQ(1U, server.OpenMaps());
+    EXPECT_EQ(0, ops->unmap(ops->context, page, 0x14));
+    EXPECT_EQ(0U, server.OpenMaps());
+    ops->close(ops->context, fd);
+    EXPECT_EQ(0U, server.OpenDescriptors());
+}
+
+TEST_F(ServerTest, MappedRegistersSeePlainLoadsAndStores) {
+    server.PlaceKcs({true, 0xFEC00CA0, 4});
+    const int fd = Open("/dev/mem", O_RDWR);
+    void* page = ops->map(ops->context, fd, 0xFEC00000, 4096, 1);
+    ASSERT_NE(MAP_FAILED, page);
+    auto* data = static_cast<volatile uint8_t*>(page) + 0xCA0;
+    auto* status = static_cast<volatile uint8_t*>(page) + 0xCA4;
+    *status = kcs::kWriteStart;
+    EXPECT_TRUE(*status & kcs::kIbf);
+    EXPECT_EQ(kcs::kWrite | kcs::kCommandLast, *status);
+    *data = 0x18;
+    EXPECT_TRUE(*status & kcs::kIbf);
+    *status = kcs::kAbort;  // IBF had been cleared by that read
+    while ((*status & kcs::kIbf) != 0) {
+    }
+    *data = 0;
+    while ((*status & kcs::kIbf) != 0) {
+    }
+    EXPECT_EQ(kcs::kRead | kcs::kObf, *status);
+    EXPECT_EQ(kcs::kAborted, *data);
+    EXPECT_EQ(kcs::kRead, *status) << "OBF fell with the read";
+    EXPECT_EQ(2U, server.PortWrites(0xFEC00CA4));
+    EXPECT_EQ(0U, server.Kcs().Violations());
+    ops->unmap(ops->context, page, 4096);
+}
+
+TEST_F(ServerTest, DevicesFailToOpenWhenTold) {
+    EXPECT_EQ(-1, Open("/dev/kvdrvmem", O_RDONLY));
+    server.SetMemoryDriver(true);
+    server.AddMemory(0xF0000, {'_', 'S', 'M', '_'});
+    const int fd = Open("/dev/kvdrvmem", O_RDONLY);
+    char anchor[4]{};
+    uintptr_t block[4] = {0, 0xF0000, reinterpret_cast<uintptr_t>(anchor), 4};
+    EXPECT_EQ(0, ops->ioctl(ops->context, fd, 0x80044501, block));
+    EXPECT_EQ(0, std::memcmp(anchor, "_SM_", 4));
+    server.FailOpen("/dev/ipmi0", EBUSY, 2);
+    for (const int expected : {EBUSY, EBUSY, 0}) {
+        errno = 0;
+        EXPECT_EQ(expected != 0, Open("/dev/ipmi0", O_RDWR) < 0);
+        EXPECT_EQ(expected, errno);
+    }
+    EXPECT_EQ(3U, server.Opens("/dev/ipmi0"));
+}
+
+TEST(VirtualClock, PausesOfSeveralThreadsDoNotAddUp) {
+    VirtualClock clock;
+    const uint64_t start = clock.Now();
+    std::thread other([&] {
+        for (int i = 0; i < 100; ++i)
+            clock.SleepFor(1000);
+    });
+    std::mutex mutex;
+    std::condition_variable wake;
+    std::unique_lock lock(mutex);
+    while (clock.WaitUntil(wake, lock, start + 1'100'000)) {
+    }
+    other.join();
+    EXPECT_EQ(start + 1'100'000, clock.Now());
+    EXPECT_EQ(100'000U, clock.Slept());
+    clock.InterruptSleeps(1);
+    EXPECT_EQ(-1, clock.SleepFor(5));
+    EXPECT_EQ(EINTR, errno);
+    EXPECT_EQ(0, clock.SleepFor(5));
+}
+
+TEST(VirtualClock, AnAnswerUnderWayComesBeforeItsDeadline) {
+    VirtualClock clock;
+    std::mutex mutex;
+    std::condition_variable wake;
+    std::atomic<bool> answered = false;
+    std::thread answering([&] {
+        for (int i = 0; i < 500; ++i)
+            clock.SleepFor(1000);  // polls for half a second
+        const std::lock_guard lock(mutex);
+        answered = true;
+        wake.notify_all();
+    });
+    std::unique_lock lock(mutex);
+    const uint64_t deadline = clock.Now() + 1'100'000;
+    while (!answered && clock.WaitUntil(wake, lock, deadline)) {
+    }
+    EXPECT_TRUE(answered);
+    EXPECT_LT(clock.Now(), deadline);
+    lock.unlock();
+    answering.join();
+}
+
+}  // namespace
+}  // namespace sim

@@ -1,0 +1,23 @@
+#pragma once
+/// @file
+/// Runs the body of a test inside a machine root. Expectations made there count: the child prints them and the test
+/// fails with it.
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "simulator/MachineRoot.h"
+
+/// A machine root in the working directory of the test, with the libraries and catalogues of this build.
+inline MachineRoot MakeTestRoot() {
+    return MachineRoot(".", KV_BUILD_DIR);
+}
+
+inline void RunInRoot(const MachineRoot& root, const std::function<void()>& body) {
+    const int status = root.Run([&] {
+        body();
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(0, status) << "inside the machine root";
+}
