@@ -1,0 +1,138 @@
+#pragma once
+/// @file
+/// The SMBIOS table reader: finds the entry point in physical memory, indexes the structures once, and answers requests
+/// about them. Functions give 0 or a negative errno value, which has been traced where it arose.
+///
+/// All that is read is the firmware's word. Lengths and counts are held against the bytes that there are; a walk over a
+/// damaged table ends where it stops making sense, and what came before it can be used.
+
+#include <cstddef>
+#include <cstdint>
+#include <source_location>
+#include <span>
+#include <string>
+
+#include "libplatform/smbios_ioctl.h"
+
+inline constexpr uint32_t kSmbiosHeaderSize = 32;
+
+/// One structure of the index.
+struct smbios_table_entry {
+    uint32_t address;  ///< physical, or the offset in the operating system's copy of the table
+    uint32_t type;
+    uint16_t size;  ///< up to and including the NUL of the last string
+    uint16_t handle;
+};
+static_assert(sizeof(smbios_table_entry) == 12);
+
+extern uint8_t smbios_header[kSmbiosHeaderSize];  ///< entry point copy
+extern uint8_t smbios_headsize;                   ///< what the entry point says of its length
+extern uint8_t smbios_major;                      ///< not 0: initialised
+extern smbios_table_entry* smbios_tableinfo;      ///< by type, then handle
+extern uint32_t smbios_tablecnt;
+
+/// Finds the entry point and builds the index; once. @return 0; -5, -6 no table; -12 out of memory
+int Init_SmbiosIF();
+/// Frees the index. Init_SmbiosIF may follow.
+void Terminate_SmbiosIF();
+
+/// @param copyMode  1: works on a private copy of the block; else on the caller's
+int sb_ioctl(uint32_t code, void* block, int copyMode);
+/// sb_ioctl on the caller's block.
+int smbios_getinfo(uint32_t code, void* block);
+
+// ---- Physical memory ----
+
+/// Reads through the memory driver when its module file is installed, else through /dev/mem.
+/// @return bytes read; 0 on failure
+uint32_t ReadMem(void* buffer, uint32_t address, uint32_t length);
+/// Whether a kernel release ("6.1.0-13-amd64") is 2.6 or later, by its numbers.
+bool sb_is_kernel26(const char* release);
+/// Whether the running kernel is.
+bool sb_is_kernel26();
+/// The two ways through /dev/mem: kernels before 2.6 seek and read, later ones map. @return bytes read; 0 on failure
+uint32_t sb_read_by_seek(int fd, void* buffer, uint32_t address, uint32_t length);
+uint32_t sb_read_by_map(int fd, void* buffer, uint32_t address, uint32_t length);
+/// Copies bytes of the table: of a structure in the index.
+int sb_cp_rmem2vmem(void* buffer, uint32_t address, uint32_t size);
+
+// ---- Finding the entry point ----
+
+/// Where to look: what the EFI system table says, else 0xF0000.
+uint32_t GetSbBaseAddr();
+/// Bytes to look through: only the entry point itself where the EFI system table says where it is.
+uint32_t sb_get_search_length();
+/// The value of a line "name=value"; ends the line there.
+/// @param text  lines, changed @return inside text; null when no line has exactly that name
+char* GetParameter(char* text, const char* name, const char* delimiter);
+
+/// What to scan for, and how far to go on after a mismatch at each of its bytes.
+struct sb_pattern {
+    std::span<const uint8_t> bytes;
+    std::span<const uint8_t> skip;
+};
+/// Scans while at least `remaining` bytes lie ahead. @return position from `from` on; -1 when there is none
+ptrdiff_t sb_search_string(std::span<const uint8_t> area, size_t from, const sb_pattern& pattern, size_t remaining);
+/// Whether the bytes sum to 0 modulo 256.
+bool sb_is_sum_zero(std::span<const uint8_t> bytes);
+/// Searches physical memory and takes the entry point over.
+int sb_search_header(uint32_t address, uint32_t length);
+
+// ---- The index ----
+
+/// Reads the table that the entry point names, and indexes it.
+int sb_set_tableinfo();
+/// Indexes a table.
+/// @param address       of its first byte, for the index
+/// @param count         structures to look for at most
+/// @param stopAtMarker  ends after the structure of type 127, as tables do whose entry point gives no count
+int sb_index_table(std::span<const uint8_t> table, uint32_t address, uint32_t count, bool stopAtMarker);
+/// Size of the largest structure in the index.
+uint32_t sb_largest_structure();
+
+using sb_compare = int (*)(const void*, const void*);
+/// Heap sort.
+void hsort(void* base, uint32_t count, uint32_t size, sb_compare compare);
+/// Binary search. @return the first of equal elements; null when there is none
+void* bsrch(const void* key, const void* base, uint32_t count, uint32_t size, sb_compare compare);
+
+// ---- The operating system's copy of the table ----
+
+/// Takes entry point and table from the kernel's files, where physical memory shows neither: firmware with a 64-bit
+/// entry point only, a locked-down kernel, a container. @return 0; -6 there are none; -12
+int sb_take_kernel_table();
+/// That copy; empty when the table was found in memory.
+std::span<const uint8_t> sb_kernel_table();
+void sb_free_kernel_table();
+
+// ---- Shared helpers ----
+
+/// Traces a failure with its place. @return error
+int sb_error(int error, std::source_location where = std::source_location::current());
+/// A source file's name without its directories.
+const char* sb_file_name(std::source_location where);
+/// Reads a whole file of at most limit bytes. @return 0 or a negative errno value
+int FileDataAllRead(const char* path, size_t limit, std::string& content);
+
+inline uint16_t sb_u16(std::span<const uint8_t> bytes, size_t offset) {
+    return static_cast<uint16_t>(bytes[offset] | bytes[offset + 1] << 8);
+}
+inline uint32_t sb_u32(std::span<const uint8_t> bytes, size_t offset) {
+    return sb_u16(bytes, offset) | static_cast<uint32_t>(sb_u16(bytes, offset + 2)) << 16;
+}
+
+/// Offsets in the entry point.
+namespace entry_point {
+inline constexpr size_t kChecksum = 4;
+inline constexpr size_t kLength = 5;
+inline constexpr size_t kMajorVersion = 6;
+inline constexpr size_t kMinorVersion = 7;
+inline constexpr size_t kMaxStructureSize = 8;
+inline constexpr size_t kIntermediate = 16;
+inline constexpr size_t kIntermediateSize = 15;  ///< what the intermediate checksum covers
+inline constexpr size_t kIntermediateChecksum = 21;
+inline constexpr size_t kTableLength = 22;
+inline constexpr size_t kTableAddress = 24;
+inline constexpr size_t kStructureCount = 28;
+inline constexpr size_t kRevision = 30;
+}  // namespace entry_point

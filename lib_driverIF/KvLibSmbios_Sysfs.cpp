@@ -1,0 +1,120 @@
+// The table as the kernel keeps it in files: the way left where physical memory does not show a 32-bit entry point.
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "lib_driverIF/KvLibSmbios.h"
+
+namespace {
+
+constexpr const char* kEntryPointFile = "/sys/firmware/dmi/tables/smbios_entry_point";
+constexpr const char* kTableFile = "/sys/firmware/dmi/tables/DMI";
+constexpr size_t kEntryPointLimit = 4096;
+constexpr size_t kTableLimit = 16 * 1024 * 1024;
+
+constexpr uint8_t kHeaderLength = 31;  ///< of a 32-bit entry point
+/// The smallest structure: its header and two NULs.
+constexpr size_t kSmallestStructure = 6;
+
+struct Version {
+    uint8_t major;
+    uint8_t minor;
+};
+
+/// What an entry point of either form says about the version, once its checksum holds.
+struct EntryPointForm {
+    std::string_view anchor;
+    size_t lengthAt;
+    size_t majorAt;
+    size_t smallest;
+};
+constexpr EntryPointForm kForms[] = {{"_SM3_", 6, 7, 24}, {"_SM_", 5, 6, 30}};
+
+std::string& KernelTable() {
+    static auto* const table = new std::string;  // the host may still ask while the process ends
+    return *table;
+}
+
+std::span<const uint8_t> Bytes(const std::string& content) {
+    return {reinterpret_cast<const uint8_t*>(content.data()), content.size()};
+}
+
+bool ReadVersion(const std::string& content, Version* version) {
+    const std::span<const uint8_t> bytes = Bytes(content);
+    for (const EntryPointForm& form : kForms) {
+        if (bytes.size() < form.smallest || !content.starts_with(form.anchor)) continue;
+        const size_t length = bytes[form.lengthAt];
+        if (length < form.smallest || length > bytes.size() || !sb_is_sum_zero(bytes.first(length))) return false;
+        *version = {bytes[form.majorAt], bytes[form.majorAt + 1]};
+        return true;
+    }
+    return false;
+}
+
+void Put16(size_t offset, size_t value) {
+    const size_t most = std::min<size_t>(value, UINT16_MAX);
+    smbios_header[offset] = static_cast<uint8_t>(most & 0xFF);
+    smbios_header[offset + 1] = static_cast<uint8_t>(most >> 8);
+}
+
+void PutText(size_t offset, std::string_view text) {
+    std::copy(text.begin(), text.end(), smbios_header + offset);
+}
+
+/// The value that makes the bytes sum to 0.
+uint8_t Checksum(std::span<const uint8_t> bytes) {
+    unsigned sum = 0;
+    for (const uint8_t byte : bytes)
+        sum += byte;
+    return static_cast<uint8_t>(0U - sum);
+}
+
+/// Tells of the table in the form of a 32-bit entry point, whose table address is 0.
+void MakeHeader(Version version, size_t tableLength) {
+    const std::span<uint8_t> header = smbios_header;
+    memset(smbios_header, 0, sizeof(smbios_header));
+    PutText(0, "_SM_");
+    PutText(entry_point::kIntermediate, "_DMI_");
+    smbios_header[entry_point::kLength] = kHeaderLength;
+    smbios_header[entry_point::kMajorVersion] = version.major;
+    smbios_header[entry_point::kMinorVersion] = version.minor;
+    smbios_header[entry_point::kRevision] = static_cast<uint8_t>((version.major & 0x0F) << 4 | (version.minor & 0x0F));
+    Put16(entry_point::kMaxStructureSize, sb_largest_structure());
+    Put16(entry_point::kTableLength, tableLength);
+    Put16(entry_point::kStructureCount, smbios_tablecnt);
+    smbios_header[entry_point::kIntermediateChecksum] =
+        Checksum(header.subspan(entry_point::kIntermediate, entry_point::kIntermediateSize));
+    smbios_header[entry_point::kChecksum] = Checksum(header.first(kHeaderLength));
+    smbios_headsize = kHeaderLength;
+}
+
+}  // namespace
+
+int sb_take_kernel_table() {
+    std::string entryPoint;
+    Version version = {};
+    if (FileDataAllRead(kEntryPointFile, kEntryPointLimit, entryPoint) != 0 || !ReadVersion(entryPoint, &version)) {
+        return sb_error(-ENXIO);
+    }
+    std::string table;
+    if (FileDataAllRead(kTableFile, kTableLimit, table) != 0 || table.empty()) return sb_error(-ENXIO);
+
+    const auto most = static_cast<uint32_t>(std::min<size_t>(table.size() / kSmallestStructure + 1, UINT16_MAX));
+    if (const int error = sb_index_table(Bytes(table), 0, most, true)) return error;
+    MakeHeader(version, table.size());
+    KernelTable() = std::move(table);
+    return 0;
+}
+
+std::span<const uint8_t> sb_kernel_table() {
+    return Bytes(KernelTable());
+}
+
+void sb_free_kernel_table() {
+    std::string().swap(KernelTable());
+}

@@ -1,0 +1,220 @@
+#include "lib_driverIF/KvPltfSvcSmbiosMain.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "lib_driverIF/KvLibSmbios.h"
+#include "libplatform/PXR_trace.h"
+#include "simulator/SmbiosImage.h"
+#include "tests/support/FakeMemory.h"
+#include "tests/support/InMachineRoot.h"
+#include "tests/support/TraceListener.h"
+
+namespace {
+
+using sim::Bytes;
+using sim::SmbiosImage;
+using sim::SmbiosStructure;
+using testing::Each;
+using testing::ElementsAre;
+
+constexpr Bytes::value_type kUuid[] = {0x00, 0xFF, 0x80, 0x7F, 0x0A, 0xB0, 0xC1, 0xD2,
+                                       0xE3, 0xF4, 0x05, 0x16, 0x27, 0x38, 0x49, 0x5A};
+
+class SmbiosQuery : public testing::Test {
+protected:
+    ~SmbiosQuery() override { KvPsTerminateSmbios(); }
+
+    uint32_t Start(const SmbiosImage& image) {
+        KvPsTerminateSmbios();
+        memory.Clear();
+        memory.Put(image.Blocks());
+        return ktx_smbios::InitSmbiosLib() ? KvPsInitializeSmbios() : 1;
+    }
+
+    uint32_t StartServer() {
+        SmbiosImage image;
+        image.Add(sim::SmbiosSystem{.product = "Server", .version = "R2", .uuid = Bytes(kUuid, kUuid + 16)});
+        image.Add(SmbiosStructure(17, 0x1102, 0x12).String(0x10, "B"));
+        image.Add(SmbiosStructure(17, 0x1101, 0x12).String(0x10, "A"));
+        image.Add(SmbiosStructure(128, 0x8000, 4));
+        image.AddEndOfTable();
+        return Start(image);
+    }
+
+    /// The structures that a type has, after a look at the result.
+    static std::vector<KVPS_SMBIOS_TPHEAD*> OfType(uint8_t type) {
+        unsigned long count = 99;
+        KVPS_SMBIOS_TPHEAD** array = nullptr;
+        EXPECT_EQ(0U, KvPsGetTypeData(type, &count, &array));
+        const std::unique_ptr<KVPS_SMBIOS_TPHEAD*[]> owner(array);
+        EXPECT_EQ(count == 0, array == nullptr);
+        return {array, array + count};
+    }
+
+    static std::string System(uint8_t offset) {
+        char* text = nullptr;
+        const uint32_t result = KvPsGetSystemInformation(offset, &text);
+        const std::unique_ptr<char[]> owner(text);
+        return result == 0 ? text : std::to_string(result);
+    }
+
+    FakeMemory memory;
+};
+
+TEST_F(SmbiosQuery, GroupsStructuresByType) {
+    ASSERT_EQ(0U, StartServer());
+    const auto devices = OfType(17);
+    ASSERT_EQ(2U, devices.size());
+    EXPECT_EQ(0x1101, devices[0]->handle);
+    EXPECT_EQ(0x1102, devices[1]->handle);
+    EXPECT_EQ(4U + 0x12 + 2, devices[0]->dataSize) << "size field, formatted area, \"A\" and its NUL";
+    EXPECT_TRUE(OfType(2).empty());
+    EXPECT_EQ(1U, OfType(127).size());
+    std::vector<uint8_t> types;
+    for (const KVPS_SMBIOS_TPHEAD* structure : OfType(255))
+        types.push_back(structure->type);
+    EXPECT_THAT(types, ElementsAre(1, 17, 17, 127));
+    EXPECT_EQ(4U, g_dwStructCount);
+
+    unsigned long count = 99;
+    KVPS_SMBIOS_TPHEAD** array = nullptr;
+    for (const uint8_t type : Bytes{128, 254})
+        EXPECT_EQ(0x611A4202U, KvPsGetTypeData(type, &count, &array));
+    EXPECT_EQ(0x611A4202U, KvPsGetTypeData(1, nullptr, &array));
+}
+
+TEST_F(SmbiosQuery, HandsOutTheEntryPoint) {
+    ASSERT_EQ(0U, StartServer());
+    KVPS_SMBIOS_HEAD head = {};
+    EXPECT_EQ(0U, KvPsGetStructureHeader(&head));
+    EXPECT_EQ("_SM_", std::string(head.anchor, 4));
+    EXPECT_EQ(2, head.majorVersion);
+    EXPECT_EQ(8, head.minorVersion);
+    EXPECT_EQ(0xE0000U, head.tableAddress);
+    EXPECT_EQ(5, head.structureCount);
+    EXPECT_EQ(0x28, head.bcdRevision);
+}
+
+TEST_F(SmbiosQuery, SystemInformation) {
+    ASSERT_EQ(0U, StartServer());
+    EXPECT_EQ("Server", System(5));
+    EXPECT_EQ("R2", System(6));
+    EXPECT_EQ("", System(4)) << "string number 0";
+    EXPECT_EQ("00ff807f-0ab0-c1d2-e3f4-05162738495a", System(8));
+    EXPECT_EQ(std::to_string(0x60D04202U), System(25));
+    EXPECT_EQ(0x60D04202U, KvPsGetSystemInformation(5, nullptr));
+
+    SmbiosImage image;
+    image.Add(SmbiosStructure(1, 1, 9).String(4, "Old").Put(8, {0xAB}));  // version 2.0, cut in the UUID
+    ASSERT_EQ(0U, Start(image));
+    EXPECT_EQ("ab4f6c64-0000-0000-0000-000000000000", System(8)) << "nothing is read behind the structure";
+    EXPECT_EQ(std::to_string(0x60D0B802U), System(24)) << "no such field";
+    SmbiosImage without;
+    without.AddEndOfTable();
+    ASSERT_EQ(0U, Start(without));
+    EXPECT_EQ(std::to_string(0x60D0B802U), System(5)) << "no such structure";
+}
+
+TEST_F(SmbiosQuery, Strings) {
+    SmbiosImage image;
+    SmbiosStructure structure(9, 1, 10);
+    structure.String(4, "first").String(5, std::string(300, 'x')).String(6, "third").Byte(7, 4).Byte(8, 255);
+    image.Add(structure);
+    ASSERT_EQ(0U, Start(image));
+    KVPS_SMBIOS_TPHEAD* const head = OfType(9).at(0);
+    const auto text = [&](uint8_t offset, uint32_t size) {
+        std::string buffer(300, '?');
+        EXPECT_EQ(0U, KvPsGetSmbiosString(head, offset, size, buffer.data())) << int{offset};
+        return buffer;
+    };
+    EXPECT_EQ("first" + std::string(15, '\0') + std::string(280, '?'), text(4, 20)) << "zeroes to the buffer's end";
+    EXPECT_EQ("fir" + std::string(1, '\0') + std::string(296, '?'), text(4, 4)) << "cut";
+    EXPECT_EQ(std::string(1, '\0') + std::string(299, '?'), text(4, 1));
+    EXPECT_STREQ("third", text(6, 300).c_str());
+    for (const uint8_t offset : Bytes{7, 8, 9, 10})  // beyond the set, number 0, and the first character of the strings
+        EXPECT_EQ(std::string(300, '?'), text(offset, 300)) << int{offset};
+
+    char buffer[4] = "";
+    EXPECT_EQ(0x60981302U, KvPsGetSmbiosString(head, 11, sizeof(buffer), buffer));
+    EXPECT_EQ(0x60984201U, KvPsGetSmbiosString(nullptr, 4, sizeof(buffer), buffer));
+    EXPECT_EQ(0x60984201U, KvPsGetSmbiosString(head, 4, sizeof(buffer), nullptr));
+    EXPECT_EQ(0x60984201U, KvPsGetSmbiosString(head, 4, 0, buffer));
+}
+
+TEST_F(SmbiosQuery, DamagedStructuresGiveNoBytesThatAreNotTheirs) {
+    SmbiosImage image;
+    image.Add(SmbiosStructure(10, 2, 6).Byte(4, 1));  // names a string, has none
+    Bytes cut = SmbiosStructure(9, 1, 30).String(4, "never").Encode();
+    cut.resize(30 + 3);  // the strings do not end: 12 bytes are left
+    image.AddRaw(cut);
+    ASSERT_EQ(0U, Start(image));
+    char text[4] = "old";
+    EXPECT_EQ(0x60981302U, KvPsGetSmbiosString(OfType(10).at(0), 4, sizeof(text), text));
+    KVPS_SMBIOS_TPHEAD* const head = OfType(9).at(0);
+    EXPECT_EQ(16U, head->dataSize);
+    EXPECT_EQ(30, head->length);
+    EXPECT_EQ(0x60981302U, KvPsGetSmbiosString(head, 4, sizeof(text), text));
+    EXPECT_STREQ("old", text);
+
+    Bytes bytes(200, 0xEE);
+    EXPECT_EQ(0U, KvPsGetSmbiosMultiByte(head, 1, 150, bytes.data()));
+    EXPECT_EQ(30, bytes[0]);
+    EXPECT_THAT(Bytes(bytes.begin() + 11, bytes.begin() + 150), Each(0));
+    EXPECT_THAT(Bytes(bytes.begin() + 150, bytes.end()), Each(0xEE));
+    EXPECT_EQ(0U, KvPsGetSmbiosMultiByte(head, 30, 2, bytes.data()));
+    EXPECT_EQ(0x60D24202U, KvPsGetSmbiosMultiByte(head, 31, 1, bytes.data()));
+    EXPECT_EQ(0x60D24202U, KvPsGetSmbiosMultiByte(nullptr, 1, 1, bytes.data()));
+    EXPECT_EQ(0x60D24202U, KvPsGetSmbiosMultiByte(head, 1, 1, nullptr));
+    const auto* const behind = reinterpret_cast<const uint8_t*>(head) + head->dataSize;
+    EXPECT_THAT(std::vector<uint8_t>(behind, behind + 64), Each(0));
+}
+
+TEST_F(SmbiosQuery, FailedStartKeepsWhatWasCopied) {
+    EXPECT_EQ(0x6118B802U, KvPsInitializeSmbios()) << "the table reader has not started";
+    KVPS_SMBIOS_HEAD head = {};
+    EXPECT_EQ(0xFFFFFFFBU, ktx_smbios::GetHeader(&head)) << "-5, with the mark of a failed call";
+
+    ASSERT_EQ(0U, StartServer());
+    smbios_tableinfo[1].address = 0xC0000000;  // the first memory device cannot be read any more
+    EXPECT_EQ(0x6118B802U, KvPsInitializeSmbios());
+    EXPECT_EQ(1U, OfType(255).size());
+    EXPECT_EQ("Server", System(5));
+}
+
+TEST_F(SmbiosQuery, SurvivesStopAndStart) {
+    for (int round = 0; round < 3; ++round) {
+        ASSERT_EQ(0U, StartServer());
+        ASSERT_EQ(0U, KvPsInitializeSmbios()) << "a second copy replaces the first";
+        EXPECT_EQ(4U, OfType(255).size());
+        EXPECT_EQ(0U, KvPsTerminateSmbios());
+        EXPECT_TRUE(OfType(255).empty());
+        KVPS_SMBIOS_HEAD head = {};
+        KvPsGetStructureHeader(&head);
+        EXPECT_EQ(0, head.length);
+    }
+}
+
+TEST(SmbiosQueryTrace, SaysWhatWentWrong) {
+    RunInRoot(MakeTestRoot(), [] {
+        TraceListener daemon;
+        ASSERT_EQ(0, PXR_trace_init());
+        KvPsInitializeSmbios();
+        std::vector<std::string> texts;
+        for (const PXR_trace_packet& packet : daemon.WaitFor(7)) {
+            if (packet.type == PXR_TRACE_TYPE_MESSAGE) texts.emplace_back(packet.body.message.text);
+        }
+        EXPECT_THAT(texts,
+                    ElementsAre("SMBIOS_GETINFO call", "ioctl:call SMBIOS_GETINFO\n",
+                                testing::MatchesRegex("Error occured.\\(-5\\) KvLibSmbios_Requests.cpp\\([0-9]+\\)\n"),
+                                "SMBIOS_GETINFO failed. 0xfffffffb", "Can't get SMBIOS header.\n",
+                                testing::StartsWith("QNTR 6B802-C 118 driver_result = 0xFFFFFFFB ")));
+    });
+}
+
+}  // namespace
