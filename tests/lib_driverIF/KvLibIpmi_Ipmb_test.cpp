@@ -1,0 +1,365 @@
+// Bridging to controllers on the IPMB: messages, sequence numbers, and many threads at once.
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <thread>
+#include <vector>
+
+#include "tests/support/RegisterPath.h"
+
+namespace {
+std::atomic<bool> g_memoryGone = false;
+}
+
+// Memory for queue entries, which runs out when the test says so.
+void* operator new(size_t size, const std::nothrow_t& /*unused*/) noexcept {
+    return g_memoryGone ? nullptr : operator new(size);
+}
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using namespace std::chrono_literals;
+
+constexpr uint8_t kSatellite = 0x24;
+
+/// Time that stands still until the test moves it; sleeps and waits are short real ones.
+class HeldClock : public TimerClock {
+public:
+    uint64_t Now() override { return now_; }
+    int SleepFor(uint64_t /*microseconds*/) override {
+        std::this_thread::sleep_for(200us);
+        return 0;
+    }
+    bool WaitUntil(std::condition_variable& /*wake*/, std::unique_lock<std::mutex>& lock, uint64_t deadline) override {
+        lock.unlock();
+        std::this_thread::sleep_for(20ms);
+        lock.lock();
+        return now_ < deadline;
+    }
+    void Advance(std::chrono::microseconds time) { now_ += static_cast<uint64_t>(time.count()); }
+
+private:
+    std::atomic<uint64_t> now_ = 1'000'000;
+};
+
+/// What a bridged call came to.
+struct Called {
+    int result = 0;
+    uint32_t length = 0;
+    Bytes response;
+};
+
+class IpmbTest : public RegisterPathTest {
+public:
+    IpmbTest() : satellite(server.GetBmc().AddController(kSatellite)) {
+        satellite.Identity()->id = 0x77;
+        EXPECT_EQ(0, Init_IpmiIF());
+    }
+    ~IpmbTest() override {
+        EXPECT_EQ(0, ipmb_seq_check());
+        Terminate_IpmiIF();
+        EXPECT_EQ(nullptr, ipmb_req_queue);
+        EXPECT_EQ(nullptr, ipmb_reqqent_free);
+        EXPECT_EQ(0U, server.Overlaps());
+        EXPECT_EQ(0U, server.Kcs().Violations());
+    }
+
+    /// Get Device ID.
+    static Called Call(uint8_t target = kSatellite, uint32_t capacity = 64, Bytes request = {0x18, 0x01}) {
+        Called called;
+        called.response.assign(capacity + 4, 0xEE);
+        KvIpmiExecBlock block = {};
+        block.targetAddress = target;
+        block.requestLength = static_cast<uint32_t>(request.size());
+        block.request = request.data();
+        block.responseLength = capacity;
+        block.response = called.response.data();
+        called.result = ipmi_ioctl(IPMI_EXECCMD, reinterpret_cast<unsigned long>(&block));
+        called.length = block.responseLength;
+        EXPECT_EQ(Bytes(4, 0xEE), Bytes(called.response.end() - 4, called.response.end()));
+        return called;
+    }
+    void Silence(unsigned times = 1000) { satellite.Silence(sim::netfn::kApp, 0x01, times); }
+
+    sim::Controller& satellite;
+};
+
+/// A Get Message response that carries a response.
+Bytes Delivered(uint8_t sequence, uint8_t responder = kSatellite, uint8_t command = 0x01) {
+    return {0x1C, 0x33, 0x00, 0x00, 0x1C, 0xC4, responder, sequence, command, 0x00, 0x99, 0x5A};
+}
+
+void Deliver(const Bytes& message) {
+    ipmb_reqq_deq(message.data(), static_cast<uint32_t>(message.size()));
+}
+
+TEST_F(IpmbTest, BridgesAMessage) {
+    const Called called = Call();
+    ASSERT_EQ(0, called.result);
+    EXPECT_EQ(15U, called.length) << "the checksum at the end is passed on";
+    EXPECT_EQ((Bytes{0x1C, 0x01, 0x00, 0x77}), Bytes(called.response.begin(), called.response.begin() + 4));
+    const Called cut = Call(kSatellite, 4);
+    EXPECT_EQ(0, cut.result);
+    EXPECT_EQ(15U, cut.length);
+}
+
+TEST_F(IpmbTest, SendMessageLayout) {
+    const Bytes request = {0x28, 0x2D, 0x30};
+    uint8_t out[12];
+    uint32_t length = 0;
+    uint8_t sequence = 0;
+    ipmb_seq_release(ipmb_seq_reserve());
+    ASSERT_EQ(0, ipmb_create_send_message(0x24, request.data(), 3, out, 11, &length, &sequence));
+    EXPECT_EQ(sequence, out[7] & 0xFC);
+    const auto sum = static_cast<uint8_t>(-(0x20 + (sequence | 2) + 0x2D + 0x30));
+    const uint8_t last = static_cast<uint8_t>(sequence | 2);
+    EXPECT_EQ((Bytes{0x18, 0x34, 0x00, 0x24, 0x28, 0xB4, 0x20, last, 0x2D, 0x30, sum}), Bytes(out, out + length));
+    ipmb_seq_release(sequence);
+    EXPECT_EQ(-105, ipmb_create_send_message(0x24, request.data(), 3, out, 10, &length, &sequence));
+    EXPECT_EQ(-14, ipmb_create_send_message(0x24, request.data(), 1, out, 11, &length, &sequence));
+}
+
+TEST_F(IpmbTest, ResponseIsUnwrappedWithinItsBounds) {
+    const Bytes good = Delivered(0x07);
+    struct Case {
+        size_t at;
+        uint8_t value;
+        uint32_t received;
+        uint32_t capacity;
+        int result;
+        uint32_t length;
+        Bytes out;
+    };
+    for (const Case& each : {Case{0, 0x1C, 12, 8, 0, 5, {0x1F, 0x01, 0x00, 0x99, 0x5A, 0xEE}},
+                             Case{0, 0x1F, 12, 2, 0, 5, {0x1F, 0x01, 0xEE}}, Case{0, 0x1C, 12, 0, 0, 5, {0xEE}},
+                             Case{0, 0x1C, 8, 8, 0, 1, {0x1F, 0xEE}}, Case{0, 0x1C, 7, 8, -74, 8, {0xEE}},
+                             Case{0, 0x18, 12, 8, -74, 8, {0xEE}}, Case{5, 0xC5, 12, 8, -74, 8, {0xEE}}}) {
+        Bytes message = good;
+        message[each.at] = each.value;
+        Bytes out(16, 0xEE);
+        uint32_t length = each.capacity;
+        EXPECT_EQ(each.result, ipmb_create_response_data(message.data(), each.received, out.data(), &length));
+        EXPECT_EQ(each.length, length);
+        EXPECT_EQ(each.out, Bytes(out.begin(), out.begin() + static_cast<ptrdiff_t>(each.out.size())));
+    }
+}
+
+TEST_F(IpmbTest, TargetThatIsNotThereAnswersThroughTheBmc) {
+    const Called called = Call(0x30, 8, {0x28, 0x2D, 0x01});
+    EXPECT_EQ(0, called.result);
+    EXPECT_EQ(3U, called.length);
+    EXPECT_EQ((Bytes{0x2C, 0x2D, sim::cc::kNakOnWrite}), Bytes(called.response.begin(), called.response.begin() + 3));
+    EXPECT_EQ(-105, Call(0x30, 2).result);
+}
+
+TEST_F(IpmbTest, RequestThatDoesNotFitAMessage) {
+    EXPECT_EQ(-105, Call(kSatellite, 64, Bytes(kIpmiMaxMessage - 7, 0x18)).result);
+    EXPECT_EQ(0, Call(kSatellite, 64, Bytes(kIpmiMaxMessage - 8, 0x18)).result);
+}
+
+TEST_F(IpmbTest, FailedSendFreesItsNumber) {
+    server.Kcs().SetNotAvailable(true);
+    EXPECT_EQ(-6, Call().result);
+    EXPECT_EQ(0, ipmb_seq_check());
+    server.Kcs().SetNotAvailable(false);
+    EXPECT_EQ(0, Call().result);
+}
+
+TEST_F(IpmbTest, SilentTargetTimesOut) {
+    Silence();
+    const uint64_t before = clock.Now();
+    EXPECT_EQ(-110, Call().result);
+    const uint64_t took = (clock.Now() - before) / 1000;
+    EXPECT_LE(1100U, took);
+    EXPECT_GE(1500U, took);
+    EXPECT_EQ(0, ipmb_seq_check());
+}
+
+TEST_F(IpmbTest, AttentionThatNeverEndsDoesNotHoldTheRequester) {
+    Silence();
+    server.GetBmc().QueueEvent({});  // which nobody reads
+    const uint64_t before = clock.Now();
+    EXPECT_EQ(-110, Call().result);
+    EXPECT_GE(3000U, (clock.Now() - before) / 1000);
+}
+
+TEST_F(IpmbTest, DamagedHeaderOnTheBus) {
+    server.GetBmc().OnBusAnswer([](Bytes& message) { message[1] ^= 0x10; });
+    EXPECT_EQ(-74, Call().result);
+}
+
+TEST_F(IpmbTest, UnknownAndDamagedAnswersAreDropped) {
+    // In front of the answer: another sequence number, an answer cut short, a completion code alone.
+    server.GetBmc().OnBusAnswer([this, first = true](Bytes&) mutable {
+        if (!std::exchange(first, false)) return;
+        for (const Bytes& stray :
+             {Bytes{0x1C, 0xC4, kSatellite, 0xF8, 0x01, 0x00, 0x00}, Bytes{0x1C, 0xC4, kSatellite}, Bytes{}})
+            server.GetBmc().QueueMessage(stray);
+    });
+    const Called called = Call();
+    EXPECT_EQ(0, called.result);
+    EXPECT_EQ(0x77, called.response[3]);
+}
+
+TEST_F(IpmbTest, AnswerThatComesBeforeTheWait) {
+    IpmbRequestEntry* const entry = ipmb_reqq_reserve();
+    const uint8_t sequence = ipmb_seq_reserve();
+    ipmb_reqq_push(entry, sequence, kSatellite, 0x01);
+    Deliver(Delivered(sequence));
+    uint8_t message[kIpmiMaxMessage];
+    uint32_t length = 10;
+    EXPECT_EQ(0, ipmb_reqq_enq(sequence, message, &length));
+    EXPECT_EQ(12U, length);
+}
+
+TEST_F(IpmbTest, LateAnswerGoesToNobodyElse) {
+    IpmbRequestEntry* const entry = ipmb_reqq_reserve();
+    const uint8_t sequence = ipmb_seq_reserve();
+    ipmb_reqq_push(entry, sequence, kSatellite, 0x01);
+    Deliver(Delivered(sequence, 0x26, 0x01));
+    Deliver(Delivered(sequence, kSatellite, 0x02));
+    EXPECT_EQ(0U, entry->received);
+    EXPECT_EQ(1, ipmb_seq_check()) << "the number stays with who waits under it";
+    Deliver(Delivered(sequence));
+    EXPECT_EQ(12U, entry->received);
+    EXPECT_EQ(0, ipmb_seq_check());
+    EXPECT_NE(sequence, [&] {  // not given out again while it stands in the queue
+        uint8_t found = 0;
+        for (int i = 0; i < 64; ++i)
+            ipmb_seq_release(found = ipmb_seq_reserve());
+        return found;
+    }());
+    ipmb_reqq_cancel(entry);
+}
+
+TEST_F(IpmbTest, NumbersGoRound) {
+    const uint8_t first = ipmb_seq_reserve();
+    const uint8_t second = ipmb_seq_reserve();
+    EXPECT_EQ((first + 4) & 0xFC, second);
+    ipmb_seq_release(first);
+    EXPECT_EQ((second + 4) & 0xFC, ipmb_seq_reserve()) << "round robin, not the lowest";
+    for (int i = 2; i < 64; ++i)
+        EXPECT_NE(kIpmbNoSequence, ipmb_seq_reserve());
+    EXPECT_EQ(kIpmbNoSequence, ipmb_seq_reserve());
+    EXPECT_EQ(-16, Call().result);
+    Deliver(Delivered(second));  // nobody waits: the number is free
+    EXPECT_EQ(second, ipmb_seq_reserve());
+    for (int i = 0; i < 64; ++i)
+        ipmb_seq_release(static_cast<uint8_t>(i << 2));
+}
+
+TEST_F(IpmbTest, ExhaustedMemoryIsReported) {
+    g_memoryGone = true;
+    if (const std::unique_ptr<char> any(new (std::nothrow) char); any != nullptr) {
+        g_memoryGone = false;
+        GTEST_SKIP() << "valgrind has put its own operator new in place";
+    }
+    EXPECT_EQ(-12, Call().result);
+    uint32_t length = 4;
+    uint8_t message[4];
+    EXPECT_EQ(-12, ipmb_reqq_enq(0, message, &length));
+    g_memoryGone = false;
+    EXPECT_EQ(0, Call().result);
+}
+
+TEST_F(IpmbTest, ManyThreadsGetTheirOwnAnswers) {
+    satellite.Delay(sim::netfn::kApp, 0x01, 3ms, 1000);
+    server.GetBmc().AddController(0x26).Identity()->id = 0x78;
+    std::atomic<int> wrong = 0;
+    std::vector<std::thread> threads;
+    for (const uint8_t target : std::initializer_list<uint8_t>{0x24, 0x26, 0x20, 0x24, 0x26, 0x24, 0x26, 0x20}) {
+        threads.emplace_back([target, &wrong] {
+            for (int i = 0; i < 8; ++i) {
+                const Called called = Call(target);
+                const uint8_t expected = target == 0x20 ? 0x20 : target == 0x24 ? 0x77 : 0x78;
+                if (called.result != 0 || called.response[3] != expected) ++wrong;
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(0, wrong);
+    EXPECT_EQ(0, ipmb_seq_check());
+}
+
+/// Lets threads bridge to a silent target while time stands still, until so many are outstanding.
+struct Outstanding {
+    explicit Outstanding(unsigned count) {
+        for (unsigned i = 0; i < count; ++i)
+            threads.emplace_back([this, i] {
+                results[i] = IpmbTest::Call().result;
+                ++finished;
+            });
+    }
+    void Join() {
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+    std::array<std::atomic<int>, 64> results = {};
+    std::atomic<unsigned> finished = 0;
+    std::vector<std::thread> threads;
+};
+
+/// Polls for 20 s at most.
+template <class Condition>
+bool Comes(Condition condition) {
+    for (int i = 0; i < 20'000 && !condition(); ++i)
+        std::this_thread::sleep_for(1ms);
+    return condition();
+}
+
+TEST_F(IpmbTest, SixtyFifthRequestIsRefused) {
+    Silence();
+    HeldClock held;
+    SetTimerClock(&held);
+    Outstanding waiting(64);
+    EXPECT_TRUE(Comes([this] { return satellite.Count() == 64; }));
+    EXPECT_EQ(-16, Call().result);
+    EXPECT_TRUE(Comes([&] {
+        held.Advance(100ms);
+        return waiting.finished == 64;
+    }));
+    waiting.Join();
+    EXPECT_TRUE(std::ranges::all_of(waiting.results, [](int result) { return result == -110; }));
+    EXPECT_EQ(0, ipmb_seq_check());
+    SetTimerClock(&clock);
+}
+
+TEST_F(IpmbTest, EndWhileSixteenThreadsAreBridging) {
+    Silence();
+    for (const unsigned outstanding : {16U, 5U, 0U}) {  // waiting, sending, and just called
+        HeldClock held;
+        SetTimerClock(&held);
+        satellite.ResetCounts();
+        Outstanding waiting(16);
+        EXPECT_TRUE(Comes([&] { return satellite.Count() >= outstanding; }));
+        Terminate_IpmiIF();
+        waiting.Join();
+        for (unsigned i = 0; i < 16; ++i)
+            EXPECT_TRUE(waiting.results[i] == -110 || waiting.results[i] == -1) << waiting.results[i];
+        EXPECT_EQ(nullptr, ipmb_reqqent_free);
+        SetTimerClock(&clock);
+        ASSERT_EQ(0, Init_IpmiIF());
+    }
+    satellite.OnCommand(sim::netfn::kApp, 0x01, {});
+    EXPECT_EQ(0, Call().result) << "after a new start";
+}
+
+TEST_F(IpmbTest, RegistersAreLeftAloneWhenNothingIsOutstanding) {
+    EXPECT_EQ(0, Call().result);
+    HeldClock held;
+    SetTimerClock(&held);
+    EXPECT_TRUE(Comes([this] {
+        const unsigned reads = server.PortReads(kKcsStatus);
+        std::this_thread::sleep_for(5ms);
+        return server.PortReads(kKcsStatus) == reads;
+    }));
+    SetTimerClock(&clock);
+}
+
+}  // namespace

@@ -1,0 +1,301 @@
+// The KCS driver against the BMC's side of the registers, one fault at each step.
+
+#include <array>
+#include <cmath>
+#include <vector>
+
+#include "tests/support/RegisterPath.h"
+
+namespace kcs = sim::kcs;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+class KcsTest : public RegisterPathTest {
+protected:
+    KcsTest() { UseKcs(); }
+
+    int Write(Bytes request = {0x18, 0x01, 0xAA, 0xBB}) {
+        uint8_t status = 0xEE;
+        const int result = ipmi_kcs_Write(request.data(), static_cast<uint32_t>(request.size()), &status);
+        EXPECT_EQ(0, status);
+        return result;
+    }
+    int Read(uint32_t capacity = kIpmiMaxMessage) {
+        response.assign(capacity + 4, 0xEE);
+        length = capacity;
+        uint8_t status = 0xEE;
+        const int result = ipmi_kcs_Read(response.data(), &length, &status);
+        EXPECT_EQ(0, status);
+        EXPECT_EQ(Bytes(4, 0xEE), Bytes(response.end() - 4, response.end())) << "written behind the capacity";
+        return result;
+    }
+    unsigned Aborts() { return server.PortWrites(kKcsStatus, kcs::kAbort); }
+    /// Changes the n-th status byte read from now on (1: the next).
+    void ChangeStatus(unsigned n, uint8_t clear, uint8_t set) {
+        server.OnPortRead(kKcsStatus, [=, count = 0U](uint8_t good) mutable {
+            return ++count == n ? static_cast<uint8_t>((good & ~clear) | set) : good;
+        });
+    }
+    /// Does something when the driver begins an abort.
+    void OnAbort(const std::function<void()>& action) {
+        server.OnPortWrite(kKcsStatus, [=](uint8_t value) {
+            if (value == kcs::kAbort) action();
+            return std::optional(value);
+        });
+    }
+
+    Bytes response;
+    uint32_t length = 0;
+};
+
+TEST_F(KcsTest, CarriesAMessage) {
+    server.Kcs().SetDummyBytes(true);
+    AnswerWith(0x01, 12);
+    ASSERT_EQ(0, Write());
+    ASSERT_EQ(0, Read());
+    EXPECT_EQ((Bytes{0x1C, 0x01, 0, 1, 2}), Bytes(response.begin(), response.begin() + 5));
+    EXPECT_EQ(14U, length);
+    EXPECT_EQ((Bytes{0xAA, 0xBB}), server.GetBmc().Log().back().data);
+    EXPECT_EQ(0U, Aborts());
+    EXPECT_EQ(0U, server.Kcs().Violations());
+    EXPECT_EQ(0U, server.RaisedThreads()) << "I/O privilege left raised";
+}
+
+TEST_F(KcsTest, RefusesImpossibleLengths) {
+    Bytes bytes(kIpmiMaxMessage + 1);
+    uint8_t status = 0;
+    for (const uint32_t bad : {0U, 1U, kIpmiMaxMessage + 1})
+        EXPECT_EQ(-14, ipmi_kcs_Write(bytes.data(), bad, &status)) << bad;
+    EXPECT_EQ(-14, ipmi_kcs_Write(nullptr, 2, &status));
+    for (uint32_t bad : {0U, kIpmiMaxMessage + 1})
+        EXPECT_EQ(-14, ipmi_kcs_Read(bytes.data(), &bad, &status)) << bad;
+    EXPECT_EQ(-14, ipmi_kcs_Read(nullptr, nullptr, &status));
+    EXPECT_EQ(0U, server.PortReads(kKcsStatus));
+    EXPECT_EQ(0, Write(Bytes(kIpmiMaxMessage, 0x18)));
+}
+
+TEST_F(KcsTest, WriteRecoversFromOneStateErrorAtAnyByte) {
+    // WRITE_START, three bytes and WRITE_END; what follows shows in the read.
+    for (unsigned n = 1; n <= 5; ++n) {
+        const unsigned before = Aborts();
+        server.Kcs().FailAtByte(n);
+        EXPECT_EQ(0, Write()) << n;
+        EXPECT_EQ(before + 1, Aborts()) << n;
+        EXPECT_EQ(0, Read()) << n;
+    }
+}
+
+TEST_F(KcsTest, WriteSpendsThreeStateErrors) {
+    // The abort succeeds: one each. It fails too: two each.
+    server.OnPortRead(kKcsStatus, [aborting = false, this](uint8_t good) mutable {
+        aborting =
+            server.PortWrites(kKcsStatus, kcs::kAbort) * 2 > server.PortWrites(kKcsStatus, kcs::kWriteStart) * 2 - 1;
+        return aborting ? good : static_cast<uint8_t>(good | kcs::kError);
+    });
+    EXPECT_EQ(-14, Write());
+    EXPECT_EQ(3U, Aborts());
+    server.OnPortRead(kKcsStatus, {});
+
+    server.Kcs().FailEveryByte(1);
+    EXPECT_EQ(-14, Write());
+    EXPECT_EQ(3U + 2U, Aborts());
+}
+
+TEST_F(KcsTest, WriteSpendsThreeTimeouts) {
+    server.Kcs().SetHung(true);
+    EXPECT_EQ(-16, Write());
+    EXPECT_EQ(3U * 10000, SleptMs());
+    EXPECT_EQ(0U, Aborts());
+}
+
+TEST_F(KcsTest, OneTimeoutAtAnyByteStartsTheWriteAgain) {
+    for (unsigned n = 1; n <= 4; ++n) {
+        // The BMC misses the n-th byte, for one time limit.
+        unsigned polls = 0;
+        server.OnPortRead(kKcsStatus, [&, bytes = 0U](uint8_t good) mutable {
+            if ((good & kcs::kIbf) != 0) ++bytes;
+            return bytes == n && polls < 10000 ? (++polls, static_cast<uint8_t>(good | kcs::kIbf)) : good;
+        });
+        EXPECT_EQ(0, Write()) << n;
+        EXPECT_EQ(10000U, polls);
+        server.OnPortRead(kKcsStatus, {});
+        EXPECT_EQ(0, Read()) << n;
+    }
+}
+
+TEST_F(KcsTest, UnavailableBmcEndsTheTransferAtOnce) {
+    ASSERT_EQ(0, Write());
+    const unsigned inWrite = server.PortReads(kKcsStatus);
+    ASSERT_EQ(0, Read());
+    const unsigned inRead = server.PortReads(kKcsStatus) - inWrite;
+    for (unsigned n = 1; n <= inWrite; ++n) {
+        ChangeStatus(n, 0, kcs::kNotAvailable);
+        const unsigned before = server.PortReads(kKcsStatus);
+        EXPECT_EQ(-6, Write()) << n;
+        EXPECT_EQ(before + n, server.PortReads(kKcsStatus)) << n;
+    }
+    // From the last wait on it is the dummy byte that does not come.
+    for (unsigned n = 1; n <= inRead; ++n) {
+        server.OnPortRead(kKcsStatus, {});
+        ASSERT_EQ(0, Write());
+        ChangeStatus(n, 0, kcs::kNotAvailable);
+        EXPECT_EQ(n == inRead ? -14 : -6, Read()) << n;
+    }
+}
+
+TEST_F(KcsTest, AbortOutcomesEndTheWrite) {
+    server.Kcs().FailAtByte(2);
+    OnAbort([this] { server.Kcs().SetHung(true); });
+    EXPECT_EQ(-16, Write());  // one in the abort, two more
+    EXPECT_EQ(3, std::lround(static_cast<double>(SleptMs()) / 10000));
+    server.Kcs().SetHung(false);
+
+    server.Kcs().FailAtByte(2);
+    OnAbort([this] { server.Kcs().SetNotAvailable(true); });
+    EXPECT_EQ(-6, Write());
+    server.Kcs().SetNotAvailable(false);
+
+    server.Kcs().FailAtByte(2);
+    OnAbort([this] { server.Kcs().FailAtByte(1); });
+    EXPECT_EQ(0, Write());  // two state errors spent, the third pass is good
+}
+
+TEST_F(KcsTest, ReadBoundsTheCopyAndCountsOn) {
+    AnswerWith(0x01, 100);
+    ASSERT_EQ(0, Write());
+    EXPECT_EQ(0, Read(3));
+    EXPECT_EQ(102U, length);
+    EXPECT_EQ((Bytes{0x1C, 0x01, 0}), Bytes(response.begin(), response.begin() + 3));
+}
+
+TEST_F(KcsTest, ReadTakes1028BytesAndNoMore) {
+    AnswerWith(0x01, kIpmiMaxMessage - 2);
+    ASSERT_EQ(0, Write());
+    EXPECT_EQ(0, Read());
+    EXPECT_EQ(kIpmiMaxMessage, length);
+    EXPECT_EQ(0U, Aborts());
+
+    AnswerWith(0x01, kIpmiMaxMessage - 1);
+    ASSERT_EQ(0, Write());
+    EXPECT_EQ(-14, Read());
+    EXPECT_EQ(kIpmiMaxMessage, length);
+    EXPECT_EQ(1U, Aborts());
+    EXPECT_EQ(kcs::kIdle, server.Kcs().State());
+}
+
+TEST_F(KcsTest, ReadAllowsNoStateError) {
+    server.Kcs().FailAtByte(7);  // six for the request
+    ASSERT_EQ(0, Write());
+    EXPECT_EQ(-14, Read());
+    EXPECT_EQ(1U, Aborts());
+}
+
+TEST_F(KcsTest, ReadGoesOnAfterATimeout) {
+    for (const unsigned timeouts : {2U, 3U}) {
+        AnswerWith(0x01, 4);
+        ASSERT_EQ(0, Write());
+        // No byte to read for so many time limits, after the first.
+        server.OnPortRead(kKcsStatus, [=, looks = 0U, polls = 0U](uint8_t good) mutable {
+            const bool late =
+                (good & kcs::kObf) != 0 && ++looks > 3 && polls < timeouts * 10001;  // one look at IBF in each pass
+            if (late) ++polls;
+            return late ? static_cast<uint8_t>(good & ~kcs::kObf) : good;
+        });
+        EXPECT_EQ(timeouts < 3 ? 0 : -16, Read());
+        server.OnPortRead(kKcsStatus, {});
+        if (timeouts < 3) {
+            EXPECT_EQ((Bytes{0x1C, 0x01, 0, 1, 2, 3}), Bytes(response.begin(), response.begin() + 6));
+        }
+    }
+}
+
+TEST_F(KcsTest, MissingDummyByteIsATimeout) {
+    ASSERT_EQ(0, Write());
+    server.OnPortRead(kKcsStatus, [](uint8_t good) {
+        return (good & 0xC0) == kcs::kIdle ? static_cast<uint8_t>(good & ~kcs::kObf) : good;
+    });
+    EXPECT_EQ(-16, Read());
+}
+
+TEST_F(KcsTest, GetStatusMapsTheAbortsResult) {
+    struct Case {
+        const char* what;
+        std::function<void()> fault;
+        int result;
+    };
+    const std::array cases = {
+        Case{"good", [] {}, 0},
+        Case{"state error", [this] { server.Kcs().FailAtByte(1); }, -14},
+        Case{"not available", [this] { server.Kcs().SetNotAvailable(true); }, -6},
+        Case{"hung", [this] { server.Kcs().SetHung(true); }, -16},
+    };
+    for (const Case& each : cases) {
+        server.Kcs().SetNotAvailable(false);
+        each.fault();
+        uint8_t status = 0xEE;
+        EXPECT_EQ(each.result, ipmi_kcs_GetStatus(&status)) << each.what;
+    }
+    EXPECT_EQ(-14, ipmi_kcs_GetStatus(nullptr));
+}
+
+TEST_F(KcsTest, AbortFetchesTheErrorCode) {
+    server.OnPortWrite(kKcsStatus, [](uint8_t) { return std::optional<uint8_t>(0x7F); });  // no such control code
+    uint8_t status = 0;
+    KCSGetStatusReg(0, 0, &status);
+    ipmi_ioreg_write(kKcsStatus, 0x61);
+    KCSWaitStatusReg(0, kcs::kIbf, &status);
+    server.OnPortWrite(kKcsStatus, {});
+    uint8_t code = 0;
+    EXPECT_EQ(kKcsDone, KCSAbortAndGetStatusCode(&code));
+    EXPECT_EQ(kcs::kIllegalControl, code);
+}
+
+TEST_F(KcsTest, PrimitivesAndTheirArguments) {
+    uint8_t status = 0;
+    EXPECT_EQ(kKcsBadArgument, KCSWaitStatusReg(0x01, 0x02, &status));
+    EXPECT_EQ(kKcsBadArgument, KCSWaitStatusReg(0x01, 0x01, nullptr));
+    EXPECT_EQ(kKcsBadArgument, KCSAbortAndGetStatusCode(nullptr));
+    EXPECT_EQ(0U, server.PortReads(kKcsStatus));
+
+    EXPECT_EQ(kKcsTimeout, KCSWaitStatusReg(kcs::kObf, kcs::kObf, &status));
+    EXPECT_EQ(10000U, server.PortReads(kKcsStatus));
+    EXPECT_EQ(10000U, SleptMs());
+    EXPECT_EQ(1, KCSGetStatusReg(kcs::kIdle, 0xC0, &status));
+    EXPECT_EQ(0, KCSGetStatusReg(kcs::kRead, 0xC0, &status));
+
+    server.OnPortRead(kKcsStatus, [](uint8_t) { return kcs::kObf; });
+    EXPECT_EQ(kKcsTimeout, KCSClearObf(&status));
+    EXPECT_EQ(1U, server.PortReads(kKcsData)) << "drained once, then waited";
+}
+
+TEST_F(KcsTest, Attention) {
+    EXPECT_EQ(0, ipmi_kcs_SMSBitCheck(1));
+    EXPECT_EQ(kKcsTimeout, ipmi_kcs_SMSBitCheck(2));
+    server.GetBmc().QueueMessage({1, 2, 3}, std::chrono::milliseconds(50));
+    const uint64_t before = clock.Now();
+    EXPECT_EQ(kKcsDone, ipmi_kcs_SMSBitCheck(2));
+    EXPECT_EQ(50U, (clock.Now() - before) / 1000);
+    EXPECT_EQ(1, ipmi_kcs_SMSBitCheck(1));
+    server.Kcs().SetNotAvailable(true);
+    EXPECT_EQ(kKcsNotAvailable, ipmi_kcs_SMSBitCheck(2));
+}
+
+TEST_F(KcsTest, ReadState) {
+    EXPECT_EQ(0, ipmi_kcs_IsREAD_STATE());
+    ASSERT_EQ(0, Write());
+    uint8_t status = 0;
+    ASSERT_EQ(kKcsDone, KCSWaitStatusReg(0, kcs::kIbf, &status));
+    EXPECT_EQ(1, ipmi_kcs_IsREAD_STATE());
+}
+
+TEST_F(KcsTest, RefusedPrivilegeTouchesNoPort) {
+    server.DenyIoPrivilege(true);
+    EXPECT_EQ(-5, ipmi_ioreg_write(kKcsData, 1));
+    EXPECT_EQ(0, ipmi_ioreg_read(kKcsStatus));
+    EXPECT_EQ(-14, Write());
+    EXPECT_EQ(0U, server.PortReads(kKcsStatus) + server.PortWrites(kKcsStatus) + server.PrivilegeViolations());
+}
+
+}  // namespace
