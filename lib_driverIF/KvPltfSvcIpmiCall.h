@@ -1,0 +1,142 @@
+#pragma once
+/// @file
+/// The way to the BMC: start and stop of the IPMI layer, the machine-wide bracket around every conversation, and the
+/// gate that each command goes through.
+
+#include <atomic>
+#include <cstdint>
+
+#include "cover/TimerCover.h"
+
+namespace ktx_ipmi {
+
+/// Reasons of this layer's result codes.
+namespace reason {
+inline constexpr uint32_t kBadArguments = 0x6000B100;      ///< or a response of the wrong length
+inline constexpr uint32_t kCallFailed = 0x6000B101;        ///< the driver did not carry the command out
+inline constexpr uint32_t kCallFailedClass2 = 0x6000B102;  ///< the same, transport error of class 2
+inline constexpr uint32_t kNotOpened = 0x6000B104;
+inline constexpr uint32_t kOemRefused = 0x6000B107;
+inline constexpr uint32_t kSoftwareId = 0x6000B109;  ///< the address names software, not a controller
+inline constexpr uint32_t kNullOutput = 0x6000B116;
+inline constexpr uint32_t kTerminating = 0x6000B120;
+inline constexpr uint32_t kCompletionCode = 0x6000B200;  ///< plus the completion code
+inline constexpr uint32_t kFirmwareUpdate = 0x6000B600;
+}  // namespace reason
+
+inline constexpr int kInvalidHandle = -1;
+/// Longest message in either direction.
+inline constexpr uint32_t kMaxMessage = 1028;
+
+/// Seconds to subtract from SEL time stamps; 0 unless someone learns better.
+extern uint32_t g_dwBmcTimezone;
+
+/// Opens the lock file and starts the register path. Once per process; later calls change nothing.
+bool InitIpmiLib();
+void TerminateIpmiLib();
+bool IsIpmiLibStarted();
+
+/// Takes the machine-wide IPMI lock and opens the IPMI device. Nests per thread: only the outermost level locks and
+/// opens. Waiters of all processes are served in their order of arrival.
+/// @param handle     the handle for the commands; kInvalidHandle after a failure
+/// @param timeoutMs  kInfinite waits for ever
+/// @return false when the lock was not to be had or the device could not be opened three times; then nothing is held
+///         and CloseIpmiDriver must not be called
+bool OpenIpmiDriver(int* handle, uint32_t timeoutMs);
+void CloseIpmiDriver(int handle);
+
+/// Takes and releases the lock alone, with the priority flag set while it is being taken.
+bool OpenIpmiDriverPriority(int* handle, uint32_t timeoutMs);
+void CloseIpmiDriverPriority(int handle);
+void IPMIPriorityCtrl(int on);
+int IsIPMIPriorityCtrl();
+
+/// Opens the device inside a priority bracket, for its own scope; does nothing where the device is open already.
+class DeviceInBracket {
+public:
+    DeviceInBracket();
+    ~DeviceInBracket();
+    DeviceInBracket(const DeviceInBracket&) = delete;
+    DeviceInBracket& operator=(const DeviceInBracket&) = delete;
+    explicit operator bool() const { return open_; }
+
+private:
+    bool open_;
+};
+
+/// The bracket as an object: held from construction to the end of the scope.
+///
+///   IpmiBracket bracket;
+///   if (!bracket) return PXR_ReportError(...);          // reason 0xB104
+///   for (...) {
+///       GetSdr(bracket.Handle(), ...);
+///       if (!bracket.LetOthersIn()) return ...;         // between two records
+///   }
+class IpmiBracket {
+public:
+    explicit IpmiBracket(uint32_t timeoutMs = kInfinite);
+    ~IpmiBracket();
+    IpmiBracket(const IpmiBracket&) = delete;
+    IpmiBracket& operator=(const IpmiBracket&) = delete;
+
+    explicit operator bool() const { return open_; }
+    int Handle() const { return handle_; }
+
+    /// Where somebody waits for the lock, and this is the thread's outermost bracket: gives the lock up, queues behind
+    /// the waiters and opens again. Otherwise free of cost.
+    /// @return false when the bracket could not be opened again; it is closed then
+    bool LetOthersIn();
+
+private:
+    int handle_ = kInvalidHandle;
+    bool open_ = false;
+};
+
+/// Executes one command under the caller's bracket: up to 51 attempts, 100 ms apart; waits while the BMC's firmware is
+/// updated as long as the host wants it to.
+/// @param handle          of the bracket
+/// @param address         slave address of the owner; even. Every command goes to the BMC itself
+/// @param request         NetFn/LUN, command, data
+/// @param response        the caller's; filled with NetFn/LUN + 4, command, completion code, data; the rest is zero
+/// @param responseLength  in: capacity, above 2; out: length of the whole response, which may exceed the capacity
+/// @return 0: the completion code is the caller's to judge; 0x6000B100 bad arguments; 0x6000B120 the process is
+///         terminating; 0x6000B600 firmware update (watchdog reset and SVP command); 0x1nnnnnnn the driver failed
+uint32_t CallIpmiDriver(int handle, uint8_t address, uint8_t* request, uint32_t requestLength, uint8_t* response,
+                        uint32_t* responseLength);
+
+/// Turns a driver failure of CallIpmiDriver into a reason: 0x6000B101, 0x6000B102, or 0 for anything else.
+uint32_t ModifyErrorCode(uint32_t result);
+
+// The completion code of the last valid response. Ask inside the bracket.
+inline constexpr uint32_t kCompCodeNone = 256;            ///< no response yet to the current attempt
+inline constexpr uint32_t kCompCodeFirmwareUpdate = 512;  ///< the last attempt waited for a firmware update
+void SetRecentCompCode(uint8_t code);
+void SetFreeRecentCompCode(uint32_t marker);
+uint32_t GetRecentCompCode();
+
+enum CompCodeClass {
+    kCompCodeGood = 0,
+    kCompCodeBusy = 1,       ///< node busy, BMC starting, firmware update
+    kCompCodeReReserve = 2,  ///< time-out or reservation cancelled: reserve again, then retry
+    kCompCodeError = 3,
+    kCompCodeNoResponse = 4,
+};
+int CheckRecentCompCode();
+
+/// What carries a command to the BMC; the kernel's device unless it is replaced.
+class IpmiTransport {
+public:
+    virtual ~IpmiTransport() = default;
+    /// @return 0, or -1
+    virtual int Open() = 0;
+    virtual void Close() = 0;
+    /// @param response        begins with the completion code
+    /// @param responseLength  in: capacity; out: bytes received
+    /// @return 0; -1 failed; -6 the BMC's firmware is being updated
+    virtual int Execute(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data,
+                        uint16_t* responseLength, uint8_t* response) = 0;
+};
+/// Null brings the kernel's device back. Not while a bracket is open.
+void SetIpmiTransport(IpmiTransport* transport);
+
+}  // namespace ktx_ipmi

@@ -1,0 +1,307 @@
+// The machine-wide IPMI lock, and the turnstile that makes it fair.
+//
+// The lock is a file lock that every agent process takes around each conversation with the BMC. Who unlocks and at once
+// wants in again would win it back every time: so a waiter first passes a turnstile, and lets the next one through only
+// when it holds the lock. Threads of one process queue up for the turnstile in their order of arrival, processes in the
+// order of the places that they take in the turnstile's file.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <condition_variable>
+#include <list>
+#include <mutex>
+#include <utility>
+
+#include "common/PXR_syscall_internal.h"
+#include "cover/FileLockCover.h"
+#include "cover/TimerCover.h"
+#include "lib_driverIF/KvPltfSvcIpmiCall_Internal.h"
+#include "libplatform/PXR_trace.h"
+
+_FLKHANDLE* g_hipmilock = nullptr;
+
+namespace ktx_ipmi {
+
+namespace {
+
+constexpr const char* kLockFile = "/var/opt/velmora/lantrel/tmp/ipmilock";
+constexpr const char* kTurnstileFile = "/var/opt/velmora/lantrel/tmp/ipmilock.turn";
+constexpr uint32_t kPauseAfterUnlock = 100;  // ms; only where there is no turnstile to hand the lock over
+constexpr uint32_t kPauseAfterFailedOpen = 100;
+constexpr int kOpenTries = 3;
+constexpr uint32_t kPollPause = 1;  // ms, in waits that have a limit
+
+FileDescriptor g_turnstile;
+std::atomic<int> g_bIPMIPriorityCtrl{0};
+
+/// Threads of this process that want the lock, first come first served.
+class Queue {
+public:
+    /// One thread's place; leaves at the end of the scope.
+    class Place {
+    public:
+        Place(Queue& queue, const TimeLimit* limit) : queue_(queue) {
+            std::unique_lock lock(queue_.mutex_);
+            self_ = queue_.waiting_.insert(queue_.waiting_.end(), this);
+            while (queue_.waiting_.front() != this) {
+                if (limit == nullptr) {
+                    queue_.moved_.wait(lock);
+                } else {
+                    queue_.moved_.wait_for(lock, std::chrono::milliseconds(20));
+                    if (queue_.waiting_.front() != this && LimitPassed(*limit)) return;
+                }
+            }
+            first_ = true;
+        }
+        ~Place() {
+            const std::lock_guard lock(queue_.mutex_);
+            queue_.waiting_.erase(self_);
+            queue_.moved_.notify_all();
+        }
+        Place(const Place&) = delete;
+        Place& operator=(const Place&) = delete;
+        /// False: the time ran out before it was this thread's turn.
+        explicit operator bool() const { return first_; }
+
+    private:
+        Queue& queue_;
+        std::list<const Place*>::iterator self_;
+        bool first_ = false;
+    };
+
+    bool Empty() {
+        const std::lock_guard lock(mutex_);
+        return waiting_.empty();
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable moved_;
+    std::list<const Place*> waiting_;  // guarded by mutex_
+};
+
+Queue g_queue;
+
+/// What this thread holds. Brackets nest: the lock and the device belong to the outermost levels.
+struct Held {
+    unsigned lock = 0;
+    unsigned device = 0;
+};
+thread_local Held t_held;
+
+uint32_t Remaining(uint32_t timeoutMs, uint64_t since) {
+    if (timeoutMs == kInfinite) return kInfinite;
+    const uint64_t spent = (Clock().Now() - since) / 1000;
+    return spent >= timeoutMs ? 0 : timeoutMs - static_cast<uint32_t>(spent);
+}
+
+/// A place in the line of processes, held for its scope.
+///
+/// The turnstile file begins with the number of the next place; a place is one byte behind it, and who stands there
+/// keeps that byte locked. A newcomer takes the next place and waits for the lock of the place before it: so the line
+/// moves in order, however the kernel wakes sleepers, and the places of the dead are free. The locks belong to the open
+/// file, not to the process: the kernel would take the wait of one thread for the IPMI lock and of another in the line
+/// for a circle.
+class Turnstile {
+public:
+    explicit Turnstile(uint32_t timeoutMs) {
+        TimeLimit limit{};
+        MakeLimitTime(&limit, timeoutMs);
+        passed_ = g_turnstile && Pass(timeoutMs == kInfinite ? nullptr : &limit);
+    }
+    ~Turnstile() {
+        if (place_ != 0) Apply(F_OFD_SETLK, F_UNLCK, place_, 1);
+    }
+    Turnstile(const Turnstile&) = delete;
+    Turnstile& operator=(const Turnstile&) = delete;
+    bool Passed() const { return passed_; }
+
+    /// Whether another process stands in the line.
+    static bool OthersInLine() { return Apply(F_OFD_GETLK, F_WRLCK, kFirstPlace, kPlaces) == F_WRLCK; }
+
+private:
+    static constexpr off_t kCounter = 0;
+    static constexpr off_t kFirstPlace = 16;
+    static constexpr uint32_t kPlaces = 4096;  // more than will ever wait at once; then they are used again
+
+    static off_t PlaceOf(uint32_t number) { return kFirstPlace + number % kPlaces; }
+
+    bool Pass(const TimeLimit* limit) {
+        uint32_t number = 0;
+        if (!TakePlace(number, limit)) return false;
+        const off_t ahead = PlaceOf(number - 1);
+        if (!Lock(ahead, limit)) return false;
+        Apply(F_OFD_SETLK, F_UNLCK, ahead, 1);
+        return true;
+    }
+
+    bool TakePlace(uint32_t& number, const TimeLimit* limit) {
+        if (!Lock(kCounter, limit)) return false;
+        if (pread(g_turnstile.Get(), &number, sizeof number, kCounter) != sizeof number) number = 0;  // a new file
+        const uint32_t next = number + 1;
+        const off_t place = PlaceOf(number);
+        const bool taken = pwrite(g_turnstile.Get(), &next, sizeof next, kCounter) == sizeof next && Lock(place, limit);
+        if (taken) place_ = place;
+        Apply(F_OFD_SETLK, F_UNLCK, kCounter, 1);
+        return taken;
+    }
+
+    static bool Lock(off_t offset, const TimeLimit* limit) {
+        if (limit == nullptr) return Apply(F_OFD_SETLKW, F_WRLCK, offset, 1) == F_WRLCK;
+        while (Apply(F_OFD_SETLK, F_WRLCK, offset, 1) != F_WRLCK) {
+            if (LimitPassed(*limit)) return false;
+            Sleep(kPollPause);
+        }
+        return true;
+    }
+
+    /// @return the lock type that the kernel answers with, -1 after a failure
+    static int Apply(int operation, short type, off_t offset, off_t length) {
+        struct flock lock {};
+        lock.l_type = type;
+        lock.l_whence = SEEK_SET;
+        lock.l_start = offset;
+        lock.l_len = length;
+        int rc = 0;
+        do {
+            rc = fcntl(g_turnstile.Get(), operation, &lock);
+        } while (rc != 0 && errno == EINTR);
+        return rc == 0 ? lock.l_type : -1;
+    }
+
+    off_t place_ = 0;  // 0: none
+    bool passed_ = false;
+};
+
+bool TakeLock(uint32_t timeoutMs) {
+    if (t_held.lock > 0) {
+        ++t_held.lock;
+        return true;
+    }
+    const uint64_t start = Clock().Now();
+    TimeLimit limit{};
+    MakeLimitTime(&limit, timeoutMs);
+    const Queue::Place place(g_queue, timeoutMs == kInfinite ? nullptr : &limit);
+    if (!place) return false;
+    const Turnstile turnstile(Remaining(timeoutMs, start));
+    if (g_turnstile && !turnstile.Passed()) return false;
+    if (!LockFLock(g_hipmilock, Remaining(timeoutMs, start))) return false;
+    t_held.lock = 1;
+    return true;
+}
+
+void ReleaseLock() {
+    if (t_held.lock == 0 || --t_held.lock > 0) return;
+    UnlockFLock(g_hipmilock);
+    if (!g_turnstile) Sleep(kPauseAfterUnlock);
+}
+
+/// Whether anybody, in this process or another, waits for the lock. Without a turnstile nobody can tell.
+bool SomebodyWaits() {
+    return !g_turnstile || !g_queue.Empty() || Turnstile::OthersInLine();
+}
+
+bool OpenDevice() {
+    if (t_held.device == 0) {
+        if (const int rc = Transport().Open(); rc != 0) return false;
+    }
+    ++t_held.device;
+    return true;
+}
+
+void CloseDevice() {
+    if (t_held.device > 0 && --t_held.device == 0) Transport().Close();
+}
+
+}  // namespace
+
+bool OpenIpmiLock() {
+    if (g_hipmilock != nullptr) return true;
+    g_hipmilock = OpenFLock(kLockFile);
+    if (g_hipmilock == nullptr) return false;
+    g_turnstile = FileDescriptor(open(kTurnstileFile, O_RDWR | O_CREAT | O_CLOEXEC, 0666));
+    return true;
+}
+
+void CloseIpmiLock() {
+    g_turnstile.Close();
+    if (g_hipmilock != nullptr) CloseFLock(std::exchange(g_hipmilock, nullptr));
+}
+
+bool IsIpmiLibStarted() {
+    return g_hipmilock != nullptr;
+}
+
+bool OpenIpmiDriver(int* handle, uint32_t timeoutMs) {
+    *handle = kInvalidHandle;
+    if (g_hipmilock == nullptr) return false;
+    const uint64_t start = Clock().Now();
+    for (int retry = 0; retry < kOpenTries; ++retry) {
+        PXR_trace(kMaskIpmi, kLevelPolled, "[%s] Try to lock", __func__);
+        if (!TakeLock(Remaining(timeoutMs, start))) {
+            *handle = g_hipmilock->fd;
+            return false;
+        }
+        if (OpenDevice()) {
+            PXR_trace(kMaskIpmi, kLevelPolled, "[%s] Lock", __func__);
+            *handle = g_hipmilock->fd;
+            return true;
+        }
+        PXR_trace(kMaskIpmi, kLevelCall, "IPMI open fail.  l_nReturn=0x%08X nRetryCount=%d", 0xFFFFFFFFu, retry);
+        ReleaseLock();
+        Sleep(kPauseAfterFailedOpen);
+    }
+    return false;
+}
+
+void CloseIpmiDriver(int handle) {
+    CloseDevice();
+    if (g_hipmilock != nullptr && handle == g_hipmilock->fd) ReleaseLock();
+    PXR_trace(kMaskIpmi, kLevelPolled, "[%s] Unlock", __func__);
+}
+
+bool OpenIpmiDriverPriority(int* handle, uint32_t timeoutMs) {
+    *handle = kInvalidHandle;
+    if (g_hipmilock == nullptr) return false;
+    IPMIPriorityCtrl(1);
+    const bool locked = TakeLock(timeoutMs);
+    IPMIPriorityCtrl(0);
+    if (locked) *handle = g_hipmilock->fd;
+    return locked;
+}
+
+void CloseIpmiDriverPriority(int handle) {
+    if (g_hipmilock != nullptr && handle == g_hipmilock->fd) ReleaseLock();
+}
+
+void IPMIPriorityCtrl(int on) {
+    g_bIPMIPriorityCtrl = on;
+}
+
+int IsIPMIPriorityCtrl() {
+    return g_bIPMIPriorityCtrl;
+}
+
+DeviceInBracket::DeviceInBracket() : open_(OpenDevice()) {}
+
+DeviceInBracket::~DeviceInBracket() {
+    if (open_) CloseDevice();
+}
+
+IpmiBracket::IpmiBracket(uint32_t timeoutMs) : open_(OpenIpmiDriver(&handle_, timeoutMs)) {}
+
+IpmiBracket::~IpmiBracket() {
+    if (open_) CloseIpmiDriver(handle_);
+}
+
+bool IpmiBracket::LetOthersIn() {
+    if (!open_ || t_held.lock != 1 || !SomebodyWaits()) return open_;
+    CloseIpmiDriver(handle_);
+    open_ = OpenIpmiDriver(&handle_, kInfinite);
+    return open_;
+}
+
+}  // namespace ktx_ipmi
