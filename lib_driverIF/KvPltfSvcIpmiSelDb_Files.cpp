@@ -1,0 +1,282 @@
+// Files of the SEL database. What a crash leaves is the old content or the new: files written whole are renamed into
+// place, and what is updated in place is updated record by record, none of which crosses a page.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <utility>
+
+#include "common/PXR_function_numbers.h"
+#include "common/PXR_result.h"
+#include "cover/FileCover.h"
+#include "lib_driverIF/KvPltfSvcIpmiSelDb_Internal.h"
+#include "libplatform/PXR_trace.h"
+
+namespace ktx_ipmi {
+
+namespace {
+
+#define KV_LOG_FOLDER "/var/opt/velmora/lantrel/log/"
+
+/// What stands before, between and behind the two numbers of a device's key.
+struct FileName {
+    const char* prefix;
+    const char* separator;
+    const char* suffix;
+};
+constexpr FileName kInf{"ipmi_sel_", "_", ".inf"};
+constexpr FileName kTmp{"ipmi_sel_", "_", ".tmp"};
+constexpr FileName kDb{"ipmi_sel_", "_", ".db"};
+constexpr FileName kFirst{"FirstSEL", "", ".dat"};
+constexpr FileName kInfCopy{"ipmi_sel_", "_", "_redetect.inf"};
+constexpr FileName kDbCopy{"ipmi_sel_", "_", "_redetect.db"};
+
+constexpr const char* kTextLog = KV_LOG_FOLDER "ipmi_sel.log";
+constexpr const char* kIpmiLog = KV_LOG_FOLDER "@ipmi@.log";
+constexpr const char* kIpmiLogCopy = KV_LOG_FOLDER "@ipmi@_redetect.log";
+
+constexpr uint8_t kLocatorRecord = 0x12;
+constexpr int kMode = 0644;
+constexpr size_t kRecordsPerWrite = 256;  // 4 KiB
+
+std::string PathOf(const FileName& name, const DEVICE_INFO& device) {
+    char path[128];
+    snprintf(path, sizeof path, KV_LOG_FOLDER "%s%02x%s%04x%s", name.prefix, device.sdrVersion, name.separator,
+             device.recordId, name.suffix);
+    return path;
+}
+
+bool HasFiles(const DEVICE_INFO& device) {
+    return device.bType == kLocatorRecord;
+}
+
+class File {
+public:
+    File(const std::string& path, int flags) : fd_(FileOpen(path.c_str(), flags, kMode)) {}
+    ~File() { Close(); }
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+    explicit operator bool() const { return fd_ >= 0; }
+    int Get() const { return fd_; }
+    /// False when what was written did not arrive.
+    bool Close() { return fd_ < 0 || close(std::exchange(fd_, -1)) == 0; }
+
+private:
+    int fd_;
+};
+
+bool WriteAt(int fd, off_t offset, const void* data, size_t size) {
+    const char* from = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t put = pwrite(fd, from, size, offset);
+        if (put < 0 && errno == EINTR) continue;
+        if (put <= 0) return false;
+        from += put;
+        offset += put;
+        size -= static_cast<size_t>(put);
+    }
+    return true;
+}
+
+/// Writes a file whole beside its place, then moves it there.
+/// @param write  fills the open file @param flags  of open, besides those for a new file
+template <typename Write>
+bool ReplaceFile(const DEVICE_INFO& device, const FileName& name, int flags, Write write) {
+    const std::string temporary = PathOf(kTmp, device);
+    File file(temporary, O_WRONLY | O_CREAT | O_TRUNC | flags);
+    if (!file) return false;
+    if (write(file.Get()) && file.Close() && rename(temporary.c_str(), PathOf(name, device).c_str()) == 0) {
+        return true;
+    }
+    unlink(temporary.c_str());
+    return false;
+}
+
+bool IsSameDevice(const DEVICE_INFO& a, const DEVICE_INFO& b) {
+    return a.address == b.address && a.lun == b.lun && a.recordId == b.recordId && a.sdrVersion == b.sdrVersion &&
+           a.bType == b.bType;
+}
+
+bool IsEmpty(const KVPS_SEL_ENTRY& entry) {
+    constexpr KVPS_SEL_ENTRY kEmpty = {};
+    return SameEntry(entry, kEmpty);
+}
+
+}  // namespace
+
+bool SameEntry(const KVPS_SEL_ENTRY& a, const KVPS_SEL_ENTRY& b) {
+    return memcmp(&a, &b, sizeof a) == 0;
+}
+
+// State of a device
+
+uint32_t ReadDeviceInfo(DEVICE_INFO& device, bool& found) {
+    found = false;
+    if (!HasFiles(device)) return 0;
+    const File file(PathOf(kInf, device), O_RDONLY);
+    if (!file) {
+        if (errno == ENOENT) return 0;
+        return PXR_ReportError(MakeResult(fn::kLoadSelDeviceInfo, kReasonStateOpen));
+    }
+    DEVICE_INFO saved = {};
+    for (;;) {
+        const int got = FileRead(file.Get(), &saved, sizeof saved);
+        if (got < 0) return PXR_ReportError(MakeResult(fn::kLoadSelDeviceInfo, kReasonStateRead));
+        if (got < static_cast<int>(sizeof saved)) return 0;
+        if (!IsSameDevice(saved, device)) continue;
+        device.selCount = saved.selCount;
+        device.nextSelId = saved.nextSelId;
+        device.lastTimeStamp = saved.lastTimeStamp;
+        found = true;
+    }
+}
+
+bool WriteDeviceInfo(const DEVICE_INFO& device) {
+    if (!HasFiles(device)) return true;
+    return ReplaceFile(device, kInf, 0, [&](int fd) {
+        return FileWrite(fd, &device, sizeof device) == static_cast<int>(sizeof device) && fsync(fd) == 0;
+    });
+}
+
+// Database
+
+DatabaseFile ReadDatabase(const DEVICE_INFO& device, std::span<KVPS_SEL_ENTRY> database) {
+    if (!HasFiles(device)) return DatabaseFile::kAbsent;
+    const File file(PathOf(kDb, device), O_RDONLY);
+    if (!file) return errno == ENOENT ? DatabaseFile::kAbsent : DatabaseFile::kFailed;
+    const int got = FileRead(file.Get(), database.data(), static_cast<uint32_t>(database.size_bytes()));
+    const size_t whole = got > 0 ? static_cast<size_t>(got) / sizeof database[0] : 0;
+    size_t good = 0;
+    while (good < whole && (database[good].recordId == good || IsEmpty(database[good])))
+        ++good;
+    if (good == database.size()) return DatabaseFile::kGood;
+    memset(&database[good], 0, (database.size() - good) * sizeof database[0]);
+    return DatabaseFile::kFailed;
+}
+
+bool CreateDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> database) {
+    if (!HasFiles(device)) return true;
+    return ReplaceFile(device, kDb, O_SYNC, [database](int fd) {
+        for (auto rest = database; !rest.empty();) {
+            const auto piece = rest.first(std::min(rest.size(), kRecordsPerWrite));
+            const auto size = static_cast<uint32_t>(piece.size_bytes());
+            if (FileWrite(fd, piece.data(), size) != static_cast<int>(size)) return false;
+            rest = rest.subspan(piece.size());
+        }
+        return true;
+    });
+}
+
+bool UpdateDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> entries) {
+    if (!HasFiles(device) || entries.empty()) return true;
+    File file(PathOf(kDb, device), O_WRONLY | O_SYNC);  // not made anew: a part of a database is none
+    if (!file) return false;
+    while (!entries.empty()) {
+        // Ids mostly follow each other; one synchronous write for them all.
+        size_t run = 1;
+        while (run < std::min(entries.size(), kRecordsPerWrite) &&
+               entries[run].recordId == entries[run - 1].recordId + 1)
+            ++run;
+        const auto offset = off_t{entries[0].recordId} * off_t{sizeof entries[0]};
+        if (!WriteAt(file.Get(), offset, entries.data(), run * sizeof entries[0])) return false;
+        entries = entries.subspan(run);
+    }
+    return file.Close();
+}
+
+// First entry
+
+std::optional<KVPS_SEL_ENTRY> ReadFirstEntry(const DEVICE_INFO& device) {
+    if (!HasFiles(device)) return std::nullopt;
+    const File file(PathOf(kFirst, device), O_RDONLY);
+    KVPS_SEL_ENTRY first;
+    if (!file || FileRead(file.Get(), &first, sizeof first) != static_cast<int>(sizeof first)) return std::nullopt;
+    return first;
+}
+
+bool WriteFirstEntry(const DEVICE_INFO& device, const KVPS_SEL_ENTRY& first) {
+    if (!HasFiles(device)) return true;
+    File file(PathOf(kFirst, device), O_WRONLY | O_CREAT);
+    return file && WriteAt(file.Get(), 0, &first, sizeof first) && file.Close();
+}
+
+// Text log: a ring of lines of equal length behind the index of the next one.
+
+namespace {
+
+constexpr unsigned kRingLines = 0x2800;
+constexpr size_t kRingHeader = sizeof "0000\n" - 1;
+constexpr size_t kRingLine = sizeof "0000:" - 1 + 2 * sizeof(KVPS_SEL_ENTRY) + 1;
+static_assert(kRingLine == 38);
+
+/// The index in the header; 0 where there is none that makes sense.
+unsigned ReadRingIndex(int fd) {
+    std::array<char, kRingHeader> header{};
+    if (pread(fd, header.data(), header.size(), 0) != static_cast<ssize_t>(header.size())) return 0;
+    unsigned index = 0;
+    for (size_t i = 0; i < 4; ++i) {
+        const char* const digits = "0123456789ABCDEF";
+        const char* const digit = header[i] != '\0' ? strchr(digits, header[i]) : nullptr;
+        if (digit == nullptr) return 0;
+        index = index * 16 + static_cast<unsigned>(digit - digits);
+    }
+    return header[4] == '\n' && index < kRingLines ? index : 0;
+}
+
+void AppendRingLine(std::string& lines, unsigned index, const KVPS_SEL_ENTRY& entry) {
+    char text[12];
+    snprintf(text, sizeof text, "%04X:", index);
+    lines += text;
+    std::array<uint8_t, sizeof entry> bytes;
+    memcpy(bytes.data(), &entry, sizeof entry);
+    for (const uint8_t byte : bytes) {
+        snprintf(text, sizeof text, "%02X", byte);
+        lines += text;
+    }
+    lines += '\n';
+}
+
+bool WriteRingHeader(int fd, unsigned index) {
+    char header[16];
+    snprintf(header, sizeof header, "%04X\n", index);
+    return WriteAt(fd, 0, header, kRingHeader);
+}
+
+}  // namespace
+
+bool AppendSelLog(std::span<const KVPS_SEL_ENTRY> entries) {
+    if (entries.empty()) return true;
+    File file(kTextLog, O_RDWR | O_CREAT);
+    if (!file) return false;
+    unsigned index = ReadRingIndex(file.Get());
+    while (!entries.empty()) {
+        const size_t run = std::min({entries.size(), kRecordsPerWrite, static_cast<size_t>(kRingLines - index)});
+        std::string lines;
+        for (size_t i = 0; i < run; ++i)
+            AppendRingLine(lines, index + static_cast<unsigned>(i), entries[i]);
+        const auto offset = off_t{kRingHeader} + off_t{index} * off_t{kRingLine};
+        if (!WriteAt(file.Get(), offset, lines.data(), lines.size())) return false;
+        index = (index + static_cast<unsigned>(run)) % kRingLines;
+        entries = entries.subspan(run);
+    }
+    return WriteRingHeader(file.Get(), index) && file.Close();
+}
+
+void CopyFilesOfRedetection(const DEVICE_INFO& device) {
+    const auto copy = [](const std::string& from, const std::string& to) {
+        if (CreateCopyFile(from.c_str(), to.c_str(), 0)) return;
+        PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_EVENT, "The log file copy failed. FILE=%s\n", to.c_str());
+    };
+    copy(kIpmiLog, kIpmiLogCopy);
+    if (!HasFiles(device)) return;
+    copy(PathOf(kInf, device), PathOf(kInfCopy, device));
+    copy(PathOf(kDb, device), PathOf(kDbCopy, device));
+}
+
+}  // namespace ktx_ipmi

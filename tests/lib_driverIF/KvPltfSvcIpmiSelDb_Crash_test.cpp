@@ -1,0 +1,191 @@
+// The agent is killed at any moment, again and again, while events are logged: each is handed out once.
+//
+// One kind of loss is in the nature of the thing: the state says "taken" before the caller has the events in hand, and
+// who dies in between takes them with him. Such polls are told from others by the state they leave, and counted.
+
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <new>
+#include <random>
+
+#include "common/ByteReader.h"
+#include "tests/support/SelMachine.h"
+
+namespace {
+
+constexpr uint32_t kEpoch = 1'700'000'000;  // event n was logged n seconds later
+constexpr size_t kMostEvents = 20'000;
+constexpr size_t kDbSize = 1024 * 1024;
+
+/// KV_CRASH_ROUNDS in the environment; a few by default.
+unsigned Rounds() {
+    const char* const text = getenv("KV_CRASH_ROUNDS");
+    const unsigned long wanted = text != nullptr ? strtoul(text, nullptr, 10) : 0;
+    return wanted > 0 ? static_cast<unsigned>(wanted) : 40;
+}
+
+/// What outlives the agents: the controller's log, and what they handed out.
+struct Shared {
+    std::atomic<unsigned> logged{0};   // events so far
+    std::atomic<unsigned> cleared{0};  // of these, gone from the log
+    std::atomic<unsigned> clearings{0};
+    std::atomic<unsigned> polls{0};
+    std::array<std::atomic<uint8_t>, kMostEvents> given{};
+};
+
+class SelDbCrash : public SelMachine {
+protected:
+    SelDbCrash() {
+        void* const page = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        shared_ = new (page) Shared;
+    }
+    ~SelDbCrash() override { munmap(shared_, sizeof(Shared)); }
+
+    /// Brings this process's controller up to what has been logged.
+    void CatchUp() {
+        while (seen_ < shared_->logged) {
+            ++seen_;
+            sim::SelEntry event = Event(seen_, kEpoch + seen_);
+            const unsigned id = seen_ - shared_->cleared;
+            event[0] = static_cast<uint8_t>(id);
+            event[1] = static_cast<uint8_t>(id >> 8);
+            Bmc().Sel()->Add(event);
+        }
+    }
+
+    /// An agent: polls until it is killed.
+    [[noreturn]] void LiveAsAgent() {
+        seen_ = shared_->cleared;
+        for (const uint8_t command : {kGetInfo, kGetEntry}) {
+            server.OnCommand(kStorage, command, [this](const auto&, const auto& answer) {
+                CatchUp();
+                return answer();
+            });
+        }
+        server.OnCommand(kStorage, kClear, [this](const auto&, const auto& answer) {
+            shared_->cleared = seen_;
+            ++shared_->clearings;
+            return answer();
+        });
+        KvSetDeviceOps(server.Ops());
+        if (!ktx_ipmi::InitIpmiLib() || Start() != 0) _exit(1);
+        for (;;) {
+            unsigned long count = 0;
+            KVPS_SEL_ENTRY* entries = nullptr;
+            if (KvPsGetSelAllEntries(&count, &entries) != 0) _exit(2);
+            for (unsigned long i = 0; i < count; ++i)
+                ++shared_->given.at(ByteReader(entries[i].timeStamp).U32() - kEpoch);
+            KvPsFreeDataArray(entries);
+            ++shared_->polls;
+        }
+    }
+
+    pid_t StartAgent() {
+        const pid_t agent = fork();
+        if (agent == 0) LiveAsAgent();
+        return agent;
+    }
+
+    /// Waits until the agent has polled so often. A kill may come before that: it ends by itself only after a failure.
+    void AwaitPolls(pid_t agent, unsigned polls) {
+        for (const unsigned before = shared_->polls; shared_->polls < before + polls;) {
+            ASSERT_EQ(0, waitpid(agent, nullptr, WNOHANG)) << "it ended by itself";
+            usleep(100);
+        }
+    }
+
+    static void Kill(pid_t agent) {
+        int status = 0;
+        kill(agent, SIGKILL);
+        ASSERT_EQ(agent, waitpid(agent, &status, 0));
+        ASSERT_TRUE(WIFSIGNALED(status)) << "ended by itself: " << WEXITSTATUS(status);
+    }
+
+    /// Lets an agent live for a random time, in which events are logged.
+    void LetOneLive() {
+        const pid_t agent = StartAgent();
+        if (shared_->polls == 0) AwaitPolls(agent, 1);  // the first is to meet the log while it is empty
+        std::uniform_int_distribution<unsigned> pieces(1, 12);
+        std::uniform_int_distribution<useconds_t> pause(0, 6000);
+        const unsigned rounds = pieces(random_);
+        for (unsigned i = 0; i < rounds; ++i) {
+            shared_->logged += pieces(random_) / 3;
+            usleep(pause(random_));
+        }
+        Kill(agent);
+    }
+
+    /// The last event that the state on disk calls taken.
+    static unsigned TakenByState() {
+        const DEVICE_INFO info = ReadInf();
+        EXPECT_EQ(0x20, info.address);
+        EXPECT_EQ(0x12, info.bType);
+        return info.lastTimeStamp == 0xFFFFFFFF ? 0 : info.lastTimeStamp - kEpoch;  // nothing was ever added
+    }
+
+    static void CheckDatabase() {
+        const std::string bytes = Read("ipmi_sel_51_000a.db");
+        ASSERT_EQ(kDbSize, bytes.size());
+        static const std::string kEmpty(sizeof(KVPS_SEL_ENTRY), '\0');
+        for (size_t at = 0; at < kDbSize; at += sizeof(KVPS_SEL_ENTRY)) {
+            if (bytes.compare(at, kEmpty.size(), kEmpty) == 0) continue;
+            KVPS_SEL_ENTRY entry;
+            memcpy(&entry, &bytes[at], sizeof entry);
+            ASSERT_EQ(at / sizeof entry, entry.recordId);
+            ASSERT_EQ(NumberOf(entry), ByteReader(entry.timeStamp).U32() - kEpoch) << "torn";
+        }
+    }
+
+    Shared* shared_;
+    std::mt19937 random_{std::random_device{}()};
+    unsigned seen_ = 0;
+};
+
+TEST_F(SelDbCrash, EachEventIsGivenOnceWheneverTheAgentDies) {
+    const int status = root.Run([this] {
+        unsigned excused = 0;
+        unsigned killedInWindow = 0;
+        std::vector<bool> lost(kMostEvents);
+        unsigned judged = 0;
+        for (unsigned round = 0; round < Rounds() && !HasFatalFailure(); ++round) {
+            LetOneLive();
+            CheckDatabase();
+            const unsigned taken = TakenByState();
+            EXPECT_LE(judged, taken) << "the state went back";
+            bool inWindow = false;
+            for (; judged < taken; ++judged) {
+                if (shared_->given[judged + 1] == 0) {
+                    lost[judged + 1] = inWindow = true;
+                    ++excused;
+                }
+            }
+            if (inWindow) ++killedInWindow;
+            for (unsigned n = taken + 1; n <= shared_->logged; ++n)
+                EXPECT_EQ(0, shared_->given[n]) << "given, but the state does not know: " << n;
+        }
+        // A last agent that is not killed before it has everything.
+        const unsigned logged = shared_->logged;
+        const pid_t agent = StartAgent();
+        AwaitPolls(agent, 2);
+        Kill(agent);
+        for (unsigned n = 1; n <= logged; ++n)
+            EXPECT_EQ(lost[n] ? 0 : 1, shared_->given[n]) << "event " << n;
+        EXPECT_LT(20U, logged);
+        printf(
+            "%u rounds, %u polls, %u events, %u clearings; killed between the state and the return: %u, with %u "
+            "events\n",
+            Rounds(), shared_->polls.load(), logged, shared_->clearings.load(), killedInWindow, excused);
+        fflush(stdout);
+        return HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(0, status) << "inside the machine root";
+}
+
+}  // namespace

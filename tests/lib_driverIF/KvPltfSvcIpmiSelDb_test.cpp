@@ -1,0 +1,770 @@
+// What is handed out of the event logs, what is kept about it, and what is done when either goes wrong.
+
+#include "lib_driverIF/KvPltfSvcIpmiSelDb.h"
+
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <numeric>
+#include <thread>
+
+#include "tests/support/SelMachine.h"
+#include "tests/support/SyslogListener.h"
+
+namespace {
+
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::StartsWith;
+
+constexpr const char* kInf = "ipmi_sel_51_000a.inf";
+constexpr const char* kDb = "ipmi_sel_51_000a.db";
+constexpr const char* kFirst = "FirstSEL51000a.dat";
+constexpr const char* kRing = "ipmi_sel.log";
+constexpr size_t kDbSize = 1024 * 1024;
+
+class SelDb : public SelMachine {};
+
+SelMachine::Numbers Range(unsigned first, unsigned last) {
+    SelMachine::Numbers numbers(last - first + 1);
+    std::iota(numbers.begin(), numbers.end(), first);
+    return numbers;
+}
+
+sim::SelEntry StopMarker() {
+    return sim::SystemEvent(0xF4, 0xE0, 0x07, {0xA8, 0x52, 0x77}, 0, 0x0001);
+}
+
+// The usual course
+
+TEST_F(SelDb, WhatIsThereAtFirstSightIsOld) {
+    Run([this] {
+        StartWith(300);
+        EXPECT_EQ(0U, result);
+        const DEVICE_INFO info = ReadInf();
+        EXPECT_EQ(0, memcmp(&info, "\x20\0\x0A\0\x51\x12\x01\0\x2C\x01\x2C\x01", 12)) << "layout on disk";
+        EXPECT_NE(0U, info.lastTimeStamp);
+        EXPECT_EQ(kDbSize, Read(kDb).size());
+        EXPECT_EQ(1U, NumberOf(ReadDb(1)));
+        EXPECT_EQ(300U, NumberOf(ReadDb(300)));
+        EXPECT_EQ(0, ReadDb(301).recordId);
+        const std::string first = Read(kFirst);
+        ASSERT_EQ(16U, first.size());
+        EXPECT_EQ(0, memcmp(first.data(), Bmc().Sel()->Entries()[0].data(), 16));
+        EXPECT_FALSE(Exists("ipmi_sel_51_000a.tmp"));
+        EXPECT_FALSE(Exists(kRing));
+    });
+}
+
+TEST_F(SelDb, NewEventsComeOnceInOrderOverRestarts) {
+    Run([this] {
+        StartWith(5);
+        Log(3);
+        EXPECT_THAT(Poll(), ElementsAre(6, 7, 8));
+        EXPECT_EQ(8U, NumberOf(ReadDb(8)));
+        EXPECT_EQ(8, ReadInf().selCount);
+        EXPECT_THAT(Read(kRing), testing::MatchesRegex("0003\n(000[012]:[0-9A-F]+\n)+"));
+        EXPECT_EQ(5U + 3 * 38, Read(kRing).size());
+        EXPECT_THAT(Read(kRing).substr(5, 38),
+                    AllOf(StartsWith("0000:060002"), HasSubstr("2000040849"), testing::EndsWith("6F0600FF\n")));
+        EXPECT_THAT(Poll(), IsEmpty());
+        Log(1);
+        Start();
+        EXPECT_THAT(Poll(), ElementsAre(9)) << "logged while nobody polled";
+        Start();
+        EXPECT_THAT(Poll(), IsEmpty());
+        TerminateSELDatabase();
+        Log(1);
+        EXPECT_THAT(Poll(), ElementsAre(10)) << "the database is loaded again";
+    });
+}
+
+TEST_F(SelDb, ALogThatWasClearedOrRewrittenIsReadWhole) {
+    Run([this] {
+        StartWith(5);
+        ClearAndLog(2);
+        EXPECT_THAT(Poll(), ElementsAre(6, 7));
+        ClearAndLog(2);
+        EXPECT_THAT(Poll(), ElementsAre(8, 9)) << "as many as before, others";
+        ClearAndLog(4);
+        EXPECT_THAT(Poll(), ElementsAre(10, 11, 12, 13)) << "more than before, others";
+        ClearAndLog(0);
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_EQ(0, ReadInf().selCount);
+        EXPECT_NE(0U, ReadInf().lastTimeStamp);
+        Start();
+        Log(2);
+        EXPECT_THAT(Poll(), ElementsAre(14, 15));
+    });
+}
+
+TEST_F(SelDb, TheFirstEventOfAnEmptyLogIsNew) {
+    server.OnCommand(kStorage, kGetInfo, [](const auto&, const sim::Controller::Answer& answer) {
+        sim::Response response = answer();
+        std::fill_n(response.data.begin() + 5, 4, uint8_t{0});  // nothing was ever added, or the clock never set
+        return response;
+    });
+    Run([this] {
+        StartWith(0);
+        Log(1);
+        EXPECT_THAT(Poll(), ElementsAre(1));
+        sim::SelEntry timeless = Event(2);
+        timeless[2] = 0xE0;
+        Bmc().Sel()->Add(timeless);
+        EXPECT_THAT(Poll(), ElementsAre(2));
+        Log(1);
+        EXPECT_THAT(Poll(), SizeIs(1));
+    });
+}
+
+TEST_F(SelDb, EachDeviceHasItsOwnState) {
+    Run([this] {
+        Log(2);
+        Start(true, 3);
+        g_stSelDev[1].address = 0x21;  // no controller: fails for good
+        g_stSelDev[2].bType = 0x11;    // not found by a locator record: without files
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_EQ(0U, result) << "one that fails does not keep back the others";
+        Log(1);
+        EXPECT_THAT(Poll(), ElementsAre(3, 3)) << "the same log behind two devices";
+        EXPECT_TRUE(Exists(kInf));
+        EXPECT_FALSE(Exists("ipmi_sel_51_000b.inf"));
+        EXPECT_FALSE(Exists("ipmi_sel_51_000c.inf"));
+        EXPECT_FALSE(Exists("ipmi_sel_51_000c.db"));
+
+        SetSelDeviceIdx(2);
+        const KVPS_SEL_ENTRY known = AsEntry(Bmc().Sel()->Entries()[2]);
+        EXPECT_TRUE(IsNotifiedSEL(&known));
+        SetSelDeviceIdx(1);
+        EXPECT_FALSE(IsNotifiedSEL(&known));
+        SetSelDeviceIdx(127);
+        EXPECT_TRUE(IsNotifiedSEL(&known)) << "the first one";
+    });
+}
+
+TEST_F(SelDb, APollCostsFewCommands) {
+    Run([this] {
+        StartWith(400);
+        for (const unsigned events : {0U, 1U, 7U}) {
+            Log(events);
+            Bmc().ResetCounts();
+            EXPECT_THAT(Poll(), SizeIs(events));
+            EXPECT_LE(Bmc().Count(), events == 0 ? 3U : 4U + events);
+        }
+        Start(false);
+        Bmc().ResetCounts();
+        Poll();
+        EXPECT_EQ(0U, Bmc().Count(kStorage, kReserve)) << "only where the device knows reservations";
+        const unsigned opened = server.Opens("/dev/ipmi0");
+        Log(20);
+        EXPECT_THAT(Poll(), SizeIs(20));
+        EXPECT_EQ(opened + 1, server.Opens("/dev/ipmi0"));
+    });
+}
+
+// Known entries, stop marker
+
+TEST_F(SelDb, EntriesThatAreSeenAgainAreWithheld) {
+    Run([this] {
+        SyslogListener syslog;
+        Write("@ipmi@.log", "traffic");
+        StartWith(3);
+        EXPECT_FALSE(Exists("@ipmi@_redetect.log"));
+        const std::vector<sim::SelEntry> old = Bmc().Sel()->Entries();
+        Bmc().Sel()->Rewrite({Event(40), old[1], old[2]});
+        Log(1);
+        EXPECT_THAT(Poll(), ElementsAre(40, 4));
+        EXPECT_THAT(syslog.Lines(),
+                    ElementsAre("pxragt: WXPLG0905A-I An alert occured at agent. (ID=0xfa15:LEVEL=Information:MSG="
+                                "Entries of the system event log were read that had already been processed. They are "
+                                "not reported again.)"));
+        EXPECT_EQ("traffic", Read("@ipmi@_redetect.log"));
+        EXPECT_EQ(3, Read("ipmi_sel_51_000a_redetect.inf")[8]) << "the state before this poll";
+        EXPECT_EQ(kDbSize, Read("ipmi_sel_51_000a_redetect.db").size());
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_THAT(syslog.Lines(), SizeIs(1));
+
+        const KVPS_SEL_ENTRY fresh = AsEntry(Event(50));
+        KVPS_SEL_ENTRY entries[] = {AsEntry(old[1]), fresh, AsEntry(old[2])};
+        unsigned long count = 3;
+        RemoveNotifiedSEL(&count, entries);
+        ASSERT_EQ(1U, count);
+        EXPECT_EQ(50U, NumberOf(entries[0]));
+        RemoveNotifiedSEL(&count, entries);
+        EXPECT_THAT(syslog.Lines(), SizeIs(2)) << "once for each removal";
+    });
+}
+
+TEST_F(SelDb, TheStopMarkerAndAllBehindItWaitForTheRestart) {
+    Run([this] {
+        StartWith(2);
+        sim::SelEntry almost = StopMarker();
+        almost[14] ^= 1;
+        Bmc().Sel()->Add(almost);
+        Log(1);
+        EXPECT_THAT(Poll(), SizeIs(2));
+        EXPECT_FALSE(CheckSelMaskList(kSelMarkerRestart));
+        Log(1);
+        Bmc().Sel()->Add(StopMarker());
+        Log(2);
+        EXPECT_THAT(Poll(), ElementsAre(4));
+        EXPECT_TRUE(CheckSelMaskList(kSelMarkerRestart));
+        EXPECT_FALSE(CheckSelMaskList(2));
+        EXPECT_FALSE(CheckSelMaskList(0)) << "the end of the table";
+        ClearAndLog(2);
+        EXPECT_THAT(Poll(), IsEmpty());
+        Start();
+        EXPECT_THAT(Poll(), ElementsAre(7, 8));
+        EXPECT_FALSE(CheckSelMaskList(kSelMarkerRestart));
+        ClearAndLog(1);
+        Bmc().Sel()->Add(StopMarker());
+        Log(1);
+        EXPECT_THAT(Poll(), ElementsAre(9));
+        Start();
+        EXPECT_THAT(Poll(), ElementsAre(10)) << "the marker itself counts as taken";
+        EXPECT_FALSE(CheckSelMaskList(kSelMarkerRestart));
+    });
+}
+
+TEST_F(SelDb, AMarkerAmongOldEntriesStopsOnce) {
+    Bmc().Sel()->Add(StopMarker());
+    Run([this] {
+        StartWith(1);
+        EXPECT_TRUE(CheckSelMaskList(kSelMarkerRestart));
+        Start();
+        Log(1);
+        EXPECT_THAT(Poll(), ElementsAre(2));
+        EXPECT_FALSE(CheckSelMaskList(kSelMarkerRestart));
+    });
+}
+
+// Text log
+
+TEST_F(SelDb, TheTextLogIsARing) {
+    constexpr size_t kFull = 5 + 0x2800 * 38;
+    struct Case {
+        std::string header;
+        unsigned events;
+        std::string after;
+        std::vector<unsigned> lines;
+    };
+    Run([&] {
+        StartWith(0);
+        for (const auto& [header, events, after, lines] : {
+                 Case{"27FF\n", 1, "0000\n", {0x27FF}},
+                 Case{"27FE\n", 3, "0001\n", {0x27FE, 0x27FF, 0}},
+                 Case{"00FF\n", 2, "0101\n", {0x00FF, 0x0100}},
+                 Case{"2800\n", 1, "0001\n", {0}},
+                 Case{"FFFF\n", 1, "0001\n", {0}},
+                 Case{"00g0\n", 1, "0001\n", {0}},
+                 Case{"00f0\n", 1, "0001\n", {0}},
+                 Case{"0100:", 1, "0001\n", {0}},
+                 Case{"00", 1, "0001\n", {0}},
+                 Case{std::string(5, '\0'), 1, "0001\n", {0}},
+             }) {
+            std::string ring = header;
+            if (header.size() == 5) ring.resize(kFull, '.');
+            Write(kRing, ring);
+            Log(events);
+            EXPECT_THAT(Poll(), SizeIs(events));
+            const std::string content = Read(kRing);
+            EXPECT_EQ(after, content.substr(0, 5)) << header;
+            EXPECT_TRUE(header.size() != 5 || content.size() == kFull) << header;
+            for (const unsigned line : lines) {
+                char index[8];
+                snprintf(index, sizeof index, "%04X:", line);
+                EXPECT_EQ(index, content.substr(5 + line * 38, 5)) << header;
+                EXPECT_EQ('\n', content.at(5 + line * 38 + 37));
+            }
+        }
+        std::filesystem::remove(Path(kRing));
+        std::filesystem::create_directory(Path(kRing));
+        Log(1);
+        EXPECT_THAT(Poll(), SizeIs(1)) << "a log that cannot be written keeps nothing back";
+    });
+}
+
+// A full log
+
+TEST_F(SelDb, ALogThatIsNearlyFullIsCleared) {
+    struct Case {
+        size_t capacity;
+        unsigned events;
+        bool cleared;
+    };
+    for (const auto& [capacity, events, cleared] :
+         {Case{100, 80, false}, Case{100, 81, true}, Case{4096, 499, false}, Case{4096, 500, true}}) {
+        Run([&, capacity = capacity, events = events, cleared = cleared] {
+            Bmc().Sel()->SetCapacity(capacity);
+            StartWith(0);
+            Log(events);
+            EXPECT_THAT(Poll(), SizeIs(events));
+            EXPECT_EQ(cleared, Bmc().Sel()->Entries().empty()) << capacity << ' ' << events;
+            Log(1);
+            EXPECT_THAT(Poll(), ElementsAre(events + 1));
+            EXPECT_THAT(Poll(), IsEmpty());
+        });
+    }
+}
+
+TEST_F(SelDb, NothingIsClearedUnseen) {
+    Run([this] {
+        StartWith(0);
+        server.OnCommand(kStorage, kGetInfo, [this, n = 0](const auto&, const auto& answer) mutable {
+            if (++n == 2) Log(1);  // just before it would be cleared
+            return answer();
+        });
+        Log(500);
+        EXPECT_THAT(Poll(), SizeIs(500));
+        EXPECT_THAT(Poll(), ElementsAre(501));
+        EXPECT_TRUE(Bmc().Sel()->Entries().empty());
+
+        Log(500);
+        Bmc().Refuse(kStorage, kClear, sim::cc::kNodeBusy);
+        EXPECT_THAT(Poll(), SizeIs(500));
+        EXPECT_THAT(Bmc().Sel()->Entries(), SizeIs(500));
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_TRUE(Bmc().Sel()->Entries().empty()) << "tried again";
+
+        Log(400);
+        EXPECT_THAT(Poll(), SizeIs(400));
+        ClearAndLog(400);
+        Bmc().Sel()->SetCapacity(401);
+        fs_stSeldef[0].matched = 1;
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_THAT(Bmc().Sel()->Entries(), SizeIs(400)) << "as many as were taken, but others";
+    });
+}
+
+// Failing conversations
+
+TEST_F(SelDb, ACancelledReservationLosesAndRepeatsNothing) {
+    Run([this] {
+        StartWith(4);
+        unsigned number = 4;
+        for (unsigned n = 1; n <= 8; ++n) {
+            Log(5);
+            server.CancelReservationAt(kStorage, kGetEntry, n);
+            EXPECT_EQ(Range(number + 1, number + 5), Poll()) << "cancelled at " << n;
+            EXPECT_EQ(0U, result);
+            number += 5;
+        }
+        server.CancelReservationAt(kStorage, kGetEntry, 1);
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_EQ(0U, result) << "done in the second pass";
+        Log(2);
+        Bmc().Refuse(kStorage, kGetEntry, sim::cc::kReservationCancelled, 1000, 3);
+        EXPECT_EQ(Range(number + 1, number + 1), Poll());
+        EXPECT_EQ(0U, result) << "what was taken is handed out, whatever failed behind it";
+        Bmc().ResetCounts();
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_EQ(0x6033B2C5U, result);
+        EXPECT_EQ(4U, Bmc().Count(kStorage, kGetEntry)) << "four passes";
+    });
+}
+
+TEST_F(SelDb, AFirstReadingSurvivesCancellations) {
+    Run([this] {
+        Log(6);
+        Bmc().Refuse(kStorage, kGetEntry, sim::cc::kReservationCancelled, 3, 2);
+        Start();
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_EQ(0U, result);
+        EXPECT_EQ(6U, NumberOf(ReadDb(6)));
+    });
+    Run([this] {
+        Log(6);
+        Bmc().Refuse(kStorage, kGetEntry, sim::cc::kReservationCancelled, 1000, 2);
+        Start();
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_EQ(0x6033B2C5U, result);
+        EXPECT_FALSE(Exists(kInf)) << "not met before it was read";
+        EXPECT_FALSE(Exists(kDb));
+        EXPECT_EQ(18U, Bmc().Count(kStorage, kGetEntry)) << "four attempts in each pass";
+    });
+    Run([this] {
+        Log(6);
+        server.OnCommand(kStorage, kGetEntry, [this, n = 0](const auto&, const auto& answer) mutable {
+            if (++n == 3) ClearAndLog(2);
+            return answer();
+        });
+        Start();
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_THAT(Poll(), ElementsAre(7, 8)) << "logged behind the clearing, under our eyes";
+    });
+}
+
+TEST_F(SelDb, FailuresOfTheDriverAndOfCommands) {
+    Run([this] {
+        unsigned long count = 0;
+        KVPS_SEL_ENTRY* entries = nullptr;
+        EXPECT_EQ(0x60524201U, KvPsGetSelAllEntries(nullptr, &entries));
+        EXPECT_EQ(0x60524201U, KvPsGetSelAllEntries(&count, nullptr));
+        StartWith(2);
+        Log(2);
+        FailToOpen();
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_EQ(0x6052B104U, result);
+        for (const uint8_t command : {kReserve, kGetInfo, kGetEntry}) {
+            Bmc().Refuse(kStorage, command, sim::cc::kUnspecified);
+            EXPECT_THAT(Poll(), IsEmpty());
+            EXPECT_EQ(0U, result);
+        }
+        Bmc().Refuse(kStorage, kGetEntry, sim::cc::kUnspecified, 1, 3);
+        EXPECT_THAT(Poll(), ElementsAre(3));
+        EXPECT_THAT(Poll(), ElementsAre(4)) << "the rest comes with the next poll";
+    });
+}
+
+TEST_F(SelDb, ALockedOperationHasItsCallersNumberWhereTheDriverFails) {
+    Run([this] {
+        Log(2);
+        uint16_t reservation = 0;
+        uint16_t nextId = 0;
+        uint8_t progress = 0;
+        KVPS_SEL_INFO info = {};
+        KVPS_SEL_ENTRY entry = {};
+        const auto all = [&](uint32_t reserve, uint32_t getInfo, uint32_t getEntry, uint32_t clear) {
+            EXPECT_EQ(reserve, KvPsLockAndReserveSel(0x7B, 0x20, &reservation));
+            EXPECT_EQ(getInfo, KvPsLockAndGetSelInfo(0x7B, 0x20, &info));
+            EXPECT_EQ(getEntry, KvPsLockAndGetSelEntry(0x7B, 0x20, reservation, 0xFFFF, &nextId, &entry, 3));
+            EXPECT_EQ(clear, KvPsLockAndClearSel(0x7B, 0x20, reservation, 0xAA, &progress));
+        };
+        FailToOpen(4);
+        all(0x607BB104, 0x607BB104, 0x607BB104, 0x607BB104);
+        all(0, 0, 0, 0);
+        EXPECT_EQ(2U, NumberOf(entry));
+        EXPECT_EQ(0xFFFF, nextId);
+        EXPECT_EQ(2, info.entries);
+        EXPECT_EQ(0x51, info.version);
+        EXPECT_EQ(2, info.operationSupport & 2);
+        EXPECT_EQ(1, progress);
+        EXPECT_TRUE(Bmc().Sel()->Entries().empty());
+        all(0, 0, 0x6033B2CB, 0);
+        EXPECT_EQ(0x6000B116U, KvPsLockAndGetSelInfo(0x7B, 0x20, nullptr));
+        EXPECT_EQ(0x6000B109U, KvPsLockAndGetSelInfo(0x7B, 0x21, &info));
+
+        StartWith(1);
+        EXPECT_EQ(0x607BB501U, KvPsLockAndGetSelEntry(0x7B, 0x20, 0, 0, &nextId, &entry, KVPS_SEL_CHECK_DATABASE));
+        EXPECT_EQ(0U, KvPsLockAndGetSelEntry(0x7B, 0x20, 0, 0, &nextId, &entry, 0));
+    });
+}
+
+TEST_F(SelDb, AProcessThatEndsLeavesTheRestToTheNextOne) {
+    Run([this] {
+        StartWith(2);
+        Log(2);
+        sigset_t term, before;
+        sigemptyset(&term);
+        sigaddset(&term, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &term, &before);
+        raise(SIGTERM);
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_EQ(2, ReadInf().selCount);
+        int taken = 0;
+        sigwait(&term, &taken);  // still there: the library does not take what is the host's
+        EXPECT_EQ(SIGTERM, taken);
+        EXPECT_THAT(Poll(), ElementsAre(3, 4));
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    });
+}
+
+// Controllers that say strange things
+
+TEST_F(SelDb, NoWalkGoesOnForEver) {
+    // A log whose ids lead back.
+    const auto loop = [](uint16_t from, uint16_t to) {
+        return [=](const sim::Request& request, const sim::Controller::Answer& answer) {
+            sim::Response response = answer();
+            if (response.data.size() >= 4 && sim::Word(response.data, 2) == from) {
+                response.data[0] = static_cast<uint8_t>(to);
+                response.data[1] = 0;
+            }
+            (void)request;
+            return response;
+        };
+    };
+    Run([&] {
+        server.OnCommand(kStorage, kGetEntry, loop(5, 2));
+        Log(5);
+        Start();
+        Bmc().ResetCounts();
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_GT(30U, Bmc().Count());
+        for (const uint16_t target : {uint16_t{6}, uint16_t{8}}) {
+            server.OnCommand(kStorage, kGetEntry, loop(8, target));
+            Bmc().ResetCounts();
+            Log(target == 6 ? 5 : 0);
+            EXPECT_THAT(Poll(), SizeIs(target == 6 ? 3 : 0));
+            EXPECT_GT(30U, Bmc().Count());
+        }
+        server.OnCommand(kStorage, kGetEntry, {});
+        EXPECT_THAT(Poll(), ElementsAre(9, 10)) << "once the controller has come to its senses";
+    });
+}
+
+TEST_F(SelDb, CountsAndIdsThatDoNotFit) {
+    Run([this] {
+        StartWith(3);
+        server.OnCommand(kStorage, kGetInfo, [](const auto&, const auto& answer) {
+            sim::Response response = answer();
+            response.data[1] = response.data[2] = 0xFF;
+            return response;
+        });
+        Log(2);
+        EXPECT_THAT(Poll(), ElementsAre(4, 5));
+        EXPECT_THAT(Poll(), IsEmpty());
+        server.OnCommand(kStorage, kGetInfo, {});
+        EXPECT_THAT(Poll(), IsEmpty());
+        Log(2);
+        EXPECT_THAT(Poll(), ElementsAre(6, 7));
+
+        Bmc().Sel()->Remove(7);  // where the next read would start
+        Log(2);
+        EXPECT_THAT(Poll(), ElementsAre(8, 9));
+        sim::SelEntry high = Event(10);
+        high[0] = 0xFE;
+        high[1] = 0xFF;
+        Bmc().Sel()->Add(high);
+        EXPECT_THAT(Poll(), ElementsAre(10));
+        EXPECT_EQ(10U, NumberOf(ReadDb(0xFFFE)));
+        Start();
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_EQ(kSelDbGood, g_eSelDbFileStat);
+    });
+}
+
+// Files that fail
+
+TEST_F(SelDb, ADatabaseThatFailsIsToldOnceAndKeepsNothingBack) {
+    const std::string good(kDbSize, '\0');
+    std::string misplaced = good;
+    misplaced[16 * 7] = 8;
+    const struct {
+        const char* what;
+        std::function<void()> damage;
+    } cases[] = {
+        {"cut short", [] { truncate(Path(kDb).c_str(), 5 * 16 + 3); }},
+        {"empty", [] { Write(kDb, ""); }},
+        {"an id out of its place", [&] { Write(kDb, misplaced); }},
+        {"cannot be read",
+         [] {
+             std::filesystem::remove(Path(kDb));
+             std::filesystem::create_directory(Path(kDb));
+         }},
+        {"cannot be opened",
+         [] {
+             std::filesystem::remove(Path(kDb));
+             std::filesystem::create_symlink(kDb, Path(kDb));
+         }},
+    };
+    for (const auto& [what, damage] : cases) {
+        Run([&, what = what] {
+            StartWith(3);
+            EXPECT_FALSE(TakeSelDatabaseFailure());
+            damage();
+            Start();
+            Log(1);
+            EXPECT_THAT(Poll(), ElementsAre(4)) << what;
+            EXPECT_EQ(kSelDbFailed, g_eSelDbFileStat) << what;
+            EXPECT_TRUE(TakeSelDatabaseFailure());
+            EXPECT_FALSE(TakeSelDatabaseFailure());
+            Log(1);
+            EXPECT_THAT(Poll(), ElementsAre(5)) << what;
+            EXPECT_EQ(kSelDbReported, g_eSelDbFileStat) << "it only ever rises";
+        });
+    }
+}
+
+TEST_F(SelDb, ADatabaseThatIsGoneIsMadeAnewFromWhatWasTaken) {
+    Run([this] {
+        StartWith(3);
+        std::filesystem::remove(Path(kDb));
+        Log(2);
+        Start();
+        EXPECT_THAT(Poll(), ElementsAre(4, 5)) << "logged while nobody polled";
+        EXPECT_EQ(1U, NumberOf(ReadDb(1)));
+        EXPECT_EQ(5U, NumberOf(ReadDb(5)));
+        std::filesystem::remove(Path(kDb));
+        ClearAndLog(2);
+        Start();
+        EXPECT_THAT(Poll(), ElementsAre(6, 7));
+        EXPECT_EQ(kSelDbGood, g_eSelDbFileStat);
+    });
+}
+
+/// Nothing more fits on the disk, for the scope.
+class FullDisk {
+public:
+    FullDisk() {
+        signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &before_);
+        const rlimit full{8, before_.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &full);
+    }
+    ~FullDisk() { setrlimit(RLIMIT_FSIZE, &before_); }
+    FullDisk(const FullDisk&) = delete;
+    FullDisk& operator=(const FullDisk&) = delete;
+
+private:
+    rlimit before_{};
+};
+
+TEST_F(SelDb, AFullDisk) {
+    Run([this] {
+        StartWith(3);
+        const std::string inf = Read(kInf);
+        {
+            const FullDisk full;
+            Log(2);
+            EXPECT_THAT(Poll(), ElementsAre(4, 5));
+            EXPECT_THAT(Poll(), IsEmpty()) << "known in memory";
+            EXPECT_EQ(inf, Read(kInf)) << "not torn";
+            EXPECT_FALSE(Exists("ipmi_sel_51_000a.tmp"));
+            EXPECT_EQ(kSelDbFailed, g_eSelDbFileStat);
+        }
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_EQ(5, ReadInf().selCount) << "written when there is room again";
+        Start();
+        EXPECT_THAT(Poll(), IsEmpty());
+    });
+    Run([this] {
+        const FullDisk full;
+        StartWith(3);
+        EXPECT_EQ(kSelDbFailed, g_eSelDbFileStat);
+        Log(1);
+        EXPECT_THAT(Poll(), ElementsAre(4)) << "without a file from the start";
+    });
+}
+
+TEST_F(SelDb, ADirectoryThatCannotBeWritten) {
+    Run([this] {
+        StartWith(3);
+        ASSERT_EQ(0, mount("sel", kFolder, "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr));
+        Log(2);
+        EXPECT_THAT(Poll(), ElementsAre(4, 5));
+        EXPECT_EQ(kSelDbFailed, g_eSelDbFileStat);
+        ASSERT_EQ(0, mount("sel", kFolder, "tmpfs", MS_REMOUNT, nullptr));
+        Log(1);
+        EXPECT_THAT(Poll(), ElementsAre(6));
+        EXPECT_EQ(6, ReadInf().selCount);
+    });
+}
+
+TEST_F(SelDb, TheStateIsTakenOverForTheSameDeviceOnly) {
+    const auto record = [](uint8_t address, uint8_t lun, uint8_t id, uint8_t version, uint8_t type, uint8_t count) {
+        const uint8_t bytes[16] = {address, lun, id, 0, version, type, 1, 0, count, 0, count, 0, 9, 9, 9, 9};
+        return std::string(reinterpret_cast<const char*>(bytes), sizeof bytes);
+    };
+    const std::string own = record(0x20, 0, 0x0A, 0x51, 0x12, 3);
+    const struct {
+        std::string inf;
+        unsigned count;
+    } cases[] = {
+        {own, 3},
+        {record(0x22, 0, 0x0A, 0x51, 0x12, 3), 0},
+        {record(0x20, 1, 0x0A, 0x51, 0x12, 3), 0},
+        {record(0x20, 0, 0x0B, 0x51, 0x12, 3), 0},
+        {record(0x20, 0, 0x0A, 0x01, 0x12, 3), 0},
+        {record(0x20, 0, 0x0A, 0x51, 0x11, 3), 0},
+        {own + record(0x20, 0, 0x0A, 0x51, 0x12, 2) + record(0x22, 0, 0x0A, 0x51, 0x12, 9), 2},
+        {own.substr(0, 15), 0},
+        {own + "torn", 3},
+        {"", 0},
+    };
+    Run([&] {
+        for (const auto& [inf, count] : cases) {
+            Write(kInf, inf);
+            EXPECT_EQ(0U, Start());
+            EXPECT_EQ(count, g_stSelDev[0].selCount);
+            EXPECT_EQ(count > 0 ? 0x09090909U : 0U, g_stSelDev[0].lastTimeStamp);
+        }
+        Log(5);
+        EXPECT_THAT(Poll(), IsEmpty()) << "met for the first time";
+        EXPECT_EQ(5, ReadInf().selCount);
+
+        std::filesystem::remove(Path(kInf));
+        EXPECT_EQ(0U, Start());
+        std::filesystem::create_directory(Path(kInf));
+        EXPECT_EQ(0x605CB302U, Start(true, 2)) << "the other device is loaded all the same";
+        std::filesystem::remove(Path(kInf));
+        std::filesystem::create_symlink(kInf, Path(kInf));
+        EXPECT_EQ(0x605CB301U, Start());
+    });
+}
+
+TEST_F(SelDb, ReplacedHardwareStartsAnew) {
+    SetProduct("Tessark R2");
+    root.AddFile("/opt/velmora/lantrel/rc/HWCheck",
+                 "echo 00:11:22:33:44:55 > /var/opt/velmora/lantrel/dat/HWCheckList.dat\n");
+    SimulatedMachine::Run([this] {  // the files stay
+        StartWith(3);
+        EXPECT_EQ(3, ReadInf().selCount);
+    });
+    SimulatedMachine::Run([this] { EXPECT_EQ(0U, Start()) << "the same hardware"; });
+    root.AddFile("/var/opt/velmora/lantrel/dat/HWList.dat", "66:77:88:99:aa:bb\n");
+    SimulatedMachine::Run([this] {  // the files stay
+        EXPECT_EQ(0x605CB11DU, Start());
+        Log(5);
+        EXPECT_THAT(Poll(), IsEmpty());
+        Log(1);
+        EXPECT_THAT(Poll(), ElementsAre(6));
+    });
+}
+
+// Neighbours
+
+TEST_F(SelDb, SystemLogLinesCarryTheirLevel) {
+    Run([] {
+        SyslogListener syslog;
+        for (const int priority : {0, 1, 2, 3, 4, 5, 6, 7})
+            PutSyslogMessage(64016, priority);  // there is none of that number in set 6
+        EXPECT_THAT(syslog.Lines(),
+                    ElementsAre("pxragt: WXPLG0906A-W An alert occured at agent. (ID=0xfa10:LEVEL=Warning:MSG=)",
+                                "pxragt: WXPLG0907A-E An alert occured at agent. (ID=0xfa10:LEVEL=Error:MSG=)",
+                                "pxragt: WXPLG0906A-W An alert occured at agent. (ID=0xfa10:LEVEL=Warning:MSG=)",
+                                "pxragt: WXPLG0905A-I An alert occured at agent. (ID=0xfa10:LEVEL=Information:MSG=)"));
+        EXPECT_THAT(syslog.Priorities(), ElementsAre(3 << 3 | 2, 3 << 3 | 3, 3 << 3 | 4, 3 << 3 | 6));
+    });
+}
+
+TEST_F(SelDb, ASensorThatIsNotThere) {
+    Run([] {
+        unsigned long flag = 9;
+        EXPECT_EQ(0x6000B103U, IsSensorExist(0x20, 0, 1, &flag)) << "no records are loaded";
+        EXPECT_EQ(0U, flag);
+        EXPECT_EQ(0x60004201U, IsSensorExist(0x20, 0, 1, nullptr));
+    });
+}
+
+TEST_F(SelDb, ThreadsThatPollAtOnceShareTheEvents) {
+    Run([this] {
+        StartWith(1);
+        Log(40);
+        std::atomic<unsigned long> total{0};
+        std::vector<std::thread> pollers;
+        pollers.reserve(4);
+        for (int i = 0; i < 4; ++i) {
+            pollers.emplace_back([&] {
+                unsigned long count = 0;
+                KVPS_SEL_ENTRY* entries = nullptr;
+                EXPECT_EQ(0U, KvPsGetSelAllEntries(&count, &entries));
+                KvPsFreeDataArray(entries);
+                total += count;
+            });
+        }
+        for (std::thread& poller : pollers)
+            poller.join();
+        EXPECT_EQ(40U, total);
+    });
+}
+
+}  // namespace
