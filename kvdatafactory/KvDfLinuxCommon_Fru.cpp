@@ -1,0 +1,189 @@
+// The FRU inventory of the machine: read once, then asked for single fields.
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string_view>
+
+#include <syslog.h>
+
+#include "common/PXR_function_numbers.h"
+#include "common/PXR_result.h"
+#include "common/PXR_trace_internal.h"
+#include "kvdatafactory/KvDfLinuxCommon_Fru.h"
+#include "lib_driverIF/KvPltfSvcIpmiCall.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain.h"
+#include "lib_driverIF/KvPltfSvcLibPilot2.h"
+#include "libplatform/KvPsBmc.h"
+#include "libplatform/KvPsSmbios.h"
+#include "libplatform/PXR_message.h"
+#include "libplatform/PXR_trace.h"
+
+namespace {
+
+constexpr const char* kSource = "kvdatafactory/KvDfLinuxCommon";
+
+constexpr uint8_t kProductNameField = 5;
+constexpr uint8_t kVersionField = 6;
+constexpr std::array<std::string_view, 2> kServedProducts{"Varistel", "Tessark Blade"};
+constexpr uint32_t kOtherProduct = MakeResult(fn::kGetFruInventoryData, 0xA101);
+
+constexpr int kFruReadFailed = 45342;  // message of set 6
+
+/// The inventory, as it was read.
+struct Inventory {
+    bool read = false;
+    uint32_t result = 0;  ///< of the reading, for good
+    bool boardFru = false;
+    std::unique_ptr<uint8_t[]> image;
+    size_t imageSize = 0;
+    std::array<uint8_t, ktx_ipmi::kOemFruRecordsSize> records{};
+    uint32_t recordsLength = 0;
+};
+
+std::mutex g_fruMutex;
+Inventory g_inventory;  // written once under g_fruMutex, read-only from then on
+
+uint32_t OutOfMemory() {
+    return PXR_ReportError(MakeResult(fn::kGetFruInventoryData, Reason::OutOfMemory));
+}
+
+/// Takes size bytes as the image.
+uint32_t TakeImage(Inventory& inventory, const uint8_t* bytes, size_t size) {
+    inventory.image.reset(new (std::nothrow) uint8_t[size]);
+    if (inventory.image == nullptr) return OutOfMemory();
+    std::copy_n(bytes, size, inventory.image.get());
+    inventory.imageSize = size;
+    return 0;
+}
+
+uint32_t ReadBoardFru(int handle, Inventory& inventory) {
+    const std::unique_ptr<uint8_t[]> whole(new (std::nothrow) uint8_t[ktx_ipmi::kLargestFruImage]);
+    if (whole == nullptr) return OutOfMemory();
+    uint32_t size = 0;
+    if (const uint32_t rc = ktx_ipmi::ReadVelmoraFruData(handle, whole.get(), &size)) {
+        KvRasLog(1, kSource, __LINE__, "An error occurred in OEM Read Velmora FRU Data Command.");
+        return rc;
+    }
+    return TakeImage(inventory, whole.get(), size);
+}
+
+uint32_t ReadStandardFru(Inventory& inventory) {
+    constexpr uint8_t kBmcFru = 0;
+    uint16_t size = 0;
+    if (const uint32_t rc = KvPsGetFruInventoryAreaSize(kBmcFru, &size)) return rc;
+    inventory.image.reset(new (std::nothrow) uint8_t[std::max<size_t>(size, 1)]);
+    if (inventory.image == nullptr) return OutOfMemory();
+    inventory.imageSize = size;
+    return KvPsReadFruInventoryData(kBmcFru, 0, &size, inventory.image.get());
+}
+
+void ReportToSyslog() {
+    trace::CommandName name;
+    trace::CopyCommandName(name);
+    PXR_syslog_message(LOG_ERR, "KvAgent.cat", 6, kFruReadFailed, 1, static_cast<const char*>(name));
+}
+
+/// Runs a step that needs the IPMI driver. @param opened  out: false when there is none
+template <typename Step>
+uint32_t InBracket(bool& opened, Step step) {
+    const ktx_ipmi::IpmiBracket bracket;
+    opened = static_cast<bool>(bracket);
+    return opened ? step(bracket.Handle()) : ktx_ipmi::ReportNotOpened(ktx_ipmi::reason::kNotOpened);
+}
+
+uint32_t ReadInventory(Inventory& inventory, bool& opened) {
+    uint32_t rc = 0;
+    inventory.boardFru = ktx_ipmi::CheckReadVelmoraFruData();
+    if (inventory.boardFru) {
+        rc = InBracket(opened, [&](int handle) { return ReadBoardFru(handle, inventory); });
+    } else {
+        rc = ReadStandardFru(inventory);
+        if (rc != 0) ReportToSyslog();
+    }
+    if (rc != 0 || CheckSMBIOSCode() <= kSmbiosCodeUnknown) return rc;
+
+    PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_DETAIL, "[KvDf_GetFruInventoryData] PilotX.");
+    rc = InBracket(opened, [&](int handle) {
+        return ktx_ipmi::ReadOEMFRURecords(handle, inventory.records.data(), &inventory.recordsLength);
+    });
+    if (rc != 0) {
+        KvRasLog(1, kSource, __LINE__, "OEM Read OEM FRU Command Error:Return Code[%d]", static_cast<int>(rc));
+    }
+    return rc;
+}
+
+/// Reads the inventory unless that was done before.
+uint32_t EnsureInventory() {
+    bool opened = true;
+    uint32_t result = 0;
+    {
+        const std::lock_guard lock(g_fruMutex);
+        if (!g_inventory.read) {
+            g_inventory.result = ReadInventory(g_inventory, opened);
+            g_inventory.read = true;
+        }
+        result = g_inventory.result;
+    }
+    if (!opened) KvPsTerminateIpmi();  // without the lock: it waits for those who may wait for us
+    return result;
+}
+
+/// A field of the System Information structure.
+class SystemText {
+public:
+    explicit SystemText(uint8_t field) {
+        char* text = nullptr;
+        result_ = KvPsGetSystemInformation(field, &text);
+        text_.reset(text);
+    }
+    uint32_t Result() const { return result_; }
+    const char* Text() const { return text_ != nullptr ? text_.get() : ""; }
+
+private:
+    std::unique_ptr<char[]> text_;
+    uint32_t result_;
+};
+
+bool IsServed(std::string_view product) {
+    return std::ranges::any_of(
+        kServedProducts, [product](std::string_view name) { return product.find(name) != std::string_view::npos; });
+}
+
+// The compiler warns of the zero in %08p, which the C library honours; those who search the trace know the text so.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat"
+void TraceMissingRecord(const void* record) {
+    PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "Invalid Parameter. szFruData=0x%08p", record);
+}
+#pragma GCC diagnostic pop
+
+}  // namespace
+
+uint32_t KvDf_GetFruInventoryData(FruProductAreaNumber target, _KvFruData* out) {
+    if (out == nullptr) {
+        TraceMissingRecord(out);
+        return PXR_ReportError(MakeResult(fn::kGetFruInventoryData, Reason::NullArgument));
+    }
+    const SystemText product(kProductNameField);
+    if (product.Result() != 0) return product.Result();
+    if (!IsServed(product.Text())) {
+        PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_EVENT, "KvDf_GetFruInventoryData() Don't yet support \"%s\".",
+                  product.Text());
+        return PXR_ReportError(kOtherProduct);
+    }
+    if (const uint32_t rc = EnsureInventory()) return rc;
+    const SystemText version(kVersionField);
+    int pilot2 = 0;
+    if (target >> 16 == KV_FRU_OEM_AREA >> 16) IsPilot2(&pilot2);
+    return GetFruData({.image = {g_inventory.image.get(), g_inventory.imageSize},
+                       .oemRecords = {g_inventory.records.data(), g_inventory.recordsLength},
+                       .product = product.Text(),
+                       .version = version.Text(),
+                       .pilot2 = pilot2 != 0,
+                       .boardFru = g_inventory.boardFru},
+                      target, out);
+}

@@ -1,0 +1,267 @@
+// Where the fields of a FRU image lie.
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <numeric>
+#include <string_view>
+
+#include "common/PXR_function_numbers.h"
+#include "common/PXR_result.h"
+#include "kvdatafactory/KvDfLinuxCommon_Fru.h"
+#include "libplatform/PXR_trace.h"
+
+// clang-format off
+const uint8_t szFruOemFmt[32] = {1, 1, 1, 1, 1, 3, 1, 1, 1, 3, 1, kFruVariableLength, 1, kFruVariableLength, 6, 6,
+                                 1, 1, 4, 1, 1, kFruVariableLength, 1, 1, 1, 1, 1, 4, 1, 4, 14, 1};
+const uint8_t szFruFmt_pilot2[22] = {1, 1, 1, 1, 1, 3, 1, 1, 38, 6, 6, 2, 6, 6, 1, 1, 1, 33, 16, 1, 16, 1};
+const uint8_t szFruOem2Fmt[10] = {1, 1, 1, 1, 1, 3, 1, kFruVariableLength, 1, 6};
+// clang-format on
+
+namespace {
+
+using Bytes = std::span<const uint8_t>;
+
+constexpr const char* kSource = "kvdatafactory/KvDfLinuxCommon";
+
+constexpr uint32_t kProductArea = KV_FRU_PRODUCT_AREA >> 16;
+constexpr uint32_t kOemArea = KV_FRU_OEM_AREA >> 16;
+constexpr uint32_t kOem2Area = KV_FRU_SECOND_OEM_AREA >> 16;
+
+constexpr size_t kAreaUnit = 8;
+constexpr size_t kCommonHeaderSize = 8;
+constexpr size_t kProductAreaPointer = 4;
+constexpr size_t kRecordAreaPointer = 5;
+constexpr uint8_t kVersionMask = 0x0F;
+constexpr uint8_t kLengthMask = 0x3F;
+constexpr uint8_t kEndOfFields = 0x01;  // as a length; 0xC1 with its type
+
+constexpr size_t kRecordHeaderSize = 5;
+constexpr uint8_t kEndOfList = 0x80;
+
+// The adapters' addresses, which boards with a FRU command of their own keep there.
+constexpr std::array<uint32_t, 2> kAdapterTargets{0x5000E, 0x5000F};
+
+constexpr std::string_view kQ52 = "Varistel Q52";
+constexpr std::string_view kSeparateHeaderVersion = "0000F5";
+
+std::atomic<FruIndexFunction> g_updateFruIndex{nullptr};
+
+uint32_t IndexOf(uint32_t target) {
+    return target & 0xFFFF;
+}
+
+bool Contains(const char* text, std::string_view part) {
+    return std::string_view(text).find(part) != std::string_view::npos;
+}
+
+uint32_t ReportBadData(std::source_location where = std::source_location::current()) {
+    return PXR_ReportError(MakeResult(fn::kGetFruInventoryData, Reason::BadData), where);
+}
+
+uint32_t ReportNullRecord() {
+    PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "InValid_Parameter. %s", "pstFruData");
+    return PXR_ReportError(MakeResult(fn::kGetFruInventoryData, Reason::NullArgument));
+}
+
+uint32_t ReportNullImage() {
+    PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "InValid_Parameter. %s", "pbData");
+    return PXR_ReportError(MakeResult(fn::kGetFruInventoryData, Reason::NullArgument));
+}
+
+/// The bytes from a position on; none when it lies outside.
+Bytes From(Bytes bytes, size_t position) {
+    return bytes.subspan(std::min(position, bytes.size()));
+}
+
+/// Checks the common header. @return 0
+uint32_t CheckCommonHeader(Bytes image) {
+    if (image.size() < kCommonHeaderSize) return ReportBadData();
+    const int version = image[0] & kVersionMask;
+    if (version != 0) return 0;
+    KvRasLog(1, kSource, __LINE__, "Not Support Common Header Version<%d>", version);
+    return ReportBadData();
+}
+
+/// The area that the common header points to; empty when there is none.
+Bytes Area(Bytes image, size_t pointer) {
+    if (image.size() < kCommonHeaderSize || image[pointer] == 0) return {};
+    return From(image, image[pointer] * kAreaUnit);
+}
+
+/// The OEM records: those of the image, or else those that the controller keeps behind its OEM command.
+Bytes Records(const FruSource& source) {
+    const Bytes area = Area(source.image, kRecordAreaPointer);
+    return area.empty() ? source.oemRecords : area;
+}
+
+void Put(Bytes bytes, _KvFruData* out) {
+    *out = {};
+    out->length = static_cast<uint8_t>(bytes.size());
+    std::ranges::copy(bytes, out->data);
+}
+
+/// The field at an index of the product area; none when the area ends before it.
+Bytes ProductField(Bytes area, uint32_t index) {
+    constexpr size_t kFieldsOffset = 3;  // version, length, language
+    const size_t claimed = area[1] * kAreaUnit;
+    Bytes rest = From(claimed != 0 ? area.first(std::min(claimed, area.size())) : area, kFieldsOffset);
+    for (; !rest.empty(); --index) {
+        const size_t length = rest[0] & kLengthMask;
+        if (length == kEndOfFields || length >= rest.size()) return {};
+        if (index == 0) return rest.subspan(1, length);
+        rest = rest.subspan(1 + length);
+    }
+    return {};
+}
+
+/// The second record. How far it lies behind the first depends on whether the length in the header of that one counts
+/// the header itself.
+Bytes SecondRecord(const FruSource& source) {
+    const Bytes first = Records(source);
+    if (first.size() < kRecordHeaderSize || (first[1] & kEndOfList) != 0) return {};
+    return From(first, first[2] + (Contains(source.version, kSeparateHeaderVersion) ? kRecordHeaderSize : 0));
+}
+
+/// A field, and how far the next one lies behind it.
+struct Cut {
+    _KvFruData field{};
+    size_t advance = 0;
+};
+
+/// @return false: the area has no such bytes
+bool Plain(Bytes area, size_t length, Cut& cut) {
+    if (length > area.size()) return false;
+    Put(area.first(length), &cut.field);
+    cut.advance = length;
+    return true;
+}
+
+/// The Q52 board keeps the two parts of field 11 with eight other bytes between them.
+bool Q52Field11(Bytes area, Cut& cut) {
+    constexpr size_t kFirstPart = 6, kSecondPart = 14, kEnd = 24;
+    if (area.size() < kEnd) return false;
+    Put(area.first(kFirstPart), &cut.field);
+    std::ranges::copy(area.subspan(kSecondPart, kEnd - kSecondPart), cut.field.data + kFirstPart);
+    cut.field.length = kFirstPart + kEnd - kSecondPart;
+    cut.advance = kEnd;
+    return true;
+}
+
+/// And its field 17 lies 24 bytes behind its place.
+bool Q52Field17(Bytes area, Cut& cut) {
+    constexpr size_t kDistance = 24;
+    if (area.size() <= kDistance) return false;
+    Put(area.subspan(kDistance, 1), &cut.field);
+    cut.advance = 1;
+    return true;
+}
+
+}  // namespace
+
+void FruFields::Add(std::span<const uint8_t> bytes) {
+    if (count_ < fields_.size()) Put(bytes, &fields_[count_++]);
+}
+
+void CreateFruFormat(std::span<const uint8_t> area, std::span<const uint8_t> lengths, bool q52, FruFields& out) {
+    uint8_t before = 0;  // first byte of the field before
+    for (size_t i = 0; i < lengths.size(); ++i) {
+        const size_t length = lengths[i] == kFruVariableLength ? before & kLengthMask : lengths[i];
+        Cut cut;
+        const bool there = q52 && i == 11   ? Q52Field11(area, cut)
+                           : q52 && i == 17 ? Q52Field17(area, cut)
+                                            : Plain(area, length, cut);
+        if (!there) return;
+        out.Add({cut.field.data, cut.field.length});
+        before = cut.field.data[0];
+        area = area.subspan(cut.advance);
+    }
+}
+
+uint32_t GetProductRecordFormatFruData(std::span<const uint8_t> image, uint32_t index, _KvFruData* out) {
+    if (image.data() == nullptr) return ReportNullImage();
+    if (out == nullptr) return ReportNullRecord();
+    *out = {};
+    if (const uint32_t rc = CheckCommonHeader(image)) return rc;
+    const Bytes area = Area(image, kProductAreaPointer);
+    if (area.size() < kAreaUnit) return 0;  // the unit is without a product area, or its image was cut
+    const int version = area[0] & kVersionMask;
+    if (version == 0) {
+        KvRasLog(1, kSource, __LINE__, "Not Support Produbt Area Version<%d>", version);
+        return ReportBadData();
+    }
+    Put(ProductField(area, index), out);
+    return 0;
+}
+
+uint32_t GetOemRecordFormatFruData(const FruSource& source, uint32_t asked, uint32_t translated, _KvFruData* out) {
+    if (source.image.data() == nullptr) return ReportNullImage();
+    if (out == nullptr) return ReportNullRecord();
+    *out = {};
+    if (source.boardFru && std::ranges::find(kAdapterTargets, asked) != kAdapterTargets.end()) {
+        return GetVelmoraFruData(asked, out);
+    }
+    FruFields fields;
+    CreateFruFormat(Records(source), source.pilot2 ? Bytes(szFruFmt_pilot2) : Bytes(szFruOemFmt),
+                    Contains(source.product, kQ52), fields);
+    if (const _KvFruData* const field = fields.Find(IndexOf(translated))) {
+        *out = *field;
+    } else {
+        KvRasLog(2, kSource, __LINE__, "Not Found Target<%d> FRU Data.", static_cast<int>(asked));
+    }
+    return 0;
+}
+
+uint32_t GetOem2RecordFormatFruData(const FruSource& source, uint32_t asked, uint32_t translated, _KvFruData* out) {
+    if (source.image.data() == nullptr) return ReportNullImage();
+    if (out == nullptr) return ReportNullRecord();
+    *out = {};
+    if (Contains(source.product, kQ52)) return 0;  // these boards have no second record
+    if (const uint32_t rc = CheckCommonHeader(source.image)) return rc;
+    const Bytes record = SecondRecord(source);
+    if (record.empty()) {
+        KvRasLog(2, kSource, __LINE__, "Not Found OEM2 Area whit Target<%d> FRU Data.", static_cast<int>(asked));
+        return 0;
+    }
+    FruFields fields;
+    CreateFruFormat(record, szFruOem2Fmt, false, fields);
+    if (const _KvFruData* const field = fields.Find(IndexOf(translated))) {
+        *out = *field;
+        KvRasLog(3, kSource, __LINE__, "Succeeded in Getting Target<%d> FRU Data.", static_cast<int>(asked));
+    } else {
+        KvRasLog(2, kSource, __LINE__, "Not Found Target<%d> FRU Data of OEM2 Area.", static_cast<int>(asked));
+    }
+    return 0;
+}
+
+/// Where these boards' own image holds the adapters' addresses differs from board to board and is not described: no
+/// address is better than a wrong one.
+uint32_t GetVelmoraFruData(uint32_t target, _KvFruData* out) {
+    *out = {};
+    KvRasLog(2, kSource, __LINE__, "Not Found Target<%d> FRU Data.", static_cast<int>(target));
+    return PXR_ReportError(MakeResult(fn::kGetFruInventoryData, Reason::NoData));
+}
+
+uint32_t GetFruData(const FruSource& source, uint32_t target, _KvFruData* out) {
+    unsigned int translated = target;
+    const FruIndexFunction update = g_updateFruIndex;
+    if (update != nullptr && update(&translated) == nullptr) {
+        KvRasLog(1, kSource, __LINE__, "[GetFruData]UpdateFRUIndex FAIL.");
+        return ReportBadData();
+    }
+    switch (translated >> 16) {
+        case kProductArea:
+            return GetProductRecordFormatFruData(source.image, IndexOf(translated), out);
+        case kOemArea:
+            return GetOemRecordFormatFruData(source, target, translated, out);
+        case kOem2Area:
+            return GetOem2RecordFormatFruData(source, target, translated, out);
+        default:
+            KvRasLog(1, kSource, __LINE__, "Not Support Target Id<0x%X>", target);
+            return PXR_ReportError(MakeResult(fn::kGetFruInventoryData, Reason::BadArgument));
+    }
+}
+
+void SetFruIndexFunction(FruIndexFunction function) {
+    g_updateFruIndex = function;
+}

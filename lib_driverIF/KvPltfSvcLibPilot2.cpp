@@ -1,0 +1,191 @@
+// The log of this module, its files, and what machine it is on.
+
+#include "lib_driverIF/KvPltfSvcLibPilot2.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "cover/FileCover.h"
+#include "lib_driverIF/KvPltfSvcLibPilot2_Internal.h"
+#include "libplatform/KvPsSmbios.h"
+
+std::recursive_mutex g_capabilityMutex;
+
+namespace {
+
+constexpr const char* kSmbiosConfiguration = "/etc/opt/velmora/lantrel/kvgetsmbios.cfg";
+constexpr std::string_view kSmbiosCodeKey = "SMBIOSCode = ";
+constexpr std::array<std::string_view, 2> kSmbiosCodes{"002", "003"};
+constexpr std::array<std::string_view, 2> kBladeNames{"Varistel", "Tessark Blade"};
+
+constexpr uint8_t kSystemInformation = 1;
+constexpr uint8_t kProductNameField = 5;
+constexpr size_t kLargestFile = 1024 * 1024;
+constexpr size_t kLongestLine = 31;
+
+std::atomic<CapabilityLogFunction> g_logFunction{nullptr};
+
+// Guarded by g_capabilityMutex.
+uint32_t dwIsVaristel = kFamilyUnknown;
+bool g_smbiosTried = false;
+char g_cSmbioscode[4] = {};
+
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor() {
+        if (fd_ >= 0) close(fd_);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int Get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+/// The copy of SMBIOS may not have been made when the first question comes. Tried once: a machine without a System
+/// Information structure would be asked again and again, under the feet of those who read the copy.
+void EnsureSmbiosCopy() {
+    unsigned long count = 0;
+    KVPS_SMBIOS_TPHEAD** array = nullptr;
+    const uint32_t rc = KvPsGetTypeData(kSystemInformation, &count, &array);
+    const std::unique_ptr<KVPS_SMBIOS_TPHEAD*[]> owner(array);
+    if ((rc == 0 && count > 0) || g_smbiosTried) return;
+    g_smbiosTried = true;
+    KvPsInitializeSmbios();
+}
+
+int IndexOfSmbiosCode(std::string_view text) {
+    const auto found =
+        std::ranges::find_if(kSmbiosCodes, [text](std::string_view code) { return text.starts_with(code); });
+    return found == kSmbiosCodes.end() ? kSmbiosCodeUnknown
+                                       : kSmbiosCode002 + static_cast<int>(found - kSmbiosCodes.begin());
+}
+
+/// Takes a line off the front of a text, without its end.
+std::string_view TakeLine(std::string_view& text) {
+    const size_t end = text.find('\n');
+    std::string_view line = text.substr(0, end);
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    if (line.ends_with('\r')) line.remove_suffix(1);
+    return line;
+}
+
+int ReadSmbiosCode() {
+    if (access(kSmbiosConfiguration, F_OK) != 0) return kSmbiosCodeNoFile;  // most machines have none
+    const std::optional<std::string> text = ReadWholeFile(kSmbiosConfiguration);
+    if (!text) return kSmbiosCodeNoFile;
+    std::string_view rest = *text;
+    TakeLine(rest);
+    if (rest.empty()) return kSmbiosCodeNoFile;
+    std::string_view line = TakeLine(rest);
+    int code = kSmbiosCodeUnknown;
+    if (line.starts_with(kSmbiosCodeKey)) {
+        line.remove_prefix(kSmbiosCodeKey.size());
+        code = IndexOfSmbiosCode(line);
+    }
+    if (code == kSmbiosCodeUnknown) {
+        LOG_CAPABILITY(kLogTrace, "FileRead & Check NG(SMBIOSCode != PILOTX/SH)");
+        return code;
+    }
+    LOG_CAPABILITY(kLogTrace, "FileRead & Check OK(SMBIOSCode == PILOTX/SH)");
+    line.copy(g_cSmbioscode, sizeof g_cSmbioscode - 1);
+    return code;
+}
+
+}  // namespace
+
+void SetLogFunction(CapabilityLogFunction function) {
+    g_logFunction = function;
+}
+
+void ExecLogFunction(int level, const char* source, int line, const char* format, ...) {
+    const CapabilityLogFunction log = g_logFunction;
+    if (log == nullptr) return;
+    char text[256];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    log(level, source, line, "%s", text);
+}
+
+std::optional<std::string> ReadWholeFile(const char* path) {
+    const Descriptor file(FileOpen(path, O_RDONLY, 0));
+    if (file.Get() < 0) {
+        LOG_CAPABILITY(kLogError, "FileOpen(rb) Error.(%s)", path);
+        return std::nullopt;
+    }
+    std::string content;
+    std::array<char, 4096> piece;
+    int count = 0;
+    while ((count = FileRead(file.Get(), piece.data(), piece.size())) > 0 && content.size() < kLargestFile)
+        content.append(piece.data(), static_cast<size_t>(count));
+    if (count != 0) {
+        LOG_CAPABILITY(kLogError, "FileRead Error.(%s)", path);
+        return std::nullopt;
+    }
+    return content;
+}
+
+bool WriteWholeFile(const char* path, std::string_view content) {
+    const std::string temporary = std::string(path) + ".tmp";
+    bool written = false;
+    {
+        const Descriptor file(FileOpen(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
+        if (file.Get() < 0) {
+            LOG_CAPABILITY(kLogError, "FileOpen(wb) Error.(%s)", path);
+            return false;
+        }
+        const auto length = static_cast<uint32_t>(content.size());
+        written = FileWrite(file.Get(), content.data(), length) == static_cast<int>(length) && fsync(file.Get()) == 0;
+    }
+    if (written && rename(temporary.c_str(), path) == 0) return true;
+    LOG_CAPABILITY(kLogError, "FileWrite Error.(%s)", path);
+    unlink(temporary.c_str());
+    return false;
+}
+
+AddressList ParseAddressList(std::string_view text) {
+    AddressList addresses;
+    while (!text.empty()) {
+        const std::string_view line = TakeLine(text).substr(0, kLongestLine);
+        if (!line.empty()) addresses.emplace_back(line);
+    }
+    return addresses;
+}
+
+bool IsVaristel(uint32_t* family) {
+    const std::lock_guard lock(g_capabilityMutex);
+    if (dwIsVaristel == kFamilyUnknown) {
+        EnsureSmbiosCopy();
+        char* name = nullptr;
+        const uint32_t rc = KvPsGetSystemInformation(kProductNameField, &name);
+        const std::unique_ptr<char[]> owner(name);
+        if (rc != 0 || name == nullptr) {
+            LOG_CAPABILITY(kLogError, "KvPsGetSystemInformation return 0x%08x.", rc);
+            return false;
+        }
+        const bool blade = std::ranges::any_of(kBladeNames, [product = std::string_view(name)](std::string_view entry) {
+            return product.find(entry) != std::string_view::npos;
+        });
+        dwIsVaristel = blade ? kFamilyBlade : kFamilyRack;
+    }
+    if (dwIsVaristel == kFamilyBlade) ExecLogFunction(kLogDebug, kLogSource, __LINE__, "[LibPilot2]IsVaristel() ...VS");
+    if (family != nullptr) *family = dwIsVaristel;
+    return true;
+}
+
+int CheckSMBIOSCode() {
+    const std::lock_guard lock(g_capabilityMutex);
+    return g_cSmbioscode[0] != '\0' ? IndexOfSmbiosCode(g_cSmbioscode) : ReadSmbiosCode();
+}

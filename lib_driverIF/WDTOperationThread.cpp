@@ -1,0 +1,216 @@
+#include "lib_driverIF/WDTOperationThread.h"
+
+#include <cxxabi.h>
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "cover/DeviceCover.h"
+#include "cover/TimerCover.h"
+#include "libplatform/PXR_trace.h"
+
+CWDTOperationThread objOprThread;
+
+namespace {
+
+// The records of the kernel's IPMI device as a 32-bit process hands them over.
+
+struct SystemInterfaceAddress {
+    int32_t type;
+    int16_t channel;
+    uint8_t lun;
+};
+static_assert(sizeof(SystemInterfaceAddress) == 8 && offsetof(SystemInterfaceAddress, lun) == 6);
+
+/// Room for an address of any kind; the kernel refuses a receive with less.
+struct AnyAddress {
+    int32_t type;
+    int16_t channel;
+    uint8_t data[32];
+};
+static_assert(sizeof(AnyAddress) == 40);
+
+struct KernelMessage {
+    uint8_t netFn;
+    uint8_t command;
+    uint16_t dataLength;
+    uint8_t* data;
+};
+static_assert(sizeof(KernelMessage) == 8 && offsetof(KernelMessage, data) == 4);
+
+struct KernelRequest {
+    const void* address;
+    uint32_t addressLength;
+    int32_t messageId;
+    KernelMessage message;
+};
+static_assert(sizeof(KernelRequest) == 20 && offsetof(KernelRequest, message) == 12);
+
+struct KernelReceive {
+    int32_t type;
+    void* address;
+    uint32_t addressLength;
+    int32_t messageId;
+    KernelMessage message;
+};
+static_assert(sizeof(KernelReceive) == 24 && offsetof(KernelReceive, message) == 16);
+
+constexpr unsigned long kSendCommand = 0x8014690D;
+constexpr unsigned long kReceiveMessageTruncated = 0xC018690B;
+constexpr int32_t kSystemInterface = 0x0C;
+constexpr int16_t kBmcChannel = 0x0F;
+constexpr int32_t kResponseMessage = 1;
+
+constexpr uint16_t kMaxRequestData = 272;  // the kernel's limit of one message
+constexpr int kTries = 5;
+constexpr uint64_t kTryMicroseconds = 100'000;
+// More than the kernel queues for one user: 25 events and the late responses. A device that goes on is broken.
+constexpr int kMaxForeignMessages = 128;
+
+void TraceFailure(int result, int error) {
+    PXR_trace(PXR_TRACE_MASK_PLUGIN, PXR_TRACE_LEVEL_CALL,
+              "Failed to IPMI command. The return value is %d and error number is %d.", result, error);
+}
+
+void Trace(const char* text) {
+    PXR_trace(PXR_TRACE_MASK_PLUGIN, PXR_TRACE_LEVEL_CALL, "%s", text);
+}
+
+/// Whole milliseconds until the deadline, 0 once it has passed.
+int RestMs(uint64_t deadline) {
+    const uint64_t now = Clock().Now();
+    return now < deadline ? static_cast<int>((deadline - now + 999) / 1000) : 0;
+}
+
+/// Uses up one message id, however the command ends.
+class NextMessageId {
+public:
+    explicit NextMessageId(uint32_t& id) : id_(id) {}
+    ~NextMessageId() { ++id_; }
+    NextMessageId(const NextMessageId&) = delete;
+    NextMessageId& operator=(const NextMessageId&) = delete;
+
+private:
+    uint32_t& id_;
+};
+
+}  // namespace
+
+int CWDTOperationThread::LOGG_IPMIInit() {
+    if (device_ >= 0) {
+        Trace("Allready ipmi driver open.");
+        return 0;
+    }
+    device_ = device::Open("/dev/ipmi0", O_RDWR);
+    if (device_ >= 0) return 0;
+    const int error = errno;
+    PXR_trace(PXR_TRACE_MASK_PLUGIN, PXR_TRACE_LEVEL_CALL,
+              "Failed to IPMI open. The return value is %d and error number is %d.", device_, error);
+    device_ = -1;
+    return -1;
+}
+
+void CWDTOperationThread::LOGG_IPMIClose() {
+    if (device_ < 0) return;
+    device::Close(device_);
+    device_ = -1;
+}
+
+int CWDTOperationThread::IPMI_ExecCommand(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data,
+                                          uint16_t* responseLength, uint8_t* response) {
+    const bool refused = response == nullptr || responseLength == nullptr || *responseLength == 0 ||
+                         (data == nullptr && dataLength > 0) || dataLength > kMaxRequestData;
+    if (refused) {
+        Trace("Function input parameters are invalid.");
+        return -1;
+    }
+    try {
+        const NextMessageId next(messageId_);
+        return Execute(command, netFn, dataLength, data, responseLength, response);
+    } catch (abi::__forced_unwind&) {
+        throw;  // the thread is being cancelled
+    } catch (...) {
+        Trace("IPMI_ExecCommand:Exception has been occurred in the function. Thus exits from the function.");
+        return -1;
+    }
+}
+
+int CWDTOperationThread::Execute(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data,
+                                 uint16_t* responseLength, uint8_t* response) {
+    if (device_ < 0 || !Send(command, netFn, dataLength, data)) return -1;
+
+    uint16_t received = 0;
+    int error = 0;
+    for (int attempt = 1; attempt <= kTries; ++attempt) {
+        if (WaitAndReceive(response, *responseLength, &received)) {
+            if (received == 0) {
+                Trace("The length of the IPMI response data is 0.");
+                return -1;
+            }
+            *responseLength = received;
+            return 0;
+        }
+        error = errno;
+        TraceFailure(-1, error);
+        PXR_trace(PXR_TRACE_MASK_PLUGIN, PXR_TRACE_LEVEL_CALL,
+                  "Retrying to get the response from IPMI. Retry count is %d.", attempt);
+    }
+    TraceFailure(-1, error);
+    return -1;
+}
+
+bool CWDTOperationThread::Send(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data) const {
+    const SystemInterfaceAddress bmc = {.type = kSystemInterface, .channel = kBmcChannel, .lun = 0};
+    KernelRequest request = {
+        .address = &bmc,
+        .addressLength = sizeof bmc,
+        .messageId = static_cast<int32_t>(messageId_),
+        // The kernel copies the data and leaves it as it is.
+        .message = {.netFn = netFn, .command = command, .dataLength = dataLength, .data = const_cast<uint8_t*>(data)},
+    };
+    const int result = device::Ioctl(device_, kSendCommand, &request);
+    if (result >= 0) return true;
+    TraceFailure(result, errno);
+    return false;
+}
+
+/// One try: 100 ms at most. Goes on as soon as the device has something to read; where it cannot be waited for, or
+/// says so and has nothing, the time is slept away.
+bool CWDTOperationThread::WaitAndReceive(uint8_t* response, uint16_t capacity, uint16_t* received) const {
+    const uint64_t deadline = Clock().Now() + kTryMicroseconds;
+    int foreignLeft = kMaxForeignMessages;
+    for (;;) {
+        const int foreignBefore = foreignLeft;
+        if (device::WaitReadable(device_, RestMs(deadline)) < 0) Sleep(static_cast<uint32_t>(RestMs(deadline)));
+        if (ReceiveOwn(response, capacity, received, foreignLeft)) return true;
+        if (errno != EAGAIN || RestMs(deadline) == 0) return false;
+        // Nothing there, although the device said so, and nothing was dropped either: it knows no waiting.
+        if (foreignLeft == foreignBefore) Sleep(static_cast<uint32_t>(RestMs(deadline)));
+    }
+}
+
+/// Takes messages out of the device up to the response to the request under way. A late response to an earlier one
+/// would otherwise pass for the answer, one sensor's value for another's. False with errno EAGAIN: not there yet.
+bool CWDTOperationThread::ReceiveOwn(uint8_t* response, uint16_t capacity, uint16_t* received, int& foreignLeft) const {
+    AnyAddress from = {};
+    for (;;) {
+        KernelReceive receive = {
+            .type = 0,
+            .address = &from,
+            .addressLength = sizeof from,  // the kernel overwrites it with the length of what it delivered
+            .messageId = 0,
+            .message = {.netFn = 0, .command = 0, .dataLength = capacity, .data = response},
+        };
+        // EMSGSIZE: the message was delivered as far as it fits, and is gone from the device.
+        if (device::Ioctl(device_, kReceiveMessageTruncated, &receive) < 0 && errno != EMSGSIZE) return false;
+        if (receive.type == kResponseMessage && receive.messageId == static_cast<int32_t>(messageId_)) {
+            *received = std::min(receive.message.dataLength, capacity);
+            return true;
+        }
+        if (--foreignLeft <= 0) {
+            errno = EBUSY;
+            return false;
+        }
+    }
+}

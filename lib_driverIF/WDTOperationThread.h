@@ -1,0 +1,45 @@
+#pragma once
+/// @file
+/// The operating-system path to the management controller: the kernel's IPMI device /dev/ipmi0, through which the
+/// command layer sends all its requests.
+
+#include <cstddef>
+#include <cstdint>
+
+/// The IPMI device, opened for the time of a bracket of the command layer, whose lock also serialises every use.
+class CWDTOperationThread {
+public:
+    /// Opens the device unless it is open. @return 0; -1 when it cannot be opened
+    int LOGG_IPMIInit();
+
+    /// Closes the device if it is open.
+    void LOGG_IPMIClose();
+
+    /// Sends one request to the BMC (LUN 0) and waits up to half a second for its response. Messages that answer
+    /// something else - late responses, events - are taken out of the device and dropped.
+    ///
+    /// Refused before the device is touched: no response buffer or length, no room for a response, request data without
+    /// an address, more than 272 bytes of it (the kernel takes no more). Command 0 is a command.
+    /// @param data            request data; may be null when dataLength is 0
+    /// @param responseLength  in: bytes of room; out, on success: bytes received, never more than the room. What does
+    ///                        not fit is lost
+    /// @param response        on success: completion code and data; on failure its content is undefined
+    /// @return 0; -1 refused, device closed, or no response
+    int IPMI_ExecCommand(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data,
+                         uint16_t* responseLength, uint8_t* response);
+
+private:
+    int Execute(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data, uint16_t* responseLength,
+                uint8_t* response);
+    bool Send(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data) const;
+    bool WaitAndReceive(uint8_t* response, uint16_t capacity, uint16_t* received) const;
+    bool ReceiveOwn(uint8_t* response, uint16_t capacity, uint16_t* received, int& foreignLeft) const;
+
+    uint32_t messageId_ = 1;
+    [[maybe_unused]] uint32_t counters_[2] = {1, 1};  ///< part of the object's layout, not used here
+    int32_t device_ = -1;                             ///< -1: closed
+};
+static_assert(sizeof(CWDTOperationThread) == 16);
+
+/// The one operation object of the process.
+extern CWDTOperationThread objOprThread;

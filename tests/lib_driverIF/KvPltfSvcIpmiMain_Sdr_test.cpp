@@ -1,0 +1,446 @@
+// The walks over the sensor data repository, on good and on damaged repositories.
+
+#include "lib_driverIF/KvPltfSvcIpmiMain_Sdr.h"
+
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "tests/support/SimulatedMachine.h"
+
+using namespace ktx_ipmi;
+
+namespace {
+
+using sim::Bytes;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::SizeIs;
+
+constexpr uint8_t kStorage = sim::netfn::kStorage;
+constexpr uint8_t kReserve = 0x22;
+constexpr uint8_t kGetSdr = 0x23;
+constexpr const char* kDump = "/var/opt/velmora/lantrel/log/sdr.dump";
+
+sim::FullRecord Full(uint8_t number, const std::string& name = "Sensor", uint8_t owner = 0x20, uint8_t lun = 0) {
+    sim::FullRecord record;
+    record.owner = owner;
+    record.lun = lun;
+    record.number = number;
+    record.name = name;
+    return record;
+}
+
+sim::SharedRecord Shared(uint8_t number, const std::string& name, uint8_t count, uint8_t offset = 0) {
+    sim::SharedRecord record;
+    record.number = number;
+    record.name = name;
+    record.shareCount = count;
+    record.modifierOffset = offset;
+    return record;
+}
+
+Bytes WithByte(Bytes record, size_t at, uint8_t value) {
+    record.at(at) = value;
+    return record;
+}
+
+/// Number and name of every record in the table.
+std::vector<std::pair<int, std::string>> Names() {
+    std::vector<std::pair<int, std::string>> names;
+    const std::shared_lock lock(g_sdrMutex);
+    ForEachSdr([&](const SDR& sdr) { names.emplace_back(sdr.number, sdr.name); });
+    return names;
+}
+
+class Repository : public SimulatedMachine {
+protected:
+    uint16_t Add(const Bytes& record) { return Bmc().Sdr()->Add(record); }
+    /// Sensors 1 to count, 53 bytes each.
+    void AddSensors(uint8_t count) {
+        for (uint8_t number = 1; number <= count; ++number)
+            Add(Full(number, "Sens" + std::to_string(number % 10)).Encode());
+    }
+    /// Starts the library's sensors, and expects a result and sensors of these names.
+    void ExpectNames(const std::vector<std::string>& expected, uint32_t result = 0) {
+        Run([&] {
+            EXPECT_EQ(result, KvPsInitializeIpmi());
+            std::vector<std::string> names;
+            for (const auto& [number, name] : Names())
+                names.push_back(name);
+            EXPECT_EQ(expected, names);
+        });
+    }
+};
+
+TEST_F(Repository, FullRecordsArePackedByteForByte) {
+    sim::FullRecord record = Full(7, "CPU1 Temp");
+    record.entityId = 3;
+    record.entityInstance = 0x61;
+    record.sensorType = 1;
+    record.conversion = {0x80, 1, 0, 2, 9, 0x40, 0xF6, 0xC0, 5, 0xE1};
+    record.nominalGiven = true;
+    record.nominal = 42;
+    Add(record.Encode());
+    Run([] {
+        ASSERT_EQ(0U, KvPsInitializeIpmi());
+        const SDR expected{0x20, 0,  7,           3, 0x61, 1, 1, {0x80, 1, 0, 2, 9, 0x40, 0xF6, 0xC0, 5, 0xE1},
+                           1,    42, "CPU1 Temp", 1};
+        SDR packed;
+        ASSERT_EQ(SdrLookup::kFound, FindSdr(0x20, 0, 7, &packed));
+        EXPECT_EQ(0, memcmp(&expected, &packed, sizeof packed));
+        EXPECT_EQ(SdrLookup::kEmpty, FindSdr(0x20, 0, 8, &packed));
+        EXPECT_EQ(SdrLookup::kNoDevice, FindSdr(0x20, 1, 7, &packed));
+        EXPECT_EQ(SdrLookup::kNoNumber, FindSdr(0x20, 0, 255, &packed));
+        EXPECT_EQ(1U, SdrInstanceCnt());
+        KvPsTerminateIpmi();
+        EXPECT_EQ(SdrLookup::kNoTable, FindSdr(0x20, 0, 7, &packed));
+    });
+}
+
+TEST_F(Repository, SharedRecordsStandForARunOfSensors) {
+    using Sensors = std::vector<std::tuple<int, int, std::string>>;  // number, entity instance, name
+    auto dimms = Shared(10, "DIMM", 3, 1);
+    dimms.instancesIncrease = true;
+    auto letters = Shared(10, "Drive ", 2, 3);
+    letters.modifierAlpha = true;
+    const auto bare = WithByte(Shared(10, "Fan", 2).EncodeCompact(), 23, 2 | 2 << 4);
+    struct Case {
+        Bytes record;
+        Sensors sensors;
+    };
+    for (const Case& each : {Case{dimms.EncodeCompact(), {{10, 1, "DIMM1"}, {11, 2, "DIMM2"}, {12, 3, "DIMM3"}}},
+                             Case{letters.EncodeEventOnly(), {{10, 1, "Drive D"}, {11, 1, "Drive E"}}},
+                             Case{bare, {{10, 1, "Fan"}, {11, 1, "Fan"}}},
+                             Case{Shared(10, "Lid", 0, 9).EncodeEventOnly(), {{10, 1, "Lid9"}}},
+                             Case{Shared(253, "Edge", 15).EncodeCompact(), {{253, 1, "Edge0"}, {254, 1, "Edge1"}}},
+                             Case{Shared(255, "None", 1).EncodeCompact(), {}}}) {
+        Run([&] {
+            Add(each.record);
+            EXPECT_EQ(0U, KvPsInitializeIpmi());
+            Sensors sensors;
+            ForEachSdr([&](const SDR& sdr) {
+                sensors.emplace_back(sdr.number, sdr.entityInstance, sdr.name);
+                EXPECT_THAT(sdr.conversion, testing::Each(0xFF));
+                EXPECT_EQ(each.record[3], sdr.recordType);
+            });
+            EXPECT_EQ(each.sensors, sensors);
+        });
+    }
+}
+
+TEST_F(Repository, ARunDoesNotReachIntoTheNextOwnersSensors) {
+    Add(Shared(250, "Run", 15).EncodeCompact());
+    Add(Full(0, "Next", 0x20, 1).Encode());
+    ExpectNames({"Run0", "Run1", "Run2", "Run3", "Run4", "Next"});
+}
+
+TEST(IdStrings, AreDecodedByTheirCoding) {
+    const std::string twenty = "A sensor's long name";
+    const std::string longest(31, 'x');
+    const auto eightBit = [](const std::string& text) { return sim::IdString(text); };
+    struct Case {
+        Bytes coded;
+        uint32_t size;
+        std::string text;
+    };
+    for (const Case& each :
+         {Case{eightBit(twenty), 64, twenty}, Case{eightBit(longest), 64, longest},
+          Case{eightBit(longest), 8, "xxxxxxx"}, Case{{0xC0}, 64, ""}, Case{{0x84, 0x29, 0xDC, 0xA6}, 64, "IPMI"},
+          Case{{0x85, 0x29, 0xDC, 0xA6, 0x3F}, 64, "IPMI_"},
+          Case{{0x4A, 0x10, 0x32, 0x54, 0x76, 0x98}, 64, "0123456789"}, Case{{0x46, 0xBA, 0xDC, 0xFE}, 64, " -.:,_"},
+          Case{{0x03, 'U', 0, 0xAC, 0x20, '1', 0}, 64, "U?1"}}) {  // no euro sign in the C locale
+        char text[64];
+        memset(text, '#', sizeof text);
+        GetIdString(each.coded.data(), text, each.size);
+        EXPECT_EQ(each.text, text);
+        EXPECT_TRUE(each.size == sizeof text || text[each.size] == '#') << "nothing behind the buffer";
+    }
+}
+
+TEST_F(Repository, NamesEndWithTheirRecord) {
+    for (const auto coding : {sim::TextCoding::kBcdPlus, sim::TextCoding::kSixBit, sim::TextCoding::kEightBit}) {
+        sim::FullRecord record = Full(1, "123456");
+        record.coding = coding;
+        const Bytes coded = sim::IdString("123456", coding);
+        const uint8_t claim = coded[0] | 0x1F;
+        Run([&] {
+            Add(WithByte(record.Encode(), 47, claim));
+            EXPECT_EQ(0U, KvPsInitializeIpmi());
+            EXPECT_THAT(Names(), SizeIs(1));
+            EXPECT_EQ(0, strncmp("123456", Names()[0].second.c_str(), 6));
+            EXPECT_EQ((coded.size() - 1) * 8 /
+                          (coding == sim::TextCoding::kBcdPlus  ? 4
+                           : coding == sim::TextCoding::kSixBit ? 6
+                                                                : 8),
+                      Names()[0].second.size());
+        });
+    }
+    Bytes nameless = Full(2).Encode();
+    nameless.resize(47);
+    nameless[4] = 42;
+    Add(nameless);
+    ExpectNames({""});
+}
+
+TEST_F(Repository, DamageEndsTheWalkAndKeepsWhatWasRead) {
+    struct Case {
+        const char* damage;
+        uint32_t result;
+        std::vector<std::string> names;
+        std::function<void(sim::SdrRepository&)> inflict;
+    };
+    for (const Case& each :
+         {Case{
+              "the last leads to the first", 0, {"Sens1", "Sens2", "Sens3"}, [](auto& sdr) { sdr.LieAboutNext(3, 1); }},
+          Case{"a record leads to itself", 0, {"Sens1", "Sens2"}, [](auto& sdr) { sdr.LieAboutNext(2, 2); }},
+          Case{"a record leads to the beginning", 0, {"Sens1", "Sens2"}, [](auto& sdr) { sdr.LieAboutNext(2, 0); }},
+          Case{
+              "a record leads nowhere", 0x603BB2CB, {"Sens1", "Sens2"}, [](auto& sdr) { sdr.LieAboutNext(2, 0x1234); }},
+          Case{"a length overruns",
+               0x6038B2C9,
+               {"Sens1"},
+               [](auto& sdr) { sdr.Replace(2, WithByte(Full(2).Encode(), 4, 0xFF)); }},
+          Case{"a sensor's record is nothing but a header", 0, {"Sens1", "Sens3"}, [](auto& sdr) {
+                   sdr.Replace(2, {0, 0, 0x51, 1, 0});
+               }}}) {
+        SCOPED_TRACE(each.damage);
+        Bmc().Sdr()->Clear();
+        AddSensors(3);
+        each.inflict(*Bmc().Sdr());
+        ExpectNames(each.names, each.result);
+    }
+}
+
+TEST_F(Repository, ACircleIsWalkedOnce) {
+    AddSensors(3);
+    Run([this] {
+        ASSERT_EQ(0U, KvPsInitializeIpmi());
+        const size_t straight = Bmc().Count(kStorage, kGetSdr);
+        Bmc().ResetCounts();
+        Bmc().Sdr()->LieAboutNext(3, 1);
+        ASSERT_EQ(0U, KvPsInitializeIpmi());
+        EXPECT_EQ(straight, Bmc().Count(kStorage, kGetSdr));
+    });
+}
+
+TEST_F(Repository, AnEmptyPieceIsAFailure) {
+    AddSensors(2);
+    server.OnCommand(kStorage, kGetSdr, [](const sim::Request& request, const auto& answer) {
+        sim::Response response = answer();
+        if (request.data[4] > 16) response.data.resize(2);
+        return response;
+    });
+    ExpectNames({}, 0x6000B100);
+}
+
+TEST_F(Repository, ShortPiecesArePutTogether) {
+    AddSensors(1);
+    server.OnCommand(kStorage, kGetSdr, [](const sim::Request& request, const auto& answer) {
+        sim::Response response = answer();
+        if (request.data[4] > 0 && response.data.size() > 5) response.data.resize(5);
+        return response;
+    });
+    ExpectNames({"Sens1"});
+}
+
+TEST_F(Repository, TablesHoldOneHundredAndTwentySevenDevices) {
+    constexpr unsigned kDevices = 130;
+    for (unsigned i = 0; i < kDevices; ++i) {
+        Add(Full(5, "S", static_cast<uint8_t>(2 * (i / 4)), i % 4).Encode());
+        Add(sim::ControllerLocator(0x20, 0x04, 7, 1, "Log"));
+    }
+    Run([] {
+        EXPECT_EQ(0U, KvPsInitializeIpmi());
+        EXPECT_EQ(127U, g_dwSnsDevCnt);
+        EXPECT_EQ(127U, SdrInstanceCnt());
+        EXPECT_EQ(126, GetSensorDeviceNo(2 * 31, 2));
+        EXPECT_EQ(-1, GetSensorDeviceNo(2 * 31, 3)) << "the 128th";
+        EXPECT_EQ(127U, g_dwSelDevCnt);
+    });
+}
+
+TEST_F(Repository, KeepersOfEventLogsAreFound) {
+    Add(sim::ControllerLocator(0x52, 0x29, 10, 1, "No log"));
+    Add(sim::ControllerLocator(0x24, 0x04, 7, 1, "Log"));
+    Add(WithByte(WithByte(sim::ControllerLocator(0x26, 0x00, 7, 1, "Old"), 2, 0x01), 7, 0x04));  // IPMI 1.0
+    const auto addresses = [] {
+        std::vector<int> found;
+        for (uint32_t i = 0; i < g_dwSelDevCnt; ++i)
+            found.push_back(g_stSelDev[i].address);
+        return found;
+    };
+    Run([&] {
+        EXPECT_EQ(0x6050B105U, KvPsInitializeIpmi()) << "no sensors";
+        ASSERT_THAT(addresses(), ElementsAre(0x24, 0x26));
+        EXPECT_EQ(2, g_stSelDev[0].recordId);
+        EXPECT_EQ(0x51, g_stSelDev[0].sdrVersion);
+        EXPECT_EQ(0x12, g_stSelDev[0].bType);
+        EXPECT_EQ(1, g_stSelDev[0].reserve);
+        EXPECT_EQ(0U, g_stSelDev[0].lastTimeStamp);
+    });
+    Bmc().Refuse(kStorage, 0x40, sim::cc::kInvalidCommand, 2);
+    Run([] {
+        KvPsInitializeIpmi();
+        EXPECT_EQ(0, g_stSelDev[0].reserve);
+    });
+    SetProduct("Server Varistel Q52 M2");
+    Run([&] {
+        KvPsInitializeIpmi();
+        EXPECT_THAT(addresses(), ElementsAre(0x52, 0x24, 0x26));
+    });
+}
+
+TEST_F(Repository, ACancelledReservationStartsTheWalkAnew) {
+    Add(sim::ControllerLocator(0x20, 0x04, 7, 1, "BMC"));
+    AddSensors(3);
+    // Discovery takes 8 commands, the full read of the three sensors 12 and of the controller 2.
+    for (const unsigned at : {1U, 2U, 4U, 8U, 9U, 11U, 15U, 22U}) {
+        Run([&] {
+            server.CancelReservationAt(kStorage, kGetSdr, at);
+            EXPECT_EQ(0U, KvPsInitializeIpmi()) << at;
+            EXPECT_THAT(Names(), SizeIs(3)) << at;
+            EXPECT_EQ(1U, g_dwSelDevCnt) << at;
+            EXPECT_EQ(3U, Bmc().Count(kStorage, kReserve)) << at;
+        });
+    }
+}
+
+TEST_F(Repository, FourCancellationsEndTheReadWithWhatThereIs) {
+    AddSensors(3);
+    // What is read of the third sensor behind its first 16 bytes finds the reservation gone.
+    server.OnCommand(kStorage, kGetSdr, [](const sim::Request& request, const auto& answer) {
+        if (sim::Word(request.data, 2) == 3 && request.data[4] > 16)
+            return sim::Response{sim::cc::kReservationCancelled, {}};
+        return answer();
+    });
+    Run([this] {
+        EXPECT_EQ(0U, KvPsInitializeIpmi());
+        EXPECT_THAT(Names(), ElementsAre(std::pair(1, "Sens1"), std::pair(2, "Sens2")));
+        EXPECT_EQ(1U + 4U, Bmc().Count(kStorage, kReserve));
+    });
+}
+
+TEST_F(Repository, AFailedReservationSpendsAPass) {
+    AddSensors(1);
+    Run([this] {
+        Bmc().Refuse(kStorage, kReserve, sim::cc::kInvalidCommand, 3);
+        EXPECT_EQ(0U, KvPsInitializeIpmi());
+        EXPECT_THAT(Names(), SizeIs(1));
+    });
+    Run([this] {
+        ASSERT_EQ(0U, KvPsInitializeIpmi());
+        Bmc().Refuse(kStorage, kReserve, sim::cc::kInvalidCommand, 4);
+        EXPECT_EQ(0x6037B2C1U, GetAllSdr());
+        FailToOpen();
+        EXPECT_EQ(0x6040B104U, GetAllSdr());
+        FailToOpen();
+        EXPECT_EQ(0x6000B104U, GetDeviceInfo());
+    });
+}
+
+TEST_F(Repository, NoMoreCommandsThanNeeded) {
+    Add(sim::ControllerLocator(0x20, 0x04, 7, 1, "BMC"));  // 19 bytes
+    Add(sim::FruLocator(0x20, 0, 7, 1, "FRU"));            // 19 bytes
+    Add(Full(1, "A full sensor").Encode());                // 61 bytes
+    Add(Shared(2, "Compact", 4).EncodeCompact());          // 39 bytes
+    Add(Shared(9, "Event", 1).EncodeEventOnly());          // 22 bytes
+    Run([this] {
+        Bmc().ResetCounts();
+        EXPECT_EQ(0U, KvPsInitializeIpmi());
+        EXPECT_THAT(Names(), SizeIs(6));
+        constexpr size_t kDiscovery = 4 * 2 + 1;
+        constexpr size_t kFullRead = (1 + 1) + (1 + 1) + (1 + 4) + (1 + 3) + (1 + 2);
+        EXPECT_EQ(kDiscovery + kFullRead, Bmc().Count(kStorage, kGetSdr));
+        EXPECT_EQ(2U, Bmc().Count(kStorage, kReserve));
+        EXPECT_EQ(2U, Bmc().Count(sim::netfn::kSensorEvent, 0x2D)) << "one for each full and compact record";
+        EXPECT_EQ(2U, server.Opens("/dev/ipmi0"));
+    });
+}
+
+TEST_F(Repository, OthersAreLetInBetweenRecords) {
+    AddSensors(60);
+    Run([this] {
+        std::thread other;
+        std::atomic<size_t> servedAfter{0};
+        server.OnCommand(kStorage, kGetSdr, [&](const sim::Request&, const auto& answer) {
+            if (!other.joinable()) {
+                other = std::thread([&] {
+                    const IpmiBracket bracket;
+                    servedAfter = Bmc().Count(kStorage, kGetSdr);
+                });
+            }
+            if (servedAfter == 0) usleep(1000);  // until the other one stands in the queue
+            return answer();
+        });
+        EXPECT_EQ(0U, KvPsInitializeIpmi());
+        other.join();
+        EXPECT_LT(servedAfter, 60U) << "while the controllers are looked for";
+        EXPECT_THAT(Names(), SizeIs(60));
+    });
+}
+
+TEST_F(Repository, AProcessThatIsToldToEndStopsWalking) {
+    AddSensors(3);
+    const auto runWithSignalBlocked = [this](const std::function<void()>& body) {
+        Run([&] {
+            sigset_t signals;
+            sigemptyset(&signals);
+            sigaddset(&signals, SIGTERM);
+            sigaddset(&signals, SIGINT);
+            ASSERT_EQ(0, pthread_sigmask(SIG_BLOCK, &signals, nullptr));
+            body();
+            sigset_t pending;
+            sigpending(&pending);
+            EXPECT_EQ(1, sigismember(&pending, SIGTERM) | sigismember(&pending, SIGINT)) << "left for the host";
+        });
+    };
+    runWithSignalBlocked([this] {
+        kill(getpid(), SIGINT);
+        EXPECT_EQ(0x6000B10DU, KvPsInitializeIpmi());
+        EXPECT_EQ(0U, Bmc().Count(kStorage, kGetSdr));
+    });
+    runWithSignalBlocked([this] {
+        server.OnCommand(sim::netfn::kSensorEvent, 0x2D, [](const sim::Request&, const auto& answer) {
+            kill(getpid(), SIGTERM);
+            return answer();
+        });
+        EXPECT_EQ(0x6040B10DU, KvPsInitializeIpmi());
+        EXPECT_THAT(Names(), SizeIs(1));
+    });
+}
+
+TEST_F(Repository, TheDumpIsWrittenWhereItsFileIs) {
+    AddSensors(1);
+    auto fans = Shared(0x41, "Fan", 2, 1);
+    fans.entityId = 0x1D;
+    fans.sensorType = 4;
+    Add(fans.EncodeEventOnly());
+    Bmc().Sensors()->At(1);
+    ExpectNames({"Sens1", "Fan1", "Fan2"});
+    EXPECT_FALSE(std::filesystem::exists(root.Outside(kDump)));
+
+    root.AddFile(kDump, std::string(20000, '#'));
+    ExpectNames({"Sens1", "Fan1", "Fan2"});
+    const std::string dump = root.ReadFile(kDump);
+    EXPECT_TRUE(dump.starts_with("\nSensorNo=0x01, RecType=0x01, EntityId=0x00, Status=ENABLE, Length: 53\n+00+01"));
+    EXPECT_THAT(dump, HasSubstr("\nFullSDR(Sensor#:0x01, Type:0x00, Name:\"Sens1\")\n"));
+    EXPECT_TRUE(
+        dump.ends_with("\nSensorNo=0x41, RecType=0x03, EntityId=0x1d, Status=FRCENABLE, Length: 20\n"
+                       "+00+01+02+03+04+05+06+07+08+09+0a+0b+0c+0d+0e+0f+10+11+12+13\n"
+                       " 02 00 51 03 0f 20 00 41 1d 01 04 01 02 01 00 00 c3 46 61 6e\n"
+                       "  .  .  Q  .  .     .  A  .  .  .  .  .  .  .  .  .  F  a  n\n"
+                       "EventOnlySDR(Sensor#:0x41, Type:0x04, Name:\"Fan1\")\n"
+                       "EventOnlySDR(Sensor#:0x42, Type:0x04, Name:\"Fan2\")\n"))
+        << dump;
+    Bmc().Sensors()->At(1).flags = 0x80;
+    ExpectNames({"Sens1", "Fan1", "Fan2"});
+    EXPECT_THAT(root.ReadFile(kDump), HasSubstr("EntityId=0x00, Status=DISABLE, Length"));
+}
+
+}  // namespace

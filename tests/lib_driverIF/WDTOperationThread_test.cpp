@@ -1,0 +1,292 @@
+// The path through the kernel's IPMI device.
+
+#include "lib_driverIF/WDTOperationThread.h"
+
+#include <gmock/gmock.h>
+#include <pthread.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <stdexcept>
+#include <vector>
+
+#include "libplatform/PXR_trace.h"
+#include "simulator/SimulatedServer.h"
+#include "tests/support/InMachineRoot.h"
+#include "tests/support/TraceListener.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using namespace std::chrono_literals;
+
+class OperationThreadTest : public testing::Test {
+public:
+    OperationThreadTest() {
+        self = this;
+        ops.ioctl = [](void* context, int fd, unsigned long request, void* argument) {
+            if (request == sim::kIpmiSendCommand) {
+                int32_t id = 0;
+                memcpy(&id, static_cast<const uint8_t*>(argument) + 8, sizeof id);
+                self->messageIds.push_back(id);
+            }
+            if (self->onIoctl) self->onIoctl(request, argument);
+            return self->server.Ops()->ioctl(context, fd, request, argument);
+        };
+        ops.waitReadable = [](void* context, int fd, int timeoutMs) {
+            return self->onWait ? self->onWait() : self->server.Ops()->waitReadable(context, fd, timeoutMs);
+        };
+        KvSetDeviceOps(&ops);
+        EXPECT_EQ(0, path.LOGG_IPMIInit());
+    }
+    ~OperationThreadTest() override {
+        path.LOGG_IPMIClose();
+        EXPECT_EQ(0U, server.OpenDescriptors());
+        KvSetDeviceOps(nullptr);
+    }
+
+    /// Get Device ID.
+    int Execute(uint16_t capacity = 64, uint8_t command = 0x01) {
+        response.assign(capacity + 4U, 0xEE);
+        length = capacity;
+        const uint64_t before = clock.Now();
+        const int result = path.IPMI_ExecCommand(command, sim::netfn::kApp, 0, nullptr, &length, response.data());
+        took = (clock.Now() - before) / 1000;
+        EXPECT_EQ(Bytes(4, 0xEE), Bytes(response.end() - 4, response.end())) << "written behind the capacity";
+        return result;
+    }
+    void Delay(std::chrono::milliseconds delay) { server.GetBmc().Delay(sim::netfn::kApp, 0x01, delay); }
+
+    static OperationThreadTest* self;
+    sim::ScopedVirtualClock clock;
+    sim::SimulatedServer server{clock};
+    KvDeviceOps ops = *server.Ops();
+    CWDTOperationThread path;
+    std::function<void(unsigned long request, void* argument)> onIoctl;
+    std::function<int()> onWait;
+    std::vector<int32_t> messageIds;
+    Bytes response;
+    uint16_t length = 0;
+    uint64_t took = 0;  ///< ms
+};
+OperationThreadTest* OperationThreadTest::self = nullptr;
+
+TEST_F(OperationThreadTest, AnswersAsSoonAsTheDeviceIsReadable) {
+    EXPECT_EQ(0, Execute());
+    EXPECT_EQ(0U, took);
+    EXPECT_EQ(12U, length);
+    EXPECT_EQ(0x00, response[0]);
+    EXPECT_EQ(0x20, response[1]) << "device id";
+    Delay(37ms);
+    EXPECT_EQ(0, Execute());
+    EXPECT_EQ(37U, took);
+}
+
+TEST_F(OperationThreadTest, RequestReachesTheBmcAsGiven) {
+    Bytes data(272);
+    length = 16;
+    response.resize(16);
+    for (const uint16_t size : {uint16_t{0}, uint16_t{3}, uint16_t{270}}) {
+        data[0] = static_cast<uint8_t>(size);
+        path.IPMI_ExecCommand(0x00, sim::netfn::kOem, size, data.data(), &length, response.data());
+        const sim::Request seen = server.GetBmc().Log().back();
+        EXPECT_EQ(sim::netfn::kOem, seen.netFn);
+        EXPECT_EQ(0x00, seen.command) << "command 0 is a command";
+        EXPECT_EQ(0, seen.lun);
+        EXPECT_EQ(Bytes(data.begin(), data.begin() + size), seen.data);
+    }
+}
+
+TEST_F(OperationThreadTest, RefusesBadArguments) {
+    uint8_t bytes[300] = {};
+    uint16_t room = 16;
+    uint16_t none = 0;
+    struct Case {
+        uint16_t dataLength;
+        const uint8_t* data;
+        uint16_t* responseLength;
+        uint8_t* response;
+    };
+    for (const Case& bad :
+         {Case{0, nullptr, nullptr, bytes}, Case{0, nullptr, &room, nullptr}, Case{0, nullptr, &none, bytes},
+          Case{1, nullptr, &room, bytes}, Case{273, bytes, &room, bytes}})
+        EXPECT_EQ(-1, path.IPMI_ExecCommand(0x01, 0x06, bad.dataLength, bad.data, bad.responseLength, bad.response));
+    EXPECT_TRUE(messageIds.empty());
+    EXPECT_EQ(16, room);
+}
+
+TEST_F(OperationThreadTest, SilentDeviceTakesHalfASecond) {
+    for (const bool poll : {true, false}) {
+        server.Kernel().SetPollSupported(poll);
+        server.GetBmc().Silence(sim::netfn::kApp, 0x01);
+        EXPECT_EQ(-1, Execute()) << poll;
+        EXPECT_EQ(500U, took) << poll;
+    }
+    // Poll answers at once whatever is there.
+    onWait = [] { return 1; };
+    server.GetBmc().Silence(sim::netfn::kApp, 0x01);
+    EXPECT_EQ(-1, Execute());
+    EXPECT_EQ(500U, took);
+}
+
+TEST_F(OperationThreadTest, WithoutPollAnAnswerIsFoundAtTheNextTry) {
+    server.Kernel().SetPollSupported(false);
+    Delay(450ms);
+    EXPECT_EQ(0, Execute());
+    EXPECT_EQ(500U, took);
+}
+
+TEST_F(OperationThreadTest, LateAnswerIsNotTakenForTheNextOne) {
+    server.OnCommand(sim::netfn::kApp, 0x02, [](const auto&, const auto&) { return sim::Response{0, {0x55}}; });
+    server.GetBmc().Delay(sim::netfn::kApp, 0x02, 550ms);
+    EXPECT_EQ(-1, Execute(64, 0x02));
+    clock.Advance(100'000);
+    EXPECT_EQ(0, Execute());
+    EXPECT_EQ(12U, length);
+    EXPECT_EQ(0x20, response[1]);
+    EXPECT_EQ((std::vector<int32_t>{1, 2}), messageIds);
+}
+
+TEST_F(OperationThreadTest, ForeignMessagesAreDroppedWithinTheTry) {
+    const sim::KernelMessage event{2, 1, 0x07, 0x35, Bytes(16, 0x77), 0};
+    const sim::KernelMessage stale{1, 99, 0x07, 0x01, Bytes(100, 0x99), 0};  // longer than the room
+    for (const sim::KernelMessage& foreign : {event, stale})
+        server.Kernel().PutBeforeNextAnswer(foreign);
+    Delay(20ms);
+    EXPECT_EQ(0, Execute(14));
+    EXPECT_EQ(20U, took) << "waits for the answer again after it has dropped them";
+    EXPECT_EQ(0x20, response[1]);
+}
+
+TEST_F(OperationThreadTest, DeviceThatNeverStopsTalkingIsGivenUp) {
+    unsigned receives = 0;
+    ops.ioctl = [](void*, int, unsigned long request, void* argument) {
+        self->onIoctl(request, argument);
+        return 0;
+    };
+    onIoctl = [&](unsigned long request, void*) { receives += request == sim::kIpmiReceiveTrunc ? 1 : 0; };
+    onWait = [] { return 1; };
+    EXPECT_EQ(-1, Execute());
+    EXPECT_GE(1000U, receives);
+}
+
+TEST_F(OperationThreadTest, TruncatedAnswerCounts) {
+    EXPECT_EQ(0, Execute(3));
+    EXPECT_EQ(3U, length);
+    EXPECT_EQ(0x20, response[1]);
+}
+
+TEST_F(OperationThreadTest, EmptyAnswerIsAFailure) {
+    server.Kernel().PutBeforeNextAnswer({1, 1, 0x07, 0x01, {}, 0});
+    EXPECT_EQ(-1, Execute());
+    EXPECT_EQ(64U, length);
+}
+
+TEST_F(OperationThreadTest, ReceiveIsTriedFiveTimes) {
+    server.Kernel().FailIoctl(sim::kIpmiReceiveTrunc, EIO, 4);
+    EXPECT_EQ(0, Execute());
+    server.Kernel().FailIoctl(sim::kIpmiReceiveTrunc, EIO, 5);
+    EXPECT_EQ(-1, Execute());
+    EXPECT_EQ(0, Execute()) << "the answer that stayed behind is not taken";
+}
+
+TEST_F(OperationThreadTest, IdsGoOnWhateverHappens) {
+    server.Kernel().FailIoctl(sim::kIpmiSendCommand, EIO);
+    EXPECT_EQ(-1, Execute());
+    server.GetBmc().Silence(sim::netfn::kApp, 0x01);
+    EXPECT_EQ(-1, Execute());
+    onIoctl = [](unsigned long, void*) { throw std::runtime_error("fault"); };
+    EXPECT_EQ(-1, Execute());
+    onIoctl = {};
+    EXPECT_EQ(0, Execute());
+    EXPECT_EQ((std::vector<int32_t>{1, 2, 3, 4}), messageIds);
+}
+
+TEST_F(OperationThreadTest, CancelledThreadUnwindsThrough) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer does not see a cancelled thread leave its frames";
+#endif
+    onWait = [] {
+        pthread_cancel(pthread_self());
+        pthread_testcancel();
+        return 1;
+    };
+    pthread_t thread = {};
+    ASSERT_EQ(0, pthread_create(
+                     &thread, nullptr,
+                     [](void*) -> void* {
+                         self->Execute();
+                         return nullptr;
+                     },
+                     nullptr));
+    void* result = nullptr;
+    ASSERT_EQ(0, pthread_join(thread, &result));
+    EXPECT_EQ(PTHREAD_CANCELED, result);
+    onWait = {};
+    EXPECT_EQ(0, Execute());
+    EXPECT_EQ((std::vector<int32_t>{1, 2}), messageIds);
+}
+
+TEST_F(OperationThreadTest, OpenAndClose) {
+    EXPECT_EQ(0, path.LOGG_IPMIInit());
+    EXPECT_EQ(1U, server.Opens("/dev/ipmi0"));
+    path.LOGG_IPMIClose();
+    path.LOGG_IPMIClose();
+    EXPECT_EQ(-1, Execute()) << "closed";
+    server.FailOpen("/dev/ipmi0", EBUSY);
+    EXPECT_EQ(-1, path.LOGG_IPMIInit());
+    EXPECT_EQ(0, path.LOGG_IPMIInit());
+    EXPECT_EQ(0, Execute());
+}
+
+TEST(OperationThreadTrace, SaysWhatFailed) {
+    RunInRoot(MakeTestRoot(), [] {
+        sim::ScopedVirtualClock clock;
+        sim::SimulatedServer server(clock);
+        KvSetDeviceOps(server.Ops());
+        TraceListener daemon;
+        ASSERT_EQ(0, PXR_trace_init());
+
+        CWDTOperationThread path;
+        uint8_t response[16];
+        uint16_t length = sizeof response;
+        server.FailOpen("/dev/ipmi0", ENODEV);
+        path.LOGG_IPMIInit();
+        path.LOGG_IPMIInit();
+        path.LOGG_IPMIInit();
+        path.IPMI_ExecCommand(1, 6, 0, nullptr, &length, nullptr);
+        server.Kernel().PutBeforeNextAnswer({1, 1, 0x07, 0x01, {}, 0});
+        path.IPMI_ExecCommand(1, 6, 0, nullptr, &length, response);
+        server.Kernel().FailIoctl(sim::kIpmiReceiveTrunc, EIO, 5);
+        path.IPMI_ExecCommand(1, 6, 0, nullptr, &length, response);
+
+        std::vector<std::string> expected = {
+            "Failed to IPMI open. The return value is -1 and error number is 19.",
+            "Allready ipmi driver open.",
+            "Function input parameters are invalid.",
+            "The length of the IPMI response data is 0.",
+        };
+        const std::string failed = "Failed to IPMI command. The return value is -1 and error number is 5.";
+        for (const char* count : {"1", "2", "3", "4", "5"}) {
+            expected.push_back(failed);
+            expected.push_back(std::string("Retrying to get the response from IPMI. Retry count is ") + count + ".");
+        }
+        expected.push_back(failed);
+
+        std::vector<std::string> traced;
+        for (const PXR_trace_packet& packet : daemon.WaitFor(expected.size() + 1)) {
+            if (packet.type != 2) continue;
+            EXPECT_EQ(0x2000U, packet.body.message.mask);
+            EXPECT_EQ(5U, packet.body.message.level);
+            traced.emplace_back(packet.body.message.text, packet.body.message.length);
+        }
+        EXPECT_EQ(expected, traced);
+        PXR_trace_term();
+        path.LOGG_IPMIClose();
+        KvSetDeviceOps(nullptr);
+    });
+}
+
+}  // namespace
