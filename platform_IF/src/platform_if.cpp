@@ -1,0 +1,227 @@
+// The plug-in's entry points.
+
+#include "platform_IF/src/platform_if.h"
+
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <limits>
+#include <utility>
+
+#include "common/PXR_data_access_internal.h"
+#include "common/PXR_function_numbers.h"
+#include "common/PXR_result.h"
+#include "kvdatafactory/Alert/KvAfHooks.h"
+#include "lib_driverIF/KvPltfSvcIpmiCall.h"
+#include "lib_driverIF/KvPltfSvcSmbiosMain.h"
+#include "libplatform/PXR_catalogue.h"
+#include "libplatform/PXR_trace.h"
+#include "platform_IF/src/ipmi_if.h"
+#include "platform_IF/src/watch_config.h"
+
+char* g_pszUnknown = nullptr;
+char* g_pszNormal = nullptr;
+
+namespace {
+
+constexpr int kMaskInterface = 0x2000;
+constexpr int kLevelNotable = 1;
+constexpr int kLevelEntryExit = 5;
+constexpr int kLevelPolled = 30;
+
+constexpr const char* kAgentCatalogue = "KvAgent.cat";
+constexpr int kSetStateWords = 3;
+constexpr int kWordUnknown = 1;
+constexpr int kWordNormal = 22;
+
+constexpr uint32_t kIpmiEventInterval = 10000;  // ms; the host always polls the event log
+
+constexpr KvPluginVersion g_PltIfVersion{"libplatform", 1};
+
+constexpr std::array<uint32_t, 40> PlfIfCommands = {
+    KTX_CLS_PROVIDER,
+    KTX_CLS_KEYBOARD,
+    KTX_CLS_SYSTEM_BIOS,
+    KTX_CLS_OPERATING_SYSTEM,
+    KTX_CLS_COMPUTER_SYSTEM,
+    KTX_CLS_BODY_TEMP_SENSOR,
+    KTX_CLS_PROC_TEMP_SENSOR,
+    KTX_CLS_BODY_FAN,
+    KTX_CLS_PROC_FAN,
+    KTX_CLS_UPS_BATTERY,
+    KTX_CLS_POWER_UNIT,
+    KTX_CLS_VOLTAGE_SENSOR,
+    KTX_CLS_PROCESSOR,
+    KTX_CLS_CACHE_MEMORY,
+    KTX_CLS_PHISICAL_MEM_ARRAY,
+    KTX_CLS_PHISICAL_MEM_SOCKET,
+    KTX_CLS_PHISICAL_MEM_DEVICE,
+    KTX_CLS_SCSI_CONTROLLER,
+    KTX_CLS_SCSI_PORT,
+    KTX_CLS_SCSI_BUS,
+    KTX_CLS_SCSI_DEV,
+    KTX_CLS_SCSI_DEV_STATISTICS,
+    KTX_CLS_SCSI_DEV_ERRCOUNTS,
+    KTX_CLS_PCI_BRIDGE,
+    KTX_CLS_PCI_SLOT,
+    KTX_CLS_EISA_SLOT,
+    KTX_CLS_PCI_CARD,
+    KTX_CLS_EISA_CARD,
+    KTX_CLS_MEMORY_RES,
+    KTX_CLS_PORT_RES,
+    KTX_CLS_IRQ,
+    KTX_CLS_DMA,
+    KTX_CLS_ALERT_DATA,
+    KTX_CLS_TIME_ZONE,
+    KTX_CLS_ALERT_RECORD,
+    KTX_CLS_FILE_SYSTEM,
+    KTX_CLS_POWER_CTRL,
+    KTX_CLS_CHASSIS_INFO,
+    KTX_CLS_COD_INFO,
+    KTX_CLS_HOSTID_INFO,
+};
+
+KvAlertInterval PlatformAlertInterval[] = {
+    {kAlertIpmiEvents, 0}, {kAlertCpuLoad, 0}, {kAlertFileSystem, 0}, {kAlertMemory, 0}, {kAlertSyslog, 0}, {0, 0},
+};
+
+/// Runs an entry point between its entry and exit lines.
+template <typename Body>
+int Traced(const char* name, unsigned number, Body body) {
+    PXR_trace(kMaskInterface, kLevelEntryExit, "[IN ]%s() (%08X)", name, number);
+    const uint32_t result = body();
+    PXR_trace(kMaskInterface, kLevelEntryExit, "[OUT]%s() (%08X) =%08X", name, number, result);
+    return static_cast<int>(result);
+}
+
+void FreeWords() {
+    free(std::exchange(g_pszUnknown, nullptr));
+    free(std::exchange(g_pszNormal, nullptr));
+}
+
+// A word that the catalogue lacks stays null: its failure has been traced, and the properties that show it stay empty.
+void LoadWords() {
+    FreeWords();
+    GetCatMessageLocale(kAgentCatalogue, kSetStateWords, kWordUnknown, &g_pszUnknown);
+    GetCatMessageLocale(kAgentCatalogue, kSetStateWords, kWordNormal, &g_pszNormal);
+}
+
+/// Starts what the classes read from, lowest first. After a failure the rest stays down.
+uint32_t StartLayers() {
+    if (!ktx_smbios::InitSmbiosLib()) return PXR_ReportError(MakeResult(fn::kNone, Reason::SmbiosStart));
+    if (!ktx_ipmi::InitIpmiLib()) return PXR_ReportError(MakeResult(fn::kNone, Reason::IpmiStart));
+    return InitIpmiIf();
+}
+
+template <typename Watch>
+uint32_t IntervalOf(const Watch* watch) {
+    if (watch == nullptr || watch->enabled != 1) return 0;
+    const uint64_t milliseconds = uint64_t{watch->interval} * 1000;
+    return milliseconds > std::numeric_limits<uint32_t>::max() ? std::numeric_limits<uint32_t>::max()
+                                                               : static_cast<uint32_t>(milliseconds);
+}
+
+// The host may read the table at any time: each word changes as one.
+void SetInterval(KvAlertKind kind, uint32_t milliseconds) {
+    for (KvAlertInterval& row : PlatformAlertInterval) {
+        if (row.kind == static_cast<uint32_t>(kind)) std::atomic_ref(row.milliseconds).store(milliseconds);
+    }
+}
+
+// False, and nothing changed, when the list of file systems cannot be copied.
+bool TakeWatchConfiguration(const KvWatchConfiguration& watches) {
+    if (!SetFSAlertConfig(watches.fileSystems)) return false;
+    SetMemAlertConfig(watches.memory);
+    SetCpuAlertConfig(watches.cpu);
+    SetSyslogDogAlertConfig(watches.syslog);
+    SetInterval(kAlertIpmiEvents, kIpmiEventInterval);
+    SetInterval(kAlertCpuLoad, IntervalOf(watches.cpu));
+    SetInterval(kAlertFileSystem, IntervalOf(watches.fileSystems));
+    SetInterval(kAlertMemory, IntervalOf(watches.memory));
+    SetInterval(kAlertSyslog, IntervalOf(watches.syslog));
+    return true;
+}
+
+uint32_t HandleMessage(int message, void* param, void** out) {
+    switch (message) {
+        case kMessageWatchConfiguration:
+            if (param == nullptr) return PXR_ReportError(MakeResult(fn::kSendMessage, Reason::BadArgument));
+            if (!TakeWatchConfiguration(*static_cast<const KvWatchConfiguration*>(param))) {
+                return PXR_ReportError(MakeResult(fn::kSendMessage, Reason::OutOfMemory));
+            }
+            if (out != nullptr) *out = PlatformAlertInterval;
+            return 0;
+        case kMessageWatchdogWriter:
+            pPXR_Write_ProcessAtErrorExecWDTTime = reinterpret_cast<WatchdogWriter>(param);
+            return 0;
+        case kMessageWatchdogCleaner:
+            pPXR_Delete_ProcessAtErrorExecInfo = reinterpret_cast<WatchdogCleaner>(param);
+            return 0;
+        default:
+            return 0;
+    }
+}
+
+uint32_t ServeRequest(_KVCIM_ENUM* e, _PXR_COMMAND_PARAM* param, int mode) {
+    const int expected = e->classId == KTX_CLS_POWER_CTRL ? kModeAction : kModeQuery;
+    if (mode != expected) return PXR_ReportError(MakeResult(fn::kExecCommand, Reason::BadArgument));
+    return DispatchCommand(e, param);
+}
+
+}  // namespace
+
+int InitLib() {
+    return Traced("InitLib(libplatform)", 0, [] {
+        LoadWords();
+        const uint32_t result = StartLayers();
+        if (result == 0) PXR_trace(kMaskInterface, kLevelNotable, "libplatform initialized.\n");
+        return result;
+    });
+}
+
+int TerminateLib() {
+    return Traced("TerminateLib(libplatform)", 0, [] {
+        FreeWords();
+        TerminateIpmiIf();
+        ktx_ipmi::TerminateIpmiLib();
+        PXR_trace(kMaskInterface, kLevelNotable, "libplatform terminated.\n");
+        return 0u;
+    });
+}
+
+const KvPluginVersion* GetVersion() {
+    return &g_PltIfVersion;
+}
+
+int PXR_GetCommandList(_PXR_COMMAND_LIST** out) {
+    return Traced("PXR_GetCommandList(libplatform)", 0, [out] {
+        return static_cast<uint32_t>(
+            AllocCommandList(PlfIfCommands.data(), static_cast<int>(PlfIfCommands.size()), out));
+    });
+}
+
+int SendMessage(int message, void* param, void** out) {
+    return Traced("SendMessage(libplatform)", 0x10000, [=] { return HandleMessage(message, param, out); });
+}
+
+int PXR_ExecCommand(_KVCIM_ENUM* e, _PXR_COMMAND_PARAM* param, int mode) {
+    static constexpr const char* kName = "PXR_ExecCommand(libplatform)";
+    static constexpr unsigned kNumber = 0x20000;
+    uint32_t result = 0;
+    int level = kLevelEntryExit;
+    if (e == nullptr) {
+        result = PXR_ReportError(MakeResult(fn::kExecCommand, Reason::NullArgument));
+    } else {
+        if (e->classId == KTX_CLS_ALERT_RECORD) level = kLevelPolled;
+        PXR_trace(kMaskInterface, level, "[IN ]%s() (%08X) Class=%s", kName, kNumber, ClassName(e->classId));
+        TraceEnum(kMaskInterface, e);
+        result = ServeRequest(e, param, mode);
+    }
+    PXR_trace(kMaskInterface, level, "[OUT]%s() (%08X) =%08X", kName, kNumber, result);
+    if (e != nullptr) TraceEnum(kMaskInterface, e);
+    return static_cast<int>(result);
+}
+
+const KvAlertInterval* PXR_GetAlertIntervalLevel() {
+    return PlatformAlertInterval;
+}

@@ -1,0 +1,104 @@
+// The library as a host meets it: the file, its names, and how they bind. This program exports its own symbols
+// (-rdynamic) as a host agent does, some of them under the library's names.
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "libplatform/platform_if.h"
+
+// Names of the host's own that the library uses too.
+extern "C" KV_EXPORT const KvPluginVersion* GetVersion() {
+    static constexpr KvPluginVersion kHost{"another plug-in", 99};
+    return &kHost;
+}
+
+extern "C" KV_EXPORT int CreateEnum(uint32_t, _KVCIM_ENUM**) {
+    return -1;
+}
+
+namespace {
+
+const std::string kLibrary = KV_BUILD_DIR "/lib/libplatform.so.1.0.0";
+
+std::string OutputOf(const std::string& command) {
+    std::string output;
+    std::array<char, 4096> piece{};
+    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+    while (fgets(piece.data(), static_cast<int>(piece.size()), pipe.get()) != nullptr)
+        output += piece.data();
+    return output;
+}
+
+std::set<std::string> DeclaredNames() {
+    static const std::regex comments(R"(//[^\n]*|/\*[^*]*\*+(?:[^/*][^*]*\*+)*/)");
+    static const std::regex declaration(R"(KV_EXPORT[^;({]*?\b([A-Za-z_]\w*)\s*[(;\[])");
+    std::set<std::string> names;
+    for (const auto& header : std::filesystem::directory_iterator(KV_SOURCE_DIR "/include/libplatform")) {
+        if (header.path().filename() == "KvExport.h") continue;
+        std::ostringstream text;
+        text << std::ifstream(header.path()).rdbuf();
+        const std::string code = std::regex_replace(text.str(), comments, " ");
+        for (std::sregex_iterator match(code.begin(), code.end(), declaration), end; match != end; ++match) {
+            names.insert((*match)[1]);
+        }
+    }
+    return names;
+}
+
+TEST(Library, ExportsWhatThePublicHeadersDeclare) {
+    std::set<std::string> exported;
+    std::istringstream lines(OutputOf("nm -D --defined-only " + kLibrary));
+    for (std::string address, type, name; lines >> address >> type >> name;)
+        exported.insert(name);
+    EXPECT_EQ(DeclaredNames(), exported);
+}
+
+TEST(Library, NeedsNothingButTheSystemsLibraries) {
+    static const std::regex needed(R"(NEEDED\s+(\S+))");
+    const std::string headers = OutputOf("objdump -p " + kLibrary);
+    for (std::sregex_iterator match(headers.begin(), headers.end(), needed), end; match != end; ++match) {
+        EXPECT_TRUE(std::regex_match(
+            (*match)[1].str(), std::regex(R"(lib(stdc\+\+|gcc_s|c|m|pthread|asan|ubsan)\.so\.\d+|ld-linux\.so\.2)")))
+            << (*match)[1];
+    }
+    EXPECT_NE(std::string::npos, headers.find("SONAME               libplatform.so.1\n"));
+}
+
+TEST(Library, HasItsTwoLinks) {
+    for (const char* link : {"/lib/libplatform.so", "/lib/libplatform.so.1"}) {
+        EXPECT_EQ(std::filesystem::canonical(kLibrary), std::filesystem::canonical(KV_BUILD_DIR + std::string(link)));
+    }
+}
+
+TEST(Library, LoadsInAHostThatLacksEveryOptionalNameAndKeepsToItsOwn) {
+    void* library = dlopen(kLibrary.c_str(), RTLD_NOW | RTLD_GLOBAL);
+    ASSERT_NE(nullptr, library) << dlerror();
+    const auto version = reinterpret_cast<decltype(&GetVersion)>(dlsym(library, "GetVersion"));
+    ASSERT_NE(nullptr, version);
+    EXPECT_STREQ("libplatform", version()->name);
+    EXPECT_EQ(1u, version()->version);
+
+    // A library-internal call by a name that the host has too must reach the library's own function.
+    const auto duplicate = reinterpret_cast<decltype(&DuplicateEnum)>(dlsym(library, "DuplicateEnum"));
+    const auto release = reinterpret_cast<decltype(&FreeEnum)>(dlsym(library, "FreeEnum"));
+    _KVCIM_ENUM source{};
+    _KVCIM_ENUM* copy = nullptr;
+    ASSERT_EQ(0, duplicate(&source, &copy));
+    release(copy);
+
+    EXPECT_EQ(0, dlclose(library));
+    EXPECT_NE(nullptr, dlopen(kLibrary.c_str(), RTLD_NOW | RTLD_NOLOAD)) << "stays mapped under a stuck worker";
+}
+
+}  // namespace

@@ -1,0 +1,306 @@
+#include "libplatform/platform_if.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kvdatafactory/Alert/KvAfHooks.h"
+#include "libplatform/KvDeviceOps.h"
+#include "libplatform/KvPsDevice.h"
+#include "platform_IF/src/platform_if.h"
+#include "platform_IF/src/watch_config.h"
+#include "simulator/Scenario.h"
+#include "simulator/SimulatedServer.h"
+#include "simulator/VirtualClock.h"
+#include "tests/support/InMachineRoot.h"
+
+namespace {
+
+using Enum = std::unique_ptr<_KVCIM_ENUM, decltype(&FreeEnum)>;
+
+Enum MakeEnum(uint32_t classId) {
+    _KVCIM_ENUM* e = nullptr;
+    CreateEnum(classId, &e);
+    return {e, FreeEnum};
+}
+
+uint32_t Exec(_KVCIM_ENUM* e, int mode) {
+    return static_cast<uint32_t>(PXR_ExecCommand(e, nullptr, mode));
+}
+
+_KVCIM_CLASS* AddInstance(_KVCIM_ENUM& e) {
+    _KVCIM_CLASS* instance = nullptr;
+    CreateClass(static_cast<int>(e.classId), &instance);
+    InsertClass(&e, instance);
+    return instance;
+}
+
+std::string TextOf(_KVCIM_CLASS* instance, int code) {
+    const _KVCIM_PROP* property = SearchProperty(instance, code);
+    return property != nullptr && property->value != nullptr ? static_cast<const char*>(property->value) : "(none)";
+}
+
+template <typename Number>
+Number NumberOf(_KVCIM_CLASS* instance, int code) {
+    Number number{};
+    if (const _KVCIM_PROP* property = SearchProperty(instance, code);
+        property != nullptr && property->value != nullptr) {
+        memcpy(&number, property->value, sizeof number);
+    }
+    return number;
+}
+
+TEST(EntryPoints, TheCommandListIsInTheGivenOrder) {
+    _PXR_COMMAND_LIST* list = nullptr;
+    ASSERT_EQ(0, PXR_GetCommandList(&list));
+    std::vector<uint32_t> ids;
+    for (const _PXR_COMMAND_LIST* node = list; node != nullptr; node = node->next)
+        ids.push_back(node->classId);
+    FreeCommandList(list);
+    ASSERT_EQ(40u, ids.size());
+    for (uint32_t id = 0; id < 32; ++id)
+        EXPECT_EQ(id, ids[id]);
+    EXPECT_EQ((std::vector<uint32_t>{39, 42, 45, 49, 52, 58, 60, 59}),
+              std::vector<uint32_t>(ids.begin() + 32, ids.end()));
+}
+
+TEST(EntryPoints, ModeAndClassMustMatch) {
+    struct Case {
+        uint32_t classId;
+        int mode;
+        uint32_t result;
+    };
+    for (const auto& [classId, mode, result] : {
+             Case{KTX_CLS_POWER_CTRL, 1, 0x60024202},
+             Case{KTX_CLS_PROCESSOR, 2, 0x60024202},
+             Case{KTX_CLS_PROVIDER, 0, 0x60024202},
+             Case{KTX_CLS_PROVIDER, 3, 0x60024202},
+             Case{KTX_CLS_EISA_SLOT, 1, 0},
+             Case{KTX_CLS_MEMORY_RES, 1, 0},
+             Case{4711, 1, 0},
+             Case{4711, 2, 0x60024202},
+         }) {
+        const Enum e = MakeEnum(classId);
+        EXPECT_EQ(result, Exec(e.get(), mode)) << classId << " mode " << mode;
+        EXPECT_EQ(0u, e->classCount) << classId << " mode " << mode;
+    }
+    EXPECT_EQ(0x60024201u, Exec(nullptr, 1));
+}
+
+TEST(EntryPoints, TheProviderIsAppendedToWhatTheHostBrought) {
+    const Enum e = MakeEnum(KTX_CLS_PROVIDER);
+    AddInstance(*e);
+    ASSERT_EQ(0u, Exec(e.get(), kModeQuery));
+    ASSERT_EQ(2u, e->classCount);
+    EXPECT_EQ("(none)", TextOf(e->first, KTX_PROP_VERSION));
+    EXPECT_EQ("04-08-00", TextOf(e->last, KTX_PROP_VERSION));
+}
+
+TEST(EntryPoints, PowerControlChecksItsCommand) {
+    EXPECT_EQ(0x60234201u, ExecuteCommand(nullptr));
+    const Enum e = MakeEnum(KTX_CLS_POWER_CTRL);
+    EXPECT_EQ(0x60234201u, Exec(e.get(), kModeAction)) << "no instance";
+    _KVCIM_CLASS* command = AddInstance(*e);
+    EXPECT_EQ(0x60234201u, Exec(e.get(), kModeAction)) << "no value";
+    SetPropertyUint32(command, KTX_PROP_COMMAND_ID, 5);
+    EXPECT_EQ(0x60234202u, Exec(e.get(), kModeAction));
+    EXPECT_EQ(1u, e->classCount) << "the host's enumeration is left alone";
+
+    const Enum other = MakeEnum(KTX_CLS_PROVIDER);
+    AddInstance(*other);
+    EXPECT_EQ(0x60234201u, ExecuteCommand(other.get())) << "an instance without the property";
+}
+
+TEST(SendMessage, FillsTheIntervalTable) {
+    using Rows = std::vector<std::pair<uint32_t, uint32_t>>;
+    const auto rows = [](const void* table) {
+        Rows result;
+        for (const auto* row = static_cast<const KvAlertInterval*>(table);; ++row) {
+            result.emplace_back(row->kind, row->milliseconds);
+            if (row->kind == 0) return result;
+        }
+    };
+    PXR_memory_watch memory{};
+    PXR_strage_watch fileSystems{};
+    PXR_cpu_watch cpu{};
+    PXR_syslog_watch syslog{};
+    cpu.enabled = 1;
+    cpu.interval = 30;
+    KvWatchConfiguration watches{nullptr, nullptr, &cpu, nullptr};
+    void* table = nullptr;
+    ASSERT_EQ(0, SendMessage(kMessageWatchConfiguration, &watches, &table));
+    EXPECT_EQ(PXR_GetAlertIntervalLevel(), table);
+    EXPECT_EQ((Rows{{1, 10000}, {4, 30000}, {5, 0}, {6, 0}, {8, 0}, {0, 0}}), rows(table));
+
+    cpu.enabled = 2;  // only 1 is on
+    memory.enabled = fileSystems.enabled = syslog.enabled = 1;
+    memory.interval = 60;
+    fileSystems.interval = 4294967;  // the last one whose milliseconds fit
+    syslog.interval = 4294968;
+    watches = {&memory, &fileSystems, &cpu, &syslog};
+    ASSERT_EQ(0, SendMessage(kMessageWatchConfiguration, &watches, nullptr)) << "the output pointer may be absent";
+    const Rows expected{{1, 10000}, {4, 0}, {5, 4294967000}, {6, 60000}, {8, UINT_MAX}, {0, 0}};
+    EXPECT_EQ(expected, rows(table));
+
+    void* untouched = &cpu;
+    EXPECT_EQ(0x60014202, SendMessage(kMessageWatchConfiguration, nullptr, &untouched));
+    EXPECT_EQ(0, SendMessage(7, &watches, &untouched));
+    EXPECT_EQ(&cpu, untouched);
+    EXPECT_EQ(expected, rows(table));
+}
+
+TEST(SendMessage, KeepsItsOwnCopyOfTheWatches) {
+    auto entry = std::make_unique<PXR_fs_watch>();
+    std::string name = "/var";
+    entry->name = name.data();
+    entry->number = 90;
+    PXR_strage_watch fileSystems{};
+    fileSystems.enabled = 1;
+    fileSystems.list = entry.get();
+    PXR_memory_watch memory{1, 10, 3, 80};
+    KvWatchConfiguration watches{&memory, &fileSystems, nullptr, nullptr};
+    ClearCpuRefresh();
+    ASSERT_EQ(0, SendMessage(kMessageWatchConfiguration, &watches, nullptr));
+    entry.reset();
+    name = "gone";
+    memory = {};
+
+    const CurrentWatch<FileSystemWatch> kept = GetFSAlertConfig();
+    ASSERT_EQ(1u, kept.watch.fileSystems.size());
+    EXPECT_EQ("/var", kept.watch.fileSystems[0].name);
+    EXPECT_EQ(90u, kept.watch.fileSystems[0].number);
+    EXPECT_TRUE(kept.refresh);
+    EXPECT_EQ(80u, GetMemAlertConfig().watch.threshold);
+    EXPECT_EQ(0u, GetCpuAlertConfig().watch.enabled);
+    EXPECT_TRUE(GetCpuAlertConfig().refresh) << "switched off is news too";
+    ClearFSRefresh();
+    EXPECT_FALSE(GetFSAlertConfig().refresh);
+    EXPECT_EQ(1u, GetFSAlertConfig().watch.words.enabled);
+}
+
+TEST(SendMessage, TakesTheTwoCallbacks) {
+    const WatchdogWriter writer = [](uint32_t) {};
+    const WatchdogCleaner cleaner = [] {};
+    EXPECT_EQ(0, SendMessage(kMessageWatchdogWriter, reinterpret_cast<void*>(writer), nullptr));
+    EXPECT_EQ(0, SendMessage(kMessageWatchdogCleaner, reinterpret_cast<void*>(cleaner), nullptr));
+    EXPECT_EQ(writer, pPXR_Write_ProcessAtErrorExecWDTTime.load());
+    EXPECT_EQ(cleaner, pPXR_Delete_ProcessAtErrorExecInfo.load());
+    EXPECT_EQ(0, SendMessage(kMessageWatchdogWriter, nullptr, nullptr));
+    EXPECT_EQ(nullptr, pPXR_Write_ProcessAtErrorExecWDTTime.load());
+}
+
+TEST(SystemResources, BecomeInstancesInTheKernelsOrder) {
+    MachineRoot root = MakeTestRoot();
+    root.ReplaceProc("/proc/ioports", "0000-0cf7 : PCI Bus 0000:00\n  0020-0021 : pic1\nfffffff0-ffffffff : high\n");
+    root.ReplaceProc("/proc/interrupts", "           CPU0\n  0:  123  IO-APIC-edge  timer\nNMI:  0  Non-maskable\n");
+    root.ReplaceProc("/proc/dma", " 4: cascade\n");
+    RunInRoot(root, [] {
+        const Enum ports = MakeEnum(KTX_CLS_PORT_RES);
+        ASSERT_EQ(0u, Exec(ports.get(), kModeQuery));
+        ASSERT_EQ(3u, ports->classCount);
+        EXPECT_EQ(" PCI Bus 0000:00", TextOf(ports->first, KTX_PROP_DEVICE));
+        EXPECT_EQ(0xcf7u, NumberOf<uint64_t>(ports->first, KTX_PROP_ENDING_ADDRESS));
+        EXPECT_EQ(0xFFFFFFFFFFFFFFF0u, NumberOf<uint64_t>(ports->last, KTX_PROP_STARTING_ADDRESS))
+            << "widened with sign";
+        EXPECT_EQ(3u, NumberOf<uint32_t>(ports->last, KTX_PROP_INDEX));
+
+        const Enum irqs = MakeEnum(KTX_CLS_IRQ);
+        ASSERT_EQ(0u, Exec(irqs.get(), kModeQuery));
+        ASSERT_EQ(1u, irqs->classCount);
+        EXPECT_EQ("timer", TextOf(irqs->first, KTX_PROP_DEVICE));
+        EXPECT_EQ(5u, NumberOf<uint32_t>(irqs->first, KTX_PROP_TYPE_CODE));
+        EXPECT_EQ("IRQ", TextOf(irqs->first, KTX_PROP_TYPE_STRING));
+
+        const Enum dma = MakeEnum(KTX_CLS_DMA);
+        ASSERT_EQ(0u, Exec(dma.get(), kModeQuery));
+        ASSERT_EQ(1u, dma->classCount);
+        EXPECT_EQ(4u, NumberOf<uint32_t>(dma->first, KTX_PROP_DMA_CHANEL));
+    });
+}
+
+TEST(SystemResources, AFailureEmptiesTheEnumeration) {
+    const MachineRoot root = MakeTestRoot();
+    RunInRoot(root, [] {
+        const Enum e = MakeEnum(KTX_CLS_PORT_RES);
+        AddInstance(*e);
+        const int machine = open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
+        ASSERT_EQ(0, chroot("/tmp"));  // a place without /proc
+        EXPECT_EQ(0u, Exec(e.get(), kModeQuery)) << "the failure shows by the empty enumeration alone";
+        ASSERT_TRUE(fchdir(machine) == 0 && chroot(".") == 0);
+        close(machine);
+        EXPECT_EQ(0u, e->classCount);
+        EXPECT_EQ(nullptr, e->first);
+    });
+}
+
+constexpr const char* kRackServer = KV_SOURCE_DIR "/simulator/scenarios/rack-server.json";
+
+/// A server to start the library on; nothing waits for real.
+class Server {
+public:
+    explicit Server(const char* scenario) {
+        sim::LoadScenario(server_, scenario);
+        KvSetDeviceOps(server_.Ops());
+    }
+    ~Server() { KvSetDeviceOps(nullptr); }
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+private:
+    sim::ScopedVirtualClock clock_;
+    sim::SimulatedServer server_{clock_};
+};
+
+TEST(InitLib, LoadsTheWordsAndCanStartAgain) {
+    const MachineRoot root = MakeTestRoot();
+    root.AddSystemFile(kRackServer, "/scenario.json");
+    RunInRoot(root, [] {
+        const Server server("/scenario.json");
+        unsetenv("LANG");
+        for (int round = 0; round < 2; ++round) {
+            ASSERT_EQ(0, InitLib());
+            EXPECT_STREQ("Unknown", g_pszUnknown);
+            EXPECT_STREQ("Normal", g_pszNormal);
+            KVPS_DEVICE_ID id{};
+            EXPECT_EQ(0u, KvPsGetDeviceId(&id)) << "the BMC can be asked";
+            EXPECT_EQ(0, TerminateLib());
+            EXPECT_EQ(nullptr, g_pszUnknown);
+            EXPECT_NE(0u, KvPsGetDeviceId(&id));
+            EXPECT_EQ(0, TerminateLib());
+        }
+    });
+}
+
+TEST(InitLib, GoesOnWithoutCatalogues) {
+    const MachineRoot bare(".");
+    bare.AddSystemFile(kRackServer, "/scenario.json");
+    RunInRoot(bare, [] {
+        const Server server("/scenario.json");
+        EXPECT_EQ(0, InitLib());
+        EXPECT_EQ(nullptr, g_pszUnknown);
+        EXPECT_EQ(0, TerminateLib());
+    });
+}
+
+TEST(InitLib, TellsWhichLayerDidNotStart) {
+    const MachineRoot root = MakeTestRoot();
+    root.AddFile("/scenario.json", R"({"description": "no firmware"})");
+    RunInRoot(root, [] {
+        umount2("/sys", MNT_DETACH);  // the kernel has its own copy of the firmware's table
+        const Server nothing("/scenario.json");
+        EXPECT_EQ(0x6000B700u, static_cast<uint32_t>(InitLib()));
+        EXPECT_STREQ("Unknown", g_pszUnknown) << "what was started stays";
+        EXPECT_EQ(0, TerminateLib());
+    });
+}
+
+}  // namespace
