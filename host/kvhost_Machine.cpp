@@ -1,0 +1,147 @@
+#include "host/kvhost_Machine.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+#include "host/kvhost_Text.h"
+
+namespace kvhost {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+void Check(const Library& library, uint32_t result) {
+    if (result != 0) throw std::runtime_error(library.Describe(static_cast<int>(result)));
+}
+
+std::string Hex(uint32_t value, int digits) {
+    char text[16];
+    snprintf(text, sizeof text, "0x%0*x", digits, value);
+    return text;
+}
+
+std::string Revision(unsigned major, unsigned minor) {
+    return std::to_string(major) + '.' + std::to_string(minor);
+}
+
+/// Two binary coded decimal digits.
+unsigned FromBcd(uint8_t digits) {
+    return (digits >> 4) * 10u + (digits & 0x0Fu);
+}
+
+uint32_t LittleEndian(std::span<const uint8_t> bytes) {
+    uint32_t value = 0;
+    for (size_t i = bytes.size(); i-- > 0;)
+        value = value << 8 | bytes[i];
+    return value;
+}
+
+Json BmcFields(const KVPS_DEVICE_ID& id, const KVPS_IPMI_INTERFACE& registers) {
+    Json fields;
+    fields["device id"] = Hex(id.deviceId, 2);
+    fields["device revision"] = id.deviceRevision & 0x0F;
+    fields["firmware revision"] = Revision(id.firmwareRevision1 & 0x7Fu, FromBcd(id.firmwareRevision2));
+    fields["ipmi version"] = Revision(id.ipmiVersion & 0x0Fu, id.ipmiVersion >> 4);
+    fields["manufacturer id"] = Hex(LittleEndian(id.manufacturerId), 6);
+    fields["product id"] = Hex(LittleEndian(id.productId), 4);
+    fields["slave address"] = Hex(registers.slaveAddress, 2);
+    fields["interface"] = registers.type == kInterfaceKcs ? "KCS" : "SMIC";
+    fields["registers"] = Hex(registers.dataRegister, 4) + ' ' + Hex(registers.statusRegister, 4);
+    if (registers.segment != 0) fields["segment"] = Hex(registers.segment, 8);
+    return fields;
+}
+
+std::string PlainText(const Json& value) {
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+struct Structure {
+    unsigned type;
+    unsigned handle;
+    size_t size;
+    std::vector<std::string> strings;
+};
+
+Structure Read(const KVPS_SMBIOS_TPHEAD& record) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&record) + offsetof(KVPS_SMBIOS_TPHEAD, type);
+    const size_t size = record.dataSize - offsetof(KVPS_SMBIOS_TPHEAD, type);
+    return {record.type, record.handle, size, StringsOf({bytes, size}, record.length)};
+}
+
+std::vector<Structure> ReadStructures(const Library& library, const std::vector<unsigned>& types) {
+    unsigned long count = 0;
+    KVPS_SMBIOS_TPHEAD** records = nullptr;
+    Check(library, library.KvPsGetTypeData(KVPS_SMBIOS_ALL_TYPES, &count, &records));
+    const std::unique_ptr<KVPS_SMBIOS_TPHEAD*[]> owner(records);
+    std::vector<Structure> structures;
+    for (unsigned long i = 0; i < count; ++i) {
+        if (types.empty() || std::ranges::find(types, records[i]->type) != types.end()) {
+            structures.push_back(Read(*records[i]));
+        }
+    }
+    return structures;
+}
+
+Json ToJson(const Structure& structure) {
+    Json strings = Json::array();
+    for (const std::string& text : structure.strings)
+        strings.push_back(Printable(text));
+    return {{"type", structure.type},
+            {"handle", Hex(structure.handle, 4)},
+            {"size", structure.size},
+            {"strings", std::move(strings)}};
+}
+
+void Print(const Structure& structure, std::ostream& out) {
+    out << "type " << structure.type << ", handle " << Hex(structure.handle, 4) << ", " << structure.size << " bytes\n";
+    for (size_t i = 0; i < structure.strings.size(); ++i) {
+        out << "    " << i + 1 << ": " << Printable(structure.strings[i]) << '\n';
+    }
+}
+
+}  // namespace
+
+std::vector<std::string> StringsOf(std::span<const uint8_t> structure, size_t formatted) {
+    std::vector<std::string> strings;
+    auto rest = structure.subspan(std::min(formatted, structure.size()));
+    while (!rest.empty() && rest[0] != 0) {
+        const auto end = std::ranges::find(rest, uint8_t{0});
+        strings.emplace_back(rest.begin(), end);
+        rest = rest.subspan(std::min<size_t>(strings.back().size() + 1, rest.size()));
+    }
+    return strings;
+}
+
+void ShowBmc(const Library& library, std::ostream& out, bool json) {
+    KVPS_DEVICE_ID id{};
+    KVPS_IPMI_INTERFACE registers{};
+    Check(library, library.KvPsGetIpmiInterface(&registers));
+    Check(library, library.KvPsGetDeviceId(&id));
+    const Json fields = BmcFields(id, registers);
+    if (json) {
+        out << fields.dump(2) << '\n';
+        return;
+    }
+    for (const auto& [name, value] : fields.items()) {
+        out << name << std::string(20 - std::min<size_t>(name.size(), 19), ' ') << PlainText(value) << '\n';
+    }
+}
+
+void ShowSmbios(const Library& library, const std::vector<unsigned>& types, std::ostream& out, bool json) {
+    const std::vector<Structure> structures = ReadStructures(library, types);
+    if (!json) {
+        for (const Structure& structure : structures)
+            Print(structure, out);
+        return;
+    }
+    Json list = Json::array();
+    for (const Structure& structure : structures)
+        list.push_back(ToJson(structure));
+    out << list.dump(2) << '\n';
+}
+
+}  // namespace kvhost

@@ -1,0 +1,183 @@
+#include "host/kvhost_Sensors.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <span>
+#include <stdexcept>
+
+#include "host/kvhost_Text.h"
+
+namespace kvhost {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr uint8_t kEventOnly = 3;
+constexpr uint8_t kReadingUnavailable = 1u << 5;
+
+struct Records {
+    std::unique_ptr<SDR[], decltype(&free)> owner{nullptr, free};
+    std::span<const SDR> all;
+};
+
+Records ReadRecords(const Library& library) {
+    unsigned long count = 0;
+    SDR* records = nullptr;
+    const uint32_t rc = library.KvPsGetAllSdrData(&count, &records);
+    if (rc != 0) throw std::runtime_error(library.Describe(static_cast<int>(rc)));
+    return {{records, free}, {records, count}};
+}
+
+std::string Hex(unsigned value) {
+    char text[8];
+    snprintf(text, sizeof text, "0x%02x", value);
+    return text;
+}
+
+std::string Hex(std::span<const uint8_t> bytes) {
+    std::string text;
+    for (const uint8_t byte : bytes)
+        text += (text.empty() ? "" : " ") + Hex(byte).substr(2);
+    return text;
+}
+
+std::string NameOf(const SDR& sdr) {
+    const std::string_view name(sdr.name, strnlen(sdr.name, sizeof sdr.name));
+    return Printable(ToUtf8(name, false));
+}
+
+/// Sensors that only log events have no reading to ask for.
+std::optional<KVPS_SENSOR_DATA> Read(const Library& library, const SDR& sdr) {
+    KVPS_SENSOR_DATA data;
+    if (sdr.recordType == kEventOnly) return std::nullopt;
+    if (library.KvPsGetSensorData(sdr.owner, sdr.lun, sdr.number, &data) != 0) return std::nullopt;
+    return data;
+}
+
+Json ReadingFields(const Library& library, const SDR& sdr) {
+    Json fields{{"owner", Hex(sdr.owner)},
+                {"lun", sdr.lun},
+                {"number", sdr.number},
+                {"name", NameOf(sdr)},
+                {"type", SensorTypeName(sdr.sensorType)}};
+    const auto data = Read(library, sdr);
+    const bool available = data && (data->flags & kReadingUnavailable) == 0;
+    fields["reading"] = available ? Json(Hex(data->reading)) : Json();
+    fields["states"] = available ? Json(Hex(data->states)) : Json();
+    return fields;
+}
+
+const char* KindName(uint8_t recordType) {
+    switch (recordType) {
+        case 1:
+            return "full";
+        case 2:
+            return "compact";
+        default:
+            return "event-only";
+    }
+}
+
+Json PackedFields(const SDR& sdr) {
+    return {{"owner", Hex(sdr.owner)},
+            {"lun", sdr.lun},
+            {"number", sdr.number},
+            {"kind", KindName(sdr.recordType)},
+            {"name", NameOf(sdr)},
+            {"entity", std::to_string(sdr.entityId) + "." + std::to_string(sdr.entityInstance)},
+            {"sensor type", Hex(sdr.sensorType)},
+            {"reading type", Hex(sdr.readingType)},
+            {"conversion", Hex(sdr.conversion)},
+            {"nominal", sdr.nominalSpecified != 0 ? Json(Hex(sdr.nominal)) : Json()}};
+}
+
+std::string Cell(const Json& value) {
+    if (value.is_null()) return "-";
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+std::string AsTable(const Json& list, const Screen& screen) {
+    std::vector<Column> columns;
+    std::vector<Row> rows;
+    for (const auto& [title, value] : list.front().items())
+        columns.push_back({title, value.is_number()});
+    for (const Json& fields : list) {
+        Row row;
+        for (const Json& value : fields)
+            row.push_back(Cell(value));
+        rows.push_back(std::move(row));
+    }
+    return FormatTable(columns, rows, screen);
+}
+
+}  // namespace
+
+std::string SensorTypeName(uint8_t type) {
+    static constexpr const char* kNames[] = {nullptr,
+                                             "temperature",
+                                             "voltage",
+                                             "current",
+                                             "fan",
+                                             "physical security",
+                                             "platform security",
+                                             "processor",
+                                             "power supply",
+                                             "power unit",
+                                             "cooling device",
+                                             "other units",
+                                             "memory",
+                                             "drive slot",
+                                             "memory resize",
+                                             "firmware progress",
+                                             "event log",
+                                             "watchdog 1",
+                                             "system event",
+                                             "critical interrupt",
+                                             "button",
+                                             "module",
+                                             "microcontroller",
+                                             "add-in card",
+                                             "chassis",
+                                             "chip set",
+                                             "other FRU",
+                                             "cable",
+                                             "terminator",
+                                             "boot initiated",
+                                             "boot error",
+                                             "system boot",
+                                             "system stop",
+                                             "slot",
+                                             "ACPI power state",
+                                             "watchdog 2",
+                                             "platform alert",
+                                             "entity presence",
+                                             "monitor",
+                                             "LAN",
+                                             "management health",
+                                             "battery",
+                                             "session audit",
+                                             "version change",
+                                             "FRU state"};
+    return type > 0 && type < std::size(kNames) ? kNames[type] : Hex(type);
+}
+
+void ShowSensors(const Library& library, SensorView view, std::ostream& out, bool json, const Screen& screen) {
+    const Records records = ReadRecords(library);
+    Json list = Json::array();
+    for (const SDR& sdr : records.all)
+        list.push_back(view == SensorView::kPacked ? PackedFields(sdr) : ReadingFields(library, sdr));
+    if (json) {
+        out << list.dump(2) << '\n';
+    } else if (list.empty()) {
+        out << "no sensors\n";
+    } else {
+        out << AsTable(list, screen);
+    }
+}
+
+}  // namespace kvhost
