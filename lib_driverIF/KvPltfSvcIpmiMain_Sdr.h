@@ -7,8 +7,6 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <span>
-#include <string_view>
 
 #include "lib_driverIF/KvPltfSvcIpmiCall.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain.h"
@@ -81,19 +79,6 @@ void PackFullSdr(const uint8_t* record, FILE* dump);
 /// These may stand for a run of sensors with consecutive numbers.
 void PackCompactSdr(const uint8_t* record, FILE* dump);
 void PackEvonlySdr(const uint8_t* record, FILE* dump);
-
-// ID strings
-
-/// Decodes an ID string.
-/// @param typeLength  its type/length byte, behind it as many characters as it says
-/// @param size        of out; the text is cut to fit and always ended by NUL
-void GetIdString(const uint8_t* typeLength, char* out, uint32_t size);
-/// Decode so many packed characters. @param out  length bytes, no NUL added
-void ConvertBcdPlusToAscii(const uint8_t* packed, uint32_t length, char* out);
-void Convert6BitAsciiToAscii(const uint8_t* packed, uint32_t length, char* out);
-/// Characters of `bits` bits each, the first one lowest in each group of three bytes.
-/// @param alphabet  a character for each code of that many bits
-void ConvertString(const uint8_t* packed, uint32_t length, unsigned bits, std::string_view alphabet, char* out);
 
 // Dump of the repository, for support; made where the file is already there
 

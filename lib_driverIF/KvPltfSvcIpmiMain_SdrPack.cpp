@@ -2,35 +2,15 @@
 
 #include <algorithm>
 #include <array>
-#include <climits>
 #include <cstring>
-#include <cwchar>
 
 #include "common/ByteReader.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_IdString.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_Sdr.h"
 
 namespace ktx_ipmi {
 
 namespace {
-
-// Type/length byte of an ID string
-
-constexpr uint8_t kLengthBits = 0x1F;
-constexpr uint32_t kLongestIdString = kLengthBits;
-enum IdCoding : uint8_t { kUnicode = 0, kBcdPlus = 1, kSixBit = 2, kEightBit = 3 };
-
-constexpr unsigned BitsPerCharacter(uint8_t typeLength) {
-    switch (typeLength >> 6) {
-        case kUnicode:
-            return 16;
-        case kBcdPlus:
-            return 4;
-        case kSixBit:
-            return 6;
-        default:
-            return 8;
-    }
-}
 
 /// The ID string of a record, with its length cut to what the record really holds. It is the record's last field, so
 /// that a Unicode string whose length counts bytes instead of characters comes out right as well.
@@ -41,38 +21,17 @@ public:
         if (offset >= recordLength) return;
         ByteReader in(std::span(record + offset, recordLength - offset));
         const uint8_t typeLength = in.U8();
-        const size_t present = in.Rest().size() * 8 / BitsPerCharacter(typeLength);
-        const size_t length = std::min<size_t>(typeLength & kLengthBits, present);
-        bytes_[0] = static_cast<uint8_t>((typeLength & ~kLengthBits) | length);
+        const size_t present = in.Rest().size() * 8 / BitsPerIdCharacter(typeLength);
+        const size_t length = std::min<size_t>(typeLength & kIdLengthBits, present);
+        bytes_[0] = static_cast<uint8_t>((typeLength & ~kIdLengthBits) | length);
         in.Bytes(std::span(bytes_).subspan(1));
     }
 
     void PutInto(char (&name)[KVPS_SENSOR_NAME_SIZE]) const { GetIdString(bytes_.data(), name, sizeof name); }
 
 private:
-    std::array<uint8_t, 1 + 2 * kLongestIdString> bytes_{};  // Unicode takes two bytes a character
+    std::array<uint8_t, 1 + 2 * kIdLengthBits> bytes_{};  // Unicode takes two bytes a character
 };
-
-/// UCS-2, converted for the process's locale; what it has no character for becomes a question mark.
-void ConvertUnicode(const uint8_t* text, uint32_t length, char* out, uint32_t size) {
-    std::mbstate_t state{};
-    uint32_t used = 0;
-    for (uint32_t i = 0; i < length; ++i) {
-        const auto wide = static_cast<wchar_t>(text[2 * i] | text[2 * i + 1] << 8);
-        if (wide == L'\0') break;
-        std::array<char, MB_LEN_MAX> bytes;
-        size_t count = wcrtomb(bytes.data(), wide, &state);
-        if (count == static_cast<size_t>(-1)) {
-            state = {};
-            bytes[0] = '?';
-            count = 1;
-        }
-        if (used + count >= size) break;
-        memcpy(out + used, bytes.data(), count);
-        used += static_cast<uint32_t>(count);
-    }
-    out[used] = '\0';
-}
 
 /// What stands at the same place in all three kinds.
 SDR CommonFields(const uint8_t* record) {
@@ -164,47 +123,6 @@ void PackCompactSdr(const uint8_t* record, FILE* dump) {
 
 void PackEvonlySdr(const uint8_t* record, FILE* dump) {
     PackShared(record, kEventOnlyLayout, dump);
-}
-
-void GetIdString(const uint8_t* typeLength, char* out, uint32_t size) {
-    if (size == 0) return;
-    const uint32_t length = std::min<uint32_t>(*typeLength & kLengthBits, size - 1);
-    const uint8_t* text = typeLength + 1;
-    out[length] = '\0';
-    switch (*typeLength >> 6) {
-        case kUnicode:
-            return ConvertUnicode(text, length, out, size);
-        case kBcdPlus:
-            return ConvertBcdPlusToAscii(text, length, out);
-        case kSixBit:
-            return Convert6BitAsciiToAscii(text, length, out);
-        default:
-            memcpy(out, text, length);
-    }
-}
-
-void ConvertBcdPlusToAscii(const uint8_t* packed, uint32_t length, char* out) {
-    ConvertString(packed, length, 4, "0123456789 -.:,_", out);
-}
-
-void Convert6BitAsciiToAscii(const uint8_t* packed, uint32_t length, char* out) {
-    constexpr std::string_view kSixBitAscii = " !\"#$%&'()*+,-./0123456789:;<=>?@ABCDEFGHIJKLMNOPQRSTUVWXYZ[\\]^_";
-    static_assert(kSixBitAscii.size() == 64);
-    ConvertString(packed, length, 6, kSixBitAscii, out);
-}
-
-void ConvertString(const uint8_t* packed, uint32_t length, unsigned bits, std::string_view alphabet, char* out) {
-    constexpr size_t kGroup = 3;
-    const size_t perGroup = kGroup * 8 / bits;
-    const size_t size = (length * bits + 7) / 8;  // the last group may be cut short
-    const uint32_t mask = (1u << bits) - 1;
-    for (size_t done = 0, at = 0; done < length; at += kGroup) {
-        uint32_t group = 0;
-        for (size_t i = std::min(kGroup, size - at); i-- > 0;)
-            group = group << 8 | packed[at + i];
-        for (size_t i = 0; i < perGroup && done < length; ++i, group >>= bits)
-            out[done++] = alphabet[group & mask];
-    }
 }
 
 }  // namespace ktx_ipmi

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <new>
+#include <span>
 #include <utility>
 
 #include "lib_driverIF/KvPltfSvcIpmiMain_Sdr.h"

@@ -1,5 +1,6 @@
 // The walks over the sensor data repository, on good and on damaged repositories.
 
+#include "lib_driverIF/KvPltfSvcIpmiMain_IdString.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_Sdr.h"
 
 #include <gmock/gmock.h>
