@@ -14,6 +14,7 @@
 #include <memory>
 #include <set>
 
+#include "host/kvhost_Fru.h"
 #include "host/kvhost_Library.h"
 #include "host/kvhost_Machine.h"
 #include "host/kvhost_Sel.h"
@@ -32,23 +33,22 @@ constexpr int kSuccess = 0;
 constexpr int kFailure = 1;
 constexpr int kWrongUsage = 2;
 
+/// What to show, of which machine, and how.
+enum class View { kClasses, kClassList, kBmc, kSmbios, kSensors, kSel, kFru, kVersion };
+
 struct Options {
+    View view = View::kClasses;
     std::string library;
     std::string machine;
     std::vector<std::string> classes;
     std::vector<unsigned> smbiosTypes;
-    bool showBmc = false;
-    bool showSmbios = false;
-    bool showSensors = false;
+    uint8_t fruDevice = 0;
     bool packed = false;
-    bool showSel = false;
     bool known = false;
     bool follow = false;
-    bool showClassList = false;
     bool all = false;
     bool json = false;
     bool trace = false;
-    bool version = false;
 };
 
 void PrintError(const std::string& text) {
@@ -93,7 +93,7 @@ public:
     /// Ids that the plug-in serves, in its order.
     std::vector<uint32_t> ServedClasses() const {
         _PXR_COMMAND_LIST* head = nullptr;
-        if (const int error = library_.PXR_GetCommandList(&head)) throw std::runtime_error(library_.Describe(error));
+        library_.Check(static_cast<uint32_t>(library_.PXR_GetCommandList(&head)));
         const std::unique_ptr<_PXR_COMMAND_LIST, decltype(library_.FreeCommandList)> list(head,
                                                                                           library_.FreeCommandList);
         std::vector<uint32_t> ids;
@@ -107,11 +107,9 @@ public:
     /// @throws std::runtime_error with the code and its text
     ClassData Query(uint32_t classId) const {
         _KVCIM_ENUM* e = nullptr;
-        if (const int error = library_.CreateEnum(classId, &e)) throw std::runtime_error(library_.Describe(error));
+        library_.Check(static_cast<uint32_t>(library_.CreateEnum(classId, &e)));
         const std::unique_ptr<_KVCIM_ENUM, decltype(library_.FreeEnum)> owner(e, library_.FreeEnum);
-        if (const int error = library_.PXR_ExecCommand(e, nullptr, kModeQuery)) {
-            throw std::runtime_error(library_.Describe(error));
-        }
+        library_.Check(static_cast<uint32_t>(library_.PXR_ExecCommand(e, nullptr, kModeQuery)));
         return ReadEnum(*e, library_.IsJapanese());
     }
 
@@ -229,6 +227,11 @@ const std::string* FindWrongClass(const Options& options) {
     return nullptr;
 }
 
+void ShowVersion(const Library& library) {
+    const KvPluginVersion& version = *library.GetVersion();
+    std::cout << version.name << ' ' << version.version << '\n' << "loaded from " << library.Path().string() << '\n';
+}
+
 void ShowSel(const Library& library, const Options& options, const std::optional<StopSignals>& stop) {
     if (options.known) {
         ShowKnownEvents(library, std::cout, options.json, OutputScreen());
@@ -241,36 +244,37 @@ void ShowSel(const Library& library, const Options& options, const std::optional
 
 int Run(const Options& options) {
     const Library library(options.library.empty() ? Library::DefaultPath() : std::filesystem::path(options.library));
-    if (options.version) {
-        const KvPluginVersion& version = *library.GetVersion();
-        std::cout << version.name << ' ' << version.version << '\n'
-                  << "loaded from " << library.Path().string() << '\n';
+    if (options.view == View::kVersion) {
+        ShowVersion(library);
         return kSuccess;
     }
     std::optional<StopSignals> stop;
     if (options.follow) stop.emplace();
     const Machine machine(library, options.machine);
     const Session session(library, options.trace);
-    if (options.showBmc) {
-        ShowBmc(library, std::cout, options.json);
-        return kSuccess;
+    switch (options.view) {
+        case View::kBmc:
+            ShowBmc(library, std::cout, options.json);
+            break;
+        case View::kSmbios:
+            ShowSmbios(library, options.smbiosTypes, std::cout, options.json);
+            break;
+        case View::kSensors:
+            ShowSensors(library, options.packed ? SensorView::kPacked : SensorView::kReadings, std::cout, options.json,
+                        OutputScreen());
+            break;
+        case View::kSel:
+            ShowSel(library, options, stop);
+            break;
+        case View::kFru:
+            ShowFru(library, options.fruDevice, std::cout, options.json, OutputScreen());
+            break;
+        case View::kClassList:
+            PrintClassList(session.ServedClasses(), options);
+            break;
+        default:
+            return ShowClasses(session, session.ServedClasses(), options);
     }
-    if (options.showSmbios) {
-        ShowSmbios(library, options.smbiosTypes, std::cout, options.json);
-        return kSuccess;
-    }
-    if (options.showSensors) {
-        ShowSensors(library, options.packed ? SensorView::kPacked : SensorView::kReadings, std::cout, options.json,
-                    OutputScreen());
-        return kSuccess;
-    }
-    if (options.showSel) {
-        ShowSel(library, options, stop);
-        return kSuccess;
-    }
-    const std::vector<uint32_t> served = session.ServedClasses();
-    if (!options.showClassList) return ShowClasses(session, served, options);
-    PrintClassList(served, options);
     return kSuccess;
 }
 
@@ -282,7 +286,6 @@ std::optional<int> ParseCommandLine(int argc, char** argv, Options& options) {
     app.add_flag("--all", options.all, "Show every class that the plug-in serves");
     app.add_flag("--json", options.json, "Write JSON instead of tables");
     app.add_flag("--trace", options.trace, "Connect to the trace daemon before the plug-in starts");
-    app.add_flag("--version", options.version, "Show name and version of the plug-in");
     app.add_option("--library", options.library, "Plug-in to load instead of ../lib/libplatform.so.1")
         ->type_name("FILE")
         ->check(CLI::ExistingFile);
@@ -291,15 +294,24 @@ std::optional<int> ParseCommandLine(int argc, char** argv, Options& options) {
         ->check([](const std::string& name) {
             return name == "sim" || name.starts_with("sim:") ? "" : "a machine is called sim or sim:SCENARIO.json";
         });
-    const CLI::App* const list = app.add_subcommand("classes", "List all classes and which of them are served");
-    CLI::App* const show = app.add_subcommand("show", "Show all instances of classes");
+    bool version = false;
+    app.add_flag("--version", version, "Show name and version of the plug-in");
+    const auto view = [&](const char* name, View which, const char* description) {
+        return app.add_subcommand(name, description)->callback([&options, which] { options.view = which; });
+    };
+    view("classes", View::kClassList, "List all classes and which of them are served");
+    CLI::App* const show = view("show", View::kClasses, "Show all instances of classes");
     show->add_option("CLASS", options.classes, "KTX_CLS_IRQ, irq or 30")->type_name("");
-    const CLI::App* const bmc = app.add_subcommand("bmc", "Show the BMC's identity and the way to it");
-    CLI::App* const smbios = app.add_subcommand("smbios", "Show the SMBIOS structures with their strings");
-    smbios->add_option("TYPE", options.smbiosTypes, "Only structures of these types")->type_name("");
-    CLI::App* const sensors = app.add_subcommand("sensors", "Show the BMC's sensors with their raw readings");
-    sensors->add_flag("--packed", options.packed, "Show the sensors' records instead");
-    CLI::App* const sel = app.add_subcommand("sel", "Take the new events of the system event log, and show them");
+    view("bmc", View::kBmc, "Show the BMC's identity and the way to it");
+    view("smbios", View::kSmbios, "Show the SMBIOS structures with their strings")
+        ->add_option("TYPE", options.smbiosTypes, "Only structures of these types")
+        ->type_name("");
+    view("sensors", View::kSensors, "Show the BMC's sensors with their raw readings")
+        ->add_flag("--packed", options.packed, "Show the sensors' records instead");
+    view("fru", View::kFru, "Show the inventory of a replaceable unit")
+        ->add_option("DEVICE", options.fruDevice, "Its number; 0, the BMC's own, unless given")
+        ->type_name("");
+    CLI::App* const sel = view("sel", View::kSel, "Take the new events of the system event log, and show them");
     CLI::Option* const known =
         sel->add_flag("--all", options.known, "Show the events that were taken before instead; takes none");
     sel->add_flag("--follow", options.follow, "Go on every ten seconds until stopped")->excludes(known);
@@ -308,15 +320,8 @@ std::optional<int> ParseCommandLine(int argc, char** argv, Options& options) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? kSuccess : kWrongUsage;
     }
-    options.showClassList = list->parsed();
-    options.showBmc = bmc->parsed();
-    options.showSmbios = smbios->parsed();
-    options.showSensors = sensors->parsed();
-    options.showSel = sel->parsed();
-    if (options.version || options.showClassList || options.showBmc || options.showSmbios || options.showSensors ||
-        options.showSel) {
-        return std::nullopt;
-    }
+    if (version) options.view = View::kVersion;
+    if (options.view != View::kClasses) return std::nullopt;
     if (options.classes.empty() && !options.all) {
         std::cerr << app.help("", show->parsed() ? CLI::AppFormatMode::Sub : CLI::AppFormatMode::Normal);
         return kWrongUsage;

@@ -69,4 +69,8 @@ std::string Library::Describe(int code) const {
     return line;
 }
 
+void Library::Check(uint32_t code) const {
+    if (code != 0) throw std::runtime_error(Describe(static_cast<int>(code)));
+}
+
 }  // namespace kvhost

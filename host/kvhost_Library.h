@@ -7,6 +7,8 @@
 #include <string>
 
 #include "libplatform/KvDeviceOps.h"
+#include "libplatform/KvDfFru.h"
+#include "libplatform/KvPsBmc.h"
 #include "libplatform/KvPsDevice.h"
 #include "libplatform/KvPsSel.h"
 #include "libplatform/KvPsSensor.h"
@@ -20,29 +22,32 @@
 namespace kvhost {
 
 /// The functions that this host calls.
-#define KVHOST_FUNCTIONS(X)   \
-    X(InitLib)                \
-    X(TerminateLib)           \
-    X(GetVersion)             \
-    X(PXR_GetCommandList)     \
-    X(PXR_ExecCommand)        \
-    X(FreeCommandList)        \
-    X(CreateEnum)             \
-    X(FreeEnum)               \
-    X(GetLocale)              \
-    X(PXR_GetErrCodeString)   \
-    X(PXR_GetErrCodeMes)      \
-    X(PXR_set_command_name)   \
-    X(PXR_trace_init)         \
-    X(PXR_trace_term)         \
-    X(KvSetDeviceOps)         \
-    X(KvPsGetDeviceId)        \
-    X(KvPsGetIpmiInterface)   \
-    X(KvPsGetStructureHeader) \
-    X(KvPsGetTypeData)        \
-    X(KvPsGetAllSdrData)      \
-    X(KvPsGetSensorData)      \
-    X(KvPsGetSelAllEntries)   \
+#define KVHOST_FUNCTIONS(X)        \
+    X(InitLib)                     \
+    X(TerminateLib)                \
+    X(GetVersion)                  \
+    X(PXR_GetCommandList)          \
+    X(PXR_ExecCommand)             \
+    X(FreeCommandList)             \
+    X(CreateEnum)                  \
+    X(FreeEnum)                    \
+    X(GetLocale)                   \
+    X(PXR_GetErrCodeString)        \
+    X(PXR_GetErrCodeMes)           \
+    X(PXR_set_command_name)        \
+    X(PXR_trace_init)              \
+    X(PXR_trace_term)              \
+    X(KvSetDeviceOps)              \
+    X(KvPsGetDeviceId)             \
+    X(KvPsGetIpmiInterface)        \
+    X(KvPsGetStructureHeader)      \
+    X(KvPsGetTypeData)             \
+    X(KvPsGetAllSdrData)           \
+    X(KvPsGetSensorData)           \
+    X(KvPsGetFruInventoryAreaSize) \
+    X(KvPsReadFruInventoryData)    \
+    X(KvDf_GetFruInventoryData)    \
+    X(KvPsGetSelAllEntries)        \
     X(KvPsFreeDataArray)
 
 class Library {
@@ -61,6 +66,9 @@ public:
 
     /// A result code as people read it: the printable code and its text, "QNTR 64202-C 18C: ...".
     std::string Describe(int code) const;
+
+    /// @throws std::runtime_error with the code and its text unless the code is 0
+    void Check(uint32_t code) const;
 
     /// Whether the plug-in's texts are Japanese.
     bool IsJapanese() const { return GetLocale() == 1; }

@@ -1,10 +1,8 @@
 #include "host/kvhost_Machine.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
 
 #include "host/kvhost_Text.h"
 
@@ -13,16 +11,6 @@ namespace kvhost {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-void Check(const Library& library, uint32_t result) {
-    if (result != 0) throw std::runtime_error(library.Describe(static_cast<int>(result)));
-}
-
-std::string Hex(uint32_t value, int digits) {
-    char text[16];
-    snprintf(text, sizeof text, "0x%0*x", digits, value);
-    return text;
-}
 
 std::string Revision(unsigned major, unsigned minor) {
     return std::to_string(major) + '.' + std::to_string(minor);
@@ -75,7 +63,7 @@ Structure Read(const KVPS_SMBIOS_TPHEAD& record) {
 std::vector<Structure> ReadStructures(const Library& library, const std::vector<unsigned>& types) {
     unsigned long count = 0;
     KVPS_SMBIOS_TPHEAD** records = nullptr;
-    Check(library, library.KvPsGetTypeData(KVPS_SMBIOS_ALL_TYPES, &count, &records));
+    library.Check(library.KvPsGetTypeData(KVPS_SMBIOS_ALL_TYPES, &count, &records));
     const std::unique_ptr<KVPS_SMBIOS_TPHEAD*[]> owner(records);
     std::vector<Structure> structures;
     for (unsigned long i = 0; i < count; ++i) {
@@ -119,8 +107,8 @@ std::vector<std::string> StringsOf(std::span<const uint8_t> structure, size_t fo
 void ShowBmc(const Library& library, std::ostream& out, bool json) {
     KVPS_DEVICE_ID id{};
     KVPS_IPMI_INTERFACE registers{};
-    Check(library, library.KvPsGetIpmiInterface(&registers));
-    Check(library, library.KvPsGetDeviceId(&id));
+    library.Check(library.KvPsGetIpmiInterface(&registers));
+    library.Check(library.KvPsGetDeviceId(&id));
     const Json fields = BmcFields(id, registers);
     if (json) {
         out << fields.dump(2) << '\n';

@@ -1,6 +1,5 @@
 #include "host/kvhost_Sel.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -27,19 +26,6 @@ using Json = nlohmann::ordered_json;
 using Entries = std::vector<KVPS_SEL_ENTRY>;
 
 constexpr const char* kLogFolder = "/var/opt/velmora/lantrel/log";
-
-std::string Hex(unsigned value, int digits) {
-    char text[16];
-    snprintf(text, sizeof text, "0x%0*x", digits, value);
-    return text;
-}
-
-std::string HexBytes(std::span<const uint8_t> bytes) {
-    std::string text;
-    for (const uint8_t byte : bytes)
-        text += (text.empty() ? "" : " ") + Hex(byte, 2).substr(2);
-    return text;
-}
 
 // Record types
 constexpr uint8_t kFirstTimedOem = 0xC0;
@@ -154,8 +140,7 @@ std::string AsTable(const std::vector<Json>& events, const Screen& screen) {
 Entries TakeNewEntries(const Library& library) {
     unsigned long count = 0;
     KVPS_SEL_ENTRY* entries = nullptr;
-    const uint32_t rc = library.KvPsGetSelAllEntries(&count, &entries);
-    if (rc != 0) throw std::runtime_error(library.Describe(static_cast<int>(rc)));
+    library.Check(library.KvPsGetSelAllEntries(&count, &entries));
     const std::unique_ptr<KVPS_SEL_ENTRY[], decltype(library.KvPsFreeDataArray)> owner(entries,
                                                                                        library.KvPsFreeDataArray);
     return {entries, entries + count};

@@ -1,13 +1,11 @@
 #include "host/kvhost_Sensors.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <span>
-#include <stdexcept>
 
 #include "host/kvhost_Text.h"
 
@@ -28,22 +26,8 @@ struct Records {
 Records ReadRecords(const Library& library) {
     unsigned long count = 0;
     SDR* records = nullptr;
-    const uint32_t rc = library.KvPsGetAllSdrData(&count, &records);
-    if (rc != 0) throw std::runtime_error(library.Describe(static_cast<int>(rc)));
+    library.Check(library.KvPsGetAllSdrData(&count, &records));
     return {{records, free}, {records, count}};
-}
-
-std::string Hex(unsigned value) {
-    char text[8];
-    snprintf(text, sizeof text, "0x%02x", value);
-    return text;
-}
-
-std::string Hex(std::span<const uint8_t> bytes) {
-    std::string text;
-    for (const uint8_t byte : bytes)
-        text += (text.empty() ? "" : " ") + Hex(byte).substr(2);
-    return text;
 }
 
 std::string NameOf(const SDR& sdr) {
@@ -60,15 +44,15 @@ std::optional<KVPS_SENSOR_DATA> Read(const Library& library, const SDR& sdr) {
 }
 
 Json ReadingFields(const Library& library, const SDR& sdr) {
-    Json fields{{"owner", Hex(sdr.owner)},
+    Json fields{{"owner", Hex(sdr.owner, 2)},
                 {"lun", sdr.lun},
                 {"number", sdr.number},
                 {"name", NameOf(sdr)},
                 {"type", SensorTypeName(sdr.sensorType)}};
     const auto data = Read(library, sdr);
     const bool available = data && (data->flags & kReadingUnavailable) == 0;
-    fields["reading"] = available ? Json(Hex(data->reading)) : Json();
-    fields["states"] = available ? Json(Hex(data->states)) : Json();
+    fields["reading"] = available ? Json(Hex(data->reading, 2)) : Json();
+    fields["states"] = available ? Json(HexBytes(data->states)) : Json();
     return fields;
 }
 
@@ -84,35 +68,16 @@ const char* KindName(uint8_t recordType) {
 }
 
 Json PackedFields(const SDR& sdr) {
-    return {{"owner", Hex(sdr.owner)},
+    return {{"owner", Hex(sdr.owner, 2)},
             {"lun", sdr.lun},
             {"number", sdr.number},
             {"kind", KindName(sdr.recordType)},
             {"name", NameOf(sdr)},
             {"entity", std::to_string(sdr.entityId) + "." + std::to_string(sdr.entityInstance)},
-            {"sensor type", Hex(sdr.sensorType)},
-            {"reading type", Hex(sdr.readingType)},
-            {"conversion", Hex(sdr.conversion)},
-            {"nominal", sdr.nominalSpecified != 0 ? Json(Hex(sdr.nominal)) : Json()}};
-}
-
-std::string Cell(const Json& value) {
-    if (value.is_null()) return "-";
-    return value.is_string() ? value.get<std::string>() : value.dump();
-}
-
-std::string AsTable(const Json& list, const Screen& screen) {
-    std::vector<Column> columns;
-    std::vector<Row> rows;
-    for (const auto& [title, value] : list.front().items())
-        columns.push_back({title, value.is_number()});
-    for (const Json& fields : list) {
-        Row row;
-        for (const Json& value : fields)
-            row.push_back(Cell(value));
-        rows.push_back(std::move(row));
-    }
-    return FormatTable(columns, rows, screen);
+            {"sensor type", Hex(sdr.sensorType, 2)},
+            {"reading type", Hex(sdr.readingType, 2)},
+            {"conversion", HexBytes(sdr.conversion)},
+            {"nominal", sdr.nominalSpecified != 0 ? Json(Hex(sdr.nominal, 2)) : Json()}};
 }
 
 }  // namespace
@@ -163,7 +128,7 @@ std::string SensorTypeName(uint8_t type) {
                                              "session audit",
                                              "version change",
                                              "FRU state"};
-    return type > 0 && type < std::size(kNames) ? kNames[type] : Hex(type);
+    return type > 0 && type < std::size(kNames) ? kNames[type] : Hex(type, 2);
 }
 
 void ShowSensors(const Library& library, SensorView view, std::ostream& out, bool json, const Screen& screen) {
@@ -176,7 +141,7 @@ void ShowSensors(const Library& library, SensorView view, std::ostream& out, boo
     } else if (list.empty()) {
         out << "no sensors\n";
     } else {
-        out << AsTable(list, screen);
+        out << FormatObjects(list, screen);
     }
 }
 

@@ -151,6 +151,23 @@ std::string FormatTable(const std::vector<Column>& columns, const std::vector<Ro
     return FormatColumns(columns, rows, screen.cut ? widths : natural, screen.cut);
 }
 
+std::string FormatObjects(const nlohmann::ordered_json& objects, const Screen& screen) {
+    const auto cell = [](const nlohmann::ordered_json& value) -> std::string {
+        if (value.is_null()) return "-";
+        return value.is_string() ? value.get<std::string>() : value.dump();
+    };
+    std::vector<Column> columns;
+    for (const auto& [title, value] : objects.front().items())
+        columns.push_back({title, value.is_number()});
+    std::vector<Row> rows;
+    for (const auto& fields : objects) {
+        Row& row = rows.emplace_back();
+        for (const auto& value : fields)
+            row.push_back(cell(value));
+    }
+    return FormatTable(columns, rows, screen);
+}
+
 std::string FormatClass(const ClassData& data, const Screen& screen) {
     const size_t count = data.instances.size();
     std::string text = ReadableName(ClassCodeName(data.id)) + " (" + std::to_string(data.id) +

@@ -3,6 +3,7 @@
 /// Tables on a terminal.
 
 #include <cstddef>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,10 @@ using Row = std::vector<std::string>;
 /// one line "title: cell" per column.
 /// @return lines, each ended by a newline
 std::string FormatTable(const std::vector<Column>& columns, const std::vector<Row>& rows, const Screen& screen);
+
+/// Objects with the same fields in the same order, one a row.
+/// @param objects  at least one
+std::string FormatObjects(const nlohmann::ordered_json& objects, const Screen& screen);
 
 /// All instances of a class as a table.
 std::string FormatClass(const ClassData& data, const Screen& screen);

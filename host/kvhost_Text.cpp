@@ -3,6 +3,7 @@
 #include <iconv.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 
 namespace kvhost {
@@ -130,6 +131,19 @@ std::string Cut(std::string_view text, size_t columns) {
         kept = text.size() - rest.size();
     }
     return std::string(text.substr(0, kept)) + kEllipsis;
+}
+
+std::string Hex(unsigned value, int digits) {
+    char text[16];
+    snprintf(text, sizeof text, "0x%0*x", digits, value);
+    return text;
+}
+
+std::string HexBytes(std::span<const uint8_t> bytes) {
+    std::string text;
+    for (const uint8_t byte : bytes)
+        text += (text.empty() ? "" : " ") + Hex(byte, 2).substr(2);
+    return text;
 }
 
 }  // namespace kvhost

@@ -3,14 +3,15 @@
 /// Text for people: UTF-8, printable, measured in columns of a terminal.
 
 #include <cstddef>
+#include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
 namespace kvhost {
 
 /// Text from the plug-in as UTF-8. Japanese catalogues are in Shift-JIS; a byte that belongs to no character is shown
-/// as
-/// "?".
+/// as "?".
 /// @param japanese  the plug-in's texts are Japanese
 std::string ToUtf8(std::string_view text, bool japanese);
 
@@ -22,5 +23,11 @@ size_t Columns(std::string_view text);
 
 /// UTF-8 text cut to a number of columns, ended by an ellipsis where something was cut.
 std::string Cut(std::string_view text, size_t columns);
+
+/// A number as "0x0a".
+std::string Hex(unsigned value, int digits);
+
+/// Bytes as "0a ff".
+std::string HexBytes(std::span<const uint8_t> bytes);
 
 }  // namespace kvhost

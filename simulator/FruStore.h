@@ -37,13 +37,13 @@ struct FruImage {
         Bytes data;
     };
 
-    uint8_t chassisType = 0x17;        ///< rack mount
-    std::vector<std::string> chassis;  ///< part number, serial number, own fields
-    std::vector<std::string> board;    ///< manufacturer, name, serial, part number, file id, own fields
-    std::vector<std::string> product;  ///< manufacturer, name, part number, version, serial, asset tag, file id, ...
-    std::vector<MultiRecord> records;  ///< multi-record area, in order
-    Bytes internalUse;                 ///< behind the format version byte
-    size_t size = 0;                   ///< padded with zeros to this size
+    uint8_t chassisType = 0x17;          ///< rack mount
+    std::vector<std::string> chassis{};  ///< part number, serial number, own fields
+    std::vector<std::string> board{};    ///< manufacturer, name, serial, part number, file id, own fields
+    std::vector<std::string> product{};  ///< manufacturer, name, part number, version, serial, asset tag, file id, ...
+    std::vector<MultiRecord> records{};  ///< multi-record area, in order
+    Bytes internalUse{};                 ///< behind the format version byte
+    size_t size = 0;                     ///< padded with zeros to this size
 
     Bytes Encode() const;
 };
