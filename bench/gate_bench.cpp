@@ -16,7 +16,7 @@ void GetDeviceIdThroughTheGate(benchmark::State& state) {
     sim::SimulatedServer server;
     KvSetDeviceOps(server.Ops());
     objOprThread.LOGG_IPMIInit();
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         ktx_ipmi::DeviceId id{};
         if (ktx_ipmi::GetDeviceId(kHandle, kBmc, &id) != 0) {
             state.SkipWithError("the controller did not answer");
