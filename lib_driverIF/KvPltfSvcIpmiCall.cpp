@@ -26,7 +26,6 @@ constexpr int kAttempts = 51;
 constexpr uint32_t kPauseBetweenAttempts = 100;  // ms
 constexpr int kTransportFirmwareUpdate = -6;
 constexpr uint32_t kTransportFailure = 0x10000000;
-constexpr uint8_t kReservationCancelled = 0xC5;
 
 constexpr const char* kIpmiLog = "/var/opt/velmora/lantrel/log/@ipmi@.log";
 constexpr const char* kIpmiLogCopy = "/var/opt/velmora/lantrel/log/@ipmi@_comperr_%02X.log";
@@ -256,7 +255,7 @@ int CheckRecentCompCode() {
         case 0:
             return kCompCodeGood;
         case 0xC3:
-        case 0xC5:
+        case kReservationCancelled:
             return kCompCodeReReserve;
         case 0x81:
         case 0xC0:

@@ -24,6 +24,19 @@ inline constexpr uint32_t kCompletionCode = 0x6000B200;  ///< plus the completio
 inline constexpr uint32_t kFirmwareUpdate = 0x6000B600;
 }  // namespace reason
 
+// Completion codes that callers act upon.
+inline constexpr uint8_t kReservationCancelled = 0xC5;  ///< what was reserved has changed, or another one reserved it
+inline constexpr uint8_t kNotPresent = 0xCB;            ///< there is no record of that id
+
+/// Whether a command function's result says that the BMC answered with a nonzero completion code.
+constexpr bool IsRefusal(uint32_t result) {
+    return (result & 0xFC00FF00) == reason::kCompletionCode;
+}
+/// Whether it was this one.
+constexpr bool IsRefusedWith(uint32_t result, uint8_t completionCode) {
+    return (result & 0xFC00FFFF) == (reason::kCompletionCode | completionCode);
+}
+
 inline constexpr int kInvalidHandle = -1;
 /// Longest message in either direction.
 inline constexpr uint32_t kMaxMessage = 1028;

@@ -21,24 +21,17 @@
 #include "libplatform/PXR_trace.h"
 #include "libplatform/ipmi_ioctl.h"
 
-std::atomic<uint8_t> g_bBmcAdr{0x20};
+std::atomic<uint8_t> g_bBmcAdr{ktx_ipmi::kBmcAddress};
 
 namespace ktx_ipmi {
 
 namespace {
 
-constexpr uint8_t kBmcAddress = 0x20;
 constexpr uint8_t kIpmiDeviceInformation = 38;  // SMBIOS type
 constexpr uint8_t kSlaveAddressField = 6;
-constexpr uint8_t kLastLun = 3;
-constexpr uint8_t kNoSensor = 0xFF;
 
 std::mutex g_coDMutex;
 KVPS_COD_BLADE_INFO g_coDBladeInfo = {};  // guarded by g_coDMutex
-
-uint32_t ReportNull() {
-    return PXR_ReportError(MakeResult(fn::kNone, Reason::NullArgument));
-}
 
 uint32_t ReportTerminating() {
     PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_EVENT, "Process termination. Rejected Request.");
@@ -104,10 +97,6 @@ constexpr uint8_t kChannels = 16;
 constexpr uint8_t kMediumLan = 4;
 constexpr uint8_t kProtocolIpmb = 1;
 
-bool IsRefusal(uint32_t result) {
-    return (result & 0xFC00FF00) == reason::kCompletionCode;
-}
-
 /// The first LAN channel; -1 for none. A controller that refuses one channel may have the next one; one that does not
 /// answer at all is not asked again.
 int FindLanChannel(IpmiBracket& bracket) {
@@ -170,10 +159,11 @@ constexpr uint8_t kCompletionNotPresent = 0xCB;
 uint32_t CheckSensor(uint8_t owner, uint8_t lun, uint8_t sensor) {
     if (owner & 1) {
         PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "SoftwareID is NOT Device ID.");
-        return PXR_ReportError(MakeResult(fn::kNone, service_reason::kSoftwareId));
     }
-    if (lun > kLastLun) return PXR_ReportError(MakeResult(fn::kNone, service_reason::kBadLun));
-    if (sensor == kNoSensor || !HasSensorRecord(owner, lun, sensor)) {
+    if (const auto refusal = SensorRefusal(owner, lun, sensor)) {
+        return PXR_ReportError(MakeResult(fn::kNone, *refusal));
+    }
+    if (!HasSensorRecord(owner, lun, sensor)) {
         return PXR_ReportError(MakeResult(fn::kNone, service_reason::kNoSuchSensor));
     }
     return 0;
@@ -186,6 +176,10 @@ uint32_t SetRegisterAddress(KvIpmiAddressKind kind, uint32_t address) {
 }
 
 }  // namespace
+
+uint32_t ReportNull(std::source_location where) {
+    return PXR_ReportError(MakeResult(fn::kNone, Reason::NullArgument), where);
+}
 
 uint32_t ReportNotOpened(uint32_t code, std::source_location where) {
     PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "An attempt to open the IPMI driver failed. %d",

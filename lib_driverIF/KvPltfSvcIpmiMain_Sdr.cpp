@@ -29,11 +29,6 @@ constexpr uint8_t kSdrVersion15 = 0x51;   // IPMI 1.5 and later
 constexpr uint8_t kKeepsEventLog = 0x04;  // device capability
 constexpr uint8_t kAllCapabilities = 0xFF;
 
-bool IsCancelled(uint32_t result) {
-    constexpr uint32_t kReservationCancelled = 0x6000B2C5;
-    return (result & 0xFC00FFFF) == kReservationCancelled;
-}
-
 uint16_t RecordId(const uint8_t* record) {
     return static_cast<uint16_t>(record[sdr_byte::kRecordId] | record[sdr_byte::kRecordId + 1] << 8);
 }
@@ -86,7 +81,7 @@ uint32_t Walk(IpmiBracket& bracket, const WalkCodes& codes, Begin begin, Visit v
         if (result != 0) continue;
         begin();
         result = WalkOnce(bracket, reservation, codes, visit);
-        if (!IsCancelled(result)) return result;
+        if (!IsRefusedWith(result, kReservationCancelled)) return result;
         result = 0;
     }
     return result;

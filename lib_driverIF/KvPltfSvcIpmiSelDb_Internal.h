@@ -22,18 +22,6 @@ inline constexpr uint16_t kReasonStateOpen = 0xB301;
 inline constexpr uint16_t kReasonStateRead = 0xB302;
 inline constexpr uint16_t kReasonRedetected = 0xB501;
 
-inline constexpr uint32_t kReasonOfCode = 0xFC00FFFF;  ///< masks a result code's function number out
-constexpr bool IsRefusal(uint32_t result) {
-    return (result & 0xFC00FF00) == reason::kCompletionCode;
-}
-constexpr bool IsReservationCancelled(uint32_t result) {
-    return (result & kReasonOfCode) == (reason::kCompletionCode | 0xC5);
-}
-/// The log has no entry of the id that was asked for.
-constexpr bool IsNoSuchEntry(uint32_t result) {
-    return (result & kReasonOfCode) == (reason::kCompletionCode | 0xCB);
-}
-
 /// What no log's first entry looks like.
 inline constexpr KVPS_SEL_ENTRY kNoFirstEntry{0xFFFF, 0xFF, {0xFF, 0xFF, 0xFF, 0xFF}, {0xFF, 0xFF}, 0xFF, 0xFF,
                                               0xFF,   0xFF, {0xFF, 0xFF, 0xFF}};

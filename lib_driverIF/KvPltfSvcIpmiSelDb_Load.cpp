@@ -31,7 +31,7 @@ uint32_t ReadEntry(const DEVICE_INFO& device, uint16_t id, uint16_t* nextId, KVP
         LetOthersIn();
         const uint32_t rc = ReadSelEntry(kFunction, device.address, state.reservation, id, nextId, entry, flags);
         if (rc != 0) TraceSelFailure("KvPsLockAndGetSelEntry", rc);
-        if (!IsReservationCancelled(rc) || attempt == kAttempts) return rc;
+        if (!IsRefusedWith(rc, kReservationCancelled) || attempt == kAttempts) return rc;
         const uint16_t before = info.entries;
         if (const uint32_t failure = ReserveAndGetInfo(device, kFunction, &info)) return failure;
         if (info.entries < before) {
@@ -78,7 +78,7 @@ uint32_t GetSel(const DEVICE_INFO& device) {
         KVPS_SEL_ENTRY entry;
         const uint32_t rc = ReadEntry(device, id, &nextId, &entry, info);
         // An entry that the controller does not give hides those behind it, today and at every further attempt.
-        if (IsRefusal(rc) && !IsReservationCancelled(rc)) return 0;
+        if (IsRefusal(rc) && !IsRefusedWith(rc, kReservationCancelled)) return 0;
         if (rc != 0) return rc;
         if (state.cleared) return 0;
         if (id == 0) known = KnownEntries(device, info, entry);

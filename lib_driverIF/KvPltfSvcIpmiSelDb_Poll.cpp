@@ -135,7 +135,8 @@ uint32_t StepPastLastEntry(DEVICE_INFO& next, const KVPS_SEL_INFO& info, uint32_
     const uint16_t last = next.nextSelId;
     KVPS_SEL_ENTRY entry;
     const uint32_t rc = ReadPlain(next, last, &next.nextSelId, &entry);
-    if (IsNoSuchEntry(rc)) {  // deleted meanwhile: from the beginning, the database tells what was handed out
+    if (IsRefusedWith(rc,
+                      kNotPresent)) {  // deleted meanwhile: from the beginning, the database tells what was handed out
         next.nextSelId = 0;
         count = info.entries;
         return 0;
@@ -284,7 +285,7 @@ uint32_t PollDevices(SelTable& table) {
         for (uint32_t i = 0; i < devices; ++i) {
             if (!pending[i]) continue;
             const uint32_t rc = PollDevice(i, table);
-            pending[i] = IsReservationCancelled(rc);
+            pending[i] = IsRefusedWith(rc, kReservationCancelled);
             if (pending[i] && cancelled == 0) cancelled = rc;
         }
     }
