@@ -43,7 +43,7 @@ namespace kvhost {
     X(KvPsGetStructureHeader)      \
     X(KvPsGetTypeData)             \
     X(KvPsGetAllSdrData)           \
-    X(KvPsGetSensorData)           \
+    X(KvPsGetSensorDataList)       \
     X(KvPsGetFruInventoryAreaSize) \
     X(KvPsReadFruInventoryData)    \
     X(KvDf_GetFruInventoryData)    \

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <span>
+#include <vector>
 
 #include "host/kvhost_Text.h"
 
@@ -15,7 +16,6 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr uint8_t kEventOnly = 3;
 constexpr uint8_t kReadingUnavailable = 1u << 5;
 
 struct Records {
@@ -35,25 +35,30 @@ std::string NameOf(const SDR& sdr) {
     return Printable(ToUtf8(name, false));
 }
 
-/// Sensors that only log events have no reading to ask for.
-std::optional<KVPS_SENSOR_DATA> Read(const Library& library, const SDR& sdr) {
-    KVPS_SENSOR_DATA data;
-    if (sdr.recordType == kEventOnly) return std::nullopt;
-    if (library.KvPsGetSensorData(sdr.owner, sdr.lun, sdr.number, &data) != 0) return std::nullopt;
-    return data;
+/// What the sensors read now. Nothing for those that do not answer, and those that only log events.
+std::vector<std::optional<KVPS_SENSOR_DATA>> ReadAll(const Library& library, std::span<const SDR> records) {
+    std::vector<KVPS_SENSOR_DATA> data(records.size());
+    std::vector<uint32_t> results(records.size());
+    if (!records.empty()) {
+        library.Check(library.KvPsGetSensorDataList(records.data(), static_cast<unsigned long>(records.size()),
+                                                    data.data(), results.data()));
+    }
+    std::vector<std::optional<KVPS_SENSOR_DATA>> readings;
+    for (size_t i = 0; i < records.size(); ++i) {
+        const bool available = results[i] == 0 && (data[i].flags & kReadingUnavailable) == 0;
+        readings.push_back(available ? std::optional(data[i]) : std::nullopt);
+    }
+    return readings;
 }
 
-Json ReadingFields(const Library& library, const SDR& sdr) {
-    Json fields{{"owner", Hex(sdr.owner, 2)},
-                {"lun", sdr.lun},
-                {"number", sdr.number},
-                {"name", NameOf(sdr)},
-                {"type", SensorTypeName(sdr.sensorType)}};
-    const auto data = Read(library, sdr);
-    const bool available = data && (data->flags & kReadingUnavailable) == 0;
-    fields["reading"] = available ? Json(Hex(data->reading, 2)) : Json();
-    fields["states"] = available ? Json(HexBytes(data->states)) : Json();
-    return fields;
+Json ReadingFields(const SDR& sdr, const std::optional<KVPS_SENSOR_DATA>& data) {
+    return {{"owner", Hex(sdr.owner, 2)},
+            {"lun", sdr.lun},
+            {"number", sdr.number},
+            {"name", NameOf(sdr)},
+            {"type", SensorTypeName(sdr.sensorType)},
+            {"reading", data ? Json(Hex(data->reading, 2)) : Json()},
+            {"states", data ? Json(HexBytes(data->states)) : Json()}};
 }
 
 const char* KindName(uint8_t recordType) {
@@ -134,8 +139,14 @@ std::string SensorTypeName(uint8_t type) {
 void ShowSensors(const Library& library, SensorView view, std::ostream& out, bool json, const Screen& screen) {
     const Records records = ReadRecords(library);
     Json list = Json::array();
-    for (const SDR& sdr : records.all)
-        list.push_back(view == SensorView::kPacked ? PackedFields(sdr) : ReadingFields(library, sdr));
+    if (view == SensorView::kPacked) {
+        for (const SDR& sdr : records.all)
+            list.push_back(PackedFields(sdr));
+    } else {
+        const auto readings = ReadAll(library, records.all);
+        for (size_t i = 0; i < readings.size(); ++i)
+            list.push_back(ReadingFields(records.all[i], readings[i]));
+    }
     if (json) {
         out << list.dump(2) << '\n';
     } else if (list.empty()) {

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <shared_mutex>
 #include <source_location>
 
@@ -69,15 +70,25 @@ inline constexpr uint16_t kNoLanParameter = 0xB11C;
 inline constexpr uint16_t kNoCapacityRecord = 0xB133;
 }  // namespace service_reason
 
+inline constexpr uint8_t kBmcAddress = 0x20;  ///< slave address of every BMC that does not say otherwise
+inline constexpr uint8_t kLastLun = 3;
+inline constexpr uint8_t kNoSensor = 0xFF;  ///< a number that no sensor has
+
+/// Reports a null argument of a function without a number of its own. @return 0x60004201
+uint32_t ReportNull(std::source_location where = std::source_location::current());
+
 /// Traces and reports that the IPMI driver could not be opened. @return code
 uint32_t ReportNotOpened(uint32_t code, std::source_location where = std::source_location::current());
 
-/// Whether the process is told to end, or SIGINT or SIGTERM waits to be taken: it must not wait for hundreds of commands
-/// then. The signal is left for the host.
+/// Whether the process is told to end, or SIGINT or SIGTERM waits to be taken: it must not wait for hundreds of
+/// commands then. The signal is left for the host.
 bool ShallEnd();
 
 /// At start-up: what KvPsGetCoDBladeInfo answers from then on.
 void SetCoDBladeInfo(const DeviceId& id, bool supported);
+
+/// Why no controller can have a sensor of this owner, LUN and number: a service_reason. Nothing when one can.
+std::optional<uint16_t> SensorRefusal(uint8_t owner, uint8_t lun, uint8_t sensor);
 
 /// What the sensor table says about a sensor.
 enum class SdrLookup {

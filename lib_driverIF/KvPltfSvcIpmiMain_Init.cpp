@@ -18,8 +18,9 @@ using namespace ktx_ipmi;
 constexpr uint32_t kDriverNotOpened = MakeResult(fn::kInitializeIpmi, service_reason::kNotOpened);
 
 void LearnBmcAddress() {
-    uint8_t address = 0;
-    if (KvPsGetBmcAdr(&address) == 0) g_bBmcAdr = address;
+    uint8_t address = kBmcAddress;
+    KvPsGetBmcAdr(&address);  // leaves it where the firmware does not tell
+    g_bBmcAdr = address;
 }
 
 void LearnBmcCapability() {

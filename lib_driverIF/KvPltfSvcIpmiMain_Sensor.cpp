@@ -20,18 +20,11 @@ namespace {
 
 using namespace ktx_ipmi;
 
-constexpr uint8_t kLastLun = 3;
-constexpr uint8_t kNoSensor = 0xFF;
-
 struct Free {
     void operator()(void* memory) const { free(memory); }
 };
 template <typename Item>
 using MallocArray = std::unique_ptr<Item[], Free>;
-
-uint32_t ReportNull() {
-    return PXR_ReportError(MakeResult(fn::kNone, Reason::NullArgument));
-}
 
 uint32_t ReportNoTable() {
     PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR,
@@ -125,14 +118,14 @@ bool CopyAll(MallocArray<SDR>& copies, unsigned long& count) {
 
 constexpr size_t kFactors = 4;  // their place in the conversion bytes
 
-std::optional<uint16_t> FactorsRefusal(uint8_t owner, uint8_t lun, uint8_t sensor) {
+}  // namespace
+
+std::optional<uint16_t> ktx_ipmi::SensorRefusal(uint8_t owner, uint8_t lun, uint8_t sensor) {
     if (owner & 1) return service_reason::kSoftwareId;
     if (lun > kLastLun) return service_reason::kBadLun;
     if (sensor == kNoSensor) return service_reason::kNoSuchSensor;
     return std::nullopt;
 }
-
-}  // namespace
 
 uint32_t KvPsGetAllSdrData(unsigned long* count, SDR** records) {
     if (count == nullptr || records == nullptr) return ReportNull();
@@ -195,10 +188,26 @@ uint32_t KvPsGetSensorData(uint8_t owner, uint8_t lun, uint8_t sensor, KVPS_SENS
     return 0;
 }
 
+uint32_t KvPsGetSensorDataList(const SDR* records, unsigned long count, KVPS_SENSOR_DATA* data, uint32_t* results) {
+    if (records == nullptr || data == nullptr || results == nullptr) return ReportNull();
+    if (count == 0) return 0;
+    constexpr uint32_t kNotOpened = MakeResult(fn::kGetSensorData, service_reason::kNotOpened);
+    std::fill_n(data, count, KVPS_SENSOR_DATA{});
+    std::fill_n(results, count, kNotOpened);
+    IpmiBracket bracket;
+    for (unsigned long i = 0; i < count; ++i) {
+        if (!bracket || (i > 0 && !bracket.LetOthersIn())) return ReportNotOpened(kNotOpened);
+        const SDR& sdr = records[i];
+        results[i] = sdr.recordType == kEventOnlySensor ? reason::kBadArguments
+                                                        : KvPsGetSensorData(sdr.owner, sdr.lun, sdr.number, &data[i]);
+    }
+    return 0;
+}
+
 uint32_t KvPsGetSensorConvert(uint8_t owner, uint8_t lun, uint8_t sensor, uint8_t reading, uint8_t* conversion) {
     const auto report = [](auto reason) { return PXR_ReportError(MakeResult(fn::kGetSensorConvert, reason)); };
     if (conversion == nullptr) return report(Reason::NullArgument);
-    if (const auto refusal = FactorsRefusal(owner, lun, sensor)) return report(*refusal);
+    if (const auto refusal = SensorRefusal(owner, lun, sensor)) return report(*refusal);
     const IpmiBracket bracket;
     if (!bracket) return ReportNotOpened(MakeResult(fn::kGetSensorConvert, service_reason::kNotOpened));
     SensorReadingFactors answer{};

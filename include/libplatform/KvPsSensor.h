@@ -6,10 +6,11 @@
 ///     unsigned long count = 0;
 ///     SDR* records = NULL;
 ///     if (KvPsGetAllSdrData(&count, &records) != 0) return;
+///     KVPS_SENSOR_DATA data[count];
+///     uint32_t results[count];
+///     KvPsGetSensorDataList(records, count, data, results);
 ///     for (unsigned long i = 0; i < count; ++i) {
-///         KVPS_SENSOR_DATA data;
-///         if (KvPsGetSensorData(records[i].owner, records[i].lun, records[i].number, &data) == 0)
-///             printf("%s: %u\n", records[i].name, data.reading);
+///         if (results[i] == 0) printf("%s: %u\n", records[i].name, data[i].reading);
 ///     }
 ///     free(records);
 /// @endcode
@@ -95,6 +96,16 @@ KV_EXPORT uint32_t KvPsGetSdrData(uint8_t entityId, uint8_t sensorType, unsigned
 /// @return 0; 0x60004201 null; 0x6054B104 the driver could not be opened; 0x6049B106 no such sensor owner, LUN above 3,
 ///         or sensor number 255
 KV_EXPORT uint32_t KvPsGetSensorData(uint8_t owner, uint8_t lun, uint8_t sensor, KVPS_SENSOR_DATA* out);
+
+/// Reads many sensors under one opening of the device, which is what most of a reading costs; others who want the BMC
+/// get their turn in between. One that fails does not keep back the others.
+/// @param records  count records, as KvPsGetAllSdrData gives them
+/// @param data     count readings, the caller's
+/// @param results  count codes as KvPsGetSensorData gives them; 0x6000B100 for event-only sensors, which have no reading
+/// @return 0; 0x60004201 null; 0x6054B104 the driver could not be opened, from the start or again on the way; the
+///         sensors not reached have the same code
+KV_EXPORT uint32_t KvPsGetSensorDataList(const SDR* records, unsigned long count, KVPS_SENSOR_DATA* data,
+                                         uint32_t* results);
 
 /// Asks for the factors of a reading, for sensors whose conversion is not the same over their range.
 /// @param conversion  KVPS_SENSOR_CONVERSION_SIZE bytes, of which the last six are replaced

@@ -98,6 +98,38 @@ TEST_F(Sensors, AReadingThatFailsHasItsCode) {
     });
 }
 
+TEST_F(Sensors, AListOfSensorsTakesOneOpeningAndOneCommandEach) {
+    for (const uint8_t number : {uint8_t{1}, uint8_t{2}, uint8_t{3}})
+        Add(number, "CPU Temp");
+    RunStarted([this] {
+        unsigned long count = 0;
+        SDR* records = nullptr;
+        ASSERT_EQ(0U, KvPsGetAllSdrData(&count, &records));
+        const std::unique_ptr<SDR, decltype(&free)> owner(records, free);
+        ASSERT_EQ(3U, count);
+        records[1].number = 200;  // unknown to the BMC
+        std::array<KVPS_SENSOR_DATA, 3> data;
+        std::array<uint32_t, 3> results;
+        const unsigned opensBefore = server.Opens("/dev/ipmi0");
+        Bmc().ResetCounts();
+        EXPECT_EQ(0U, KvPsGetSensorDataList(records, count, data.data(), results.data()));
+        EXPECT_EQ(opensBefore + 1, server.Opens("/dev/ipmi0"));
+        EXPECT_EQ(3U, Bmc().Count());
+        EXPECT_THAT(results, ElementsAre(0U, 0x6039B2CBU, 0U));
+        EXPECT_EQ(1, data[0].reading);
+        EXPECT_EQ(3, data[2].reading);
+
+        records[0].recordType = 3;  // event-only: it is not asked
+        EXPECT_EQ(0U, KvPsGetSensorDataList(records, 1, data.data(), results.data()));
+        EXPECT_EQ(0x6000B100U, results[0]);
+        EXPECT_EQ(3U, Bmc().Count());
+        EXPECT_EQ(0x60004201U, KvPsGetSensorDataList(records, 1, data.data(), nullptr));
+        FailToOpen();
+        EXPECT_EQ(0x6054B104U, KvPsGetSensorDataList(records, count, data.data(), results.data()));
+        EXPECT_THAT(results, testing::Each(0x6054B104U));
+    });
+}
+
 TEST_F(Sensors, SingleFields) {
     Add(254, "The last one");
     RunStarted([] {
