@@ -1,15 +1,11 @@
 // "kvhost fru": what it makes of FRU images, sound ones and others.
 
-#include <gmock/gmock.h>
-#include <unistd.h>
-
-#include <nlohmann/json.hpp>
 #include <numeric>
 #include <string>
 
 #include "host/kvhost_FruImage.h"
 #include "simulator/FruStore.h"
-#include "tests/support/InMachineRoot.h"
+#include "tests/support/KvhostProgram.h"
 
 namespace {
 
@@ -140,38 +136,26 @@ TEST(FruImage, NoByteMakesTheDecoderLeaveTheImage) {
     }
 }
 
-class KvhostFru : public testing::Test {
+class KvhostFru : public KvhostProgram {
 protected:
-    std::string Run(const std::string& arguments, int status) {
-        const int ended = root_.Run([&] {
-            const std::string command =
-                "/opt/velmora/lantrel/bin/kvhost --machine sim:/scenario.json " + arguments + " >/output 2>&1";
-            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-            return 127;
-        });
-        EXPECT_EQ(status, ended);
-        return root_.ReadFile("/output");
-    }
-    void SetUp() override {
-        root_.AddSystemFile(KV_SOURCE_DIR "/simulator/scenarios/rack-server.json", "/scenario.json");
-    }
-
-    MachineRoot root_ = MakeTestRoot();
+    void SetUp() override { UseRackServer(); }
 };
 
 TEST_F(KvhostFru, ShowsTheUnitsOfAServer) {
-    const json areas = json::parse(Run("fru --json", 0));
+    const json areas = Json("fru");
     ASSERT_EQ(5u, areas.size());
     EXPECT_EQ("product", areas[2]["area"]);
     EXPECT_EQ((json{{"field", "product name"}, {"value", "Varistel R240"}}), areas[2]["fields"][1]);
     EXPECT_EQ("first own record", areas[4]["area"]);
     EXPECT_THAT(areas[4]["fields"], testing::Contains(json{{"field", "field 14"}, {"value", "02 00 5e 10 00 01"}}));
-    EXPECT_THAT(Run("fru 1", 0), HasSubstr("product name   PS800 Platinum"));
+    EXPECT_THAT(Output("fru 1"), HasSubstr("product name   PS800 Platinum"));
 }
 
 TEST_F(KvhostFru, AUnitThatIsNotThereIsAnError) {
-    EXPECT_THAT(Run("fru 9", 1), StartsWith("kvhost: QNTR 6B2CB-C 3F6"));
-    EXPECT_THAT(Run("fru x", 2), HasSubstr("DEVICE"));
+    const Outcome absent = Run("fru 9");
+    EXPECT_EQ(1, absent.status);
+    EXPECT_THAT(absent.output, StartsWith("kvhost: QNTR 6B2CB-C 3F6"));
+    EXPECT_EQ(2, Run("fru x").status);
 }
 
 }  // namespace

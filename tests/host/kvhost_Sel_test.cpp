@@ -1,47 +1,28 @@
 // "kvhost sel" on a simulated server.
 
-#include <gmock/gmock.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdlib>
-#include <nlohmann/json.hpp>
 #include <string>
 
-#include "tests/support/InMachineRoot.h"
+#include "tests/support/KvhostProgram.h"
 
 namespace {
 
 using nlohmann::json;
 using testing::HasSubstr;
 
-class KvhostSel : public testing::Test {
+class KvhostSel : public KvhostProgram {
 protected:
-    /// Runs a shell command in which $KVHOST is the program on the machine. @return what is in the file /output then
-    std::string Shell(const std::string& command, int status = 0) const {
-        const int ended = root_.Run([&] {
-            setenv("TZ", "UTC", 1);
-            setenv("KVHOST", "/opt/velmora/lantrel/bin/kvhost --machine sim:/machine.json", 1);
-            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-            return 127;
-        });
-        EXPECT_EQ(status, ended) << command;
-        return root_.ReadFile("/output");
-    }
-    std::string Run(const std::string& arguments, int status = 0) const {
-        return Shell("$KVHOST " + arguments + " >/output 2>&1", status);
-    }
     /// A machine with this log.
     void SetLog(const std::string& entries) {
-        root_.AddFile("/machine.json", R"({"smbios": {"bios": {"vendor": "Velmora"}}, "bmc": {
+        UseMachine(R"({"smbios": {"bios": {"vendor": "Velmora"}}, "bmc": {
             "sdr": [{"kind": "controllerLocator", "address": "0x20", "capabilities": "0x04", "name": "BMC"},
                     {"kind": "full", "number": "0x22", "name": "FAN3", "sensorType": "fan"}],
-            "sel": {"entries": [)" + entries +
-                                           "]}}}");
+            "sel": {"entries": [)" +
+                   entries + "]}}}");
     }
     void SetUp() override {
         SetLog(kOld);
-        EXPECT_EQ("no new events\n", Run("sel"));
+        EXPECT_EQ("no new events\n", Output("sel"));
     }
 
     static constexpr const char* kOld = R"(
@@ -50,8 +31,6 @@ protected:
         {"time": 1700000100, "sensorType": "0x04", "sensor": "0x22", "eventType": "0x01", "data": "52 08 0C"},
         {"time": 1000, "sensorType": "0x08", "sensor": "0x49", "eventType": "0x6F", "deasserted": true,
          "data": "03 FF FF"})";
-
-    MachineRoot root_ = MakeTestRoot();
 };
 
 TEST_F(KvhostSel, ShowsWhatIsNewOnce) {
@@ -61,10 +40,10 @@ TEST_F(KvhostSel, ShowsWhatIsNewOnce) {
         "------  -------------------  ------  ------------  -------------------------\n"
         "0x0002  2023-11-14 22:15:00  FAN3    fan           lower critical, going low\n"
         "0x0003  start + 1000 s       0x49    power supply  state 3 (deasserted)\n",
-        Run("sel"));
-    EXPECT_EQ("no new events\n", Run("sel"));
-    EXPECT_THAT(Run("sel --all"), HasSubstr("\n51_0001  0x0003  start + 1000 s "));
-    const json known = json::parse(Run("sel --all --json"));
+        Output("sel"));
+    EXPECT_EQ("no new events\n", Output("sel"));
+    EXPECT_THAT(Output("sel --all"), HasSubstr("\n51_0001  0x0003  start + 1000 s "));
+    const json known = Json("sel --all");
     ASSERT_EQ(3U, known.size());
     const json fan = {{"device", "51_0001"},
                       {"record", "0x0002"},
@@ -83,14 +62,15 @@ TEST_F(KvhostSel, ShowsWhatIsNewOnce) {
 TEST_F(KvhostSel, FollowsUntilItIsStopped) {
     SetLog(std::string(kOld) + kNew);
     const std::string lines = Shell(
-        ": >/output\n"
-        "$KVHOST sel --follow --json >/output 2>&1 &\n"
-        "while [ ! -s /output ]; do sleep 0.02; done\n"
-        "kill -TERM $!\n"
-        "wait $!\n");
+                                  ": >/output\n"
+                                  "$KVHOST --machine sim:/machine.json sel --follow --json >/output 2>&1 &\n"
+                                  "while [ ! -s /output ]; do sleep 0.02; done\n"
+                                  "kill -TERM $!\n"
+                                  "wait $!\n")
+                                  .output;
     EXPECT_EQ(2, std::count(lines.begin(), lines.end(), '\n'));
     EXPECT_EQ("0x0002", json::parse(lines.substr(0, lines.find('\n')))["record"]);
-    EXPECT_THAT(Run("sel --follow --all", 2), HasSubstr("excludes"));
+    EXPECT_EQ(2, Run("sel --follow --all").status);
 }
 
 }  // namespace

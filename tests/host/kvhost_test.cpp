@@ -2,7 +2,6 @@
 /// kvhost: how it names, shows and lays out what a plug-in answers, and the program itself in a machine root.
 
 #include <gmock/gmock.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -12,7 +11,7 @@
 #include "host/kvhost_Table.h"
 #include "host/kvhost_Text.h"
 #include "host/kvhost_Values.h"
-#include "tests/support/InMachineRoot.h"
+#include "tests/support/KvhostProgram.h"
 
 namespace {
 
@@ -154,31 +153,14 @@ TEST(KvhostTable, FitsATerminalAndIsWholeElsewhere) {
 }
 
 /// The program as it is installed, on a machine with one DMA channel.
-class Kvhost : public testing::Test {
+class Kvhost : public KvhostProgram {
 protected:
-    struct Outcome {
-        int status;
-        std::string output;  ///< both streams
-    };
-
-    Outcome Run(const std::string& arguments) const { return RunOn("--machine sim:/scenario.json", arguments); }
-    Outcome RunOn(const std::string& machine, const std::string& arguments) const {
-        const int status = root_.Run([&] {
-            const std::string command =
-                "/opt/velmora/lantrel/bin/kvhost " + machine + " " + arguments + " >/output 2>&1";
-            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-            return 127;
-        });
-        return {status, root_.ReadFile("/output")};
-    }
     void SetUp() override {
         root_.ReplaceProc("/proc/dma", " 4: cascade\n");
-        root_.AddSystemFile(KV_SOURCE_DIR "/simulator/scenarios/rack-server.json", "/scenario.json");
+        UseRackServer();
         unsetenv("LANG");
     }
     void TearDown() override { unsetenv("LANG"); }
-
-    MachineRoot root_ = MakeTestRoot();
 };
 
 TEST_F(Kvhost, ListsTheClasses) {
@@ -187,7 +169,7 @@ TEST_F(Kvhost, ListsTheClasses) {
     EXPECT_THAT(outcome.output, StartsWith("id  name                 served\n"));
     EXPECT_THAT(outcome.output, HasSubstr("\n30  irq                  yes\n"));
     EXPECT_THAT(outcome.output, HasSubstr("\n32  product              no\n"));
-    const auto list = nlohmann::json::parse(Run("classes --json").output);
+    const auto list = Json("classes");
     ASSERT_EQ(61u, list.size());
     EXPECT_EQ("KTX_CLS_HOSTID_INFO", list[59]["class"]);
     EXPECT_EQ(40, std::count_if(list.begin(), list.end(), [](const auto& row) { return row["served"] == true; }));
@@ -200,7 +182,7 @@ TEST_F(Kvhost, ShowsInstances) {
     EXPECT_THAT(outcome.output, HasSubstr("cascade"));
     EXPECT_THAT(outcome.output, HasSubstr("\n\nprovider (0): 1 instance\nversion\n--------\n04-08-00\n"));
 
-    const auto all = nlohmann::json::parse(Run("--all --json").output);
+    const auto all = Json("--all");
     EXPECT_EQ(39u, all.size());  // powering off is no query
     EXPECT_THAT(all[31]["instances"][0]["device"].get<std::string>(), HasSubstr("cascade"));
     EXPECT_THAT(Run("--version").output, StartsWith("libplatform 1\n"));
@@ -227,12 +209,12 @@ TEST_F(Kvhost, OneLineForAnError) {
 }
 
 TEST_F(Kvhost, ShowsTheMachineBelowTheClasses) {
-    const auto bmc = nlohmann::json::parse(Run("bmc --json").output);
+    const auto bmc = Json("bmc");
     EXPECT_EQ("0x20", bmc["device id"]);
     EXPECT_EQ("2.0", bmc["ipmi version"]);
     EXPECT_EQ("KCS", bmc["interface"]);
     EXPECT_EQ("0x0ca2 0x0ca3", bmc["registers"]);
-    const auto structures = nlohmann::json::parse(Run("smbios 1 17 --json").output);
+    const auto structures = Json("smbios 1 17");
     ASSERT_GT(structures.size(), 2u);
     EXPECT_EQ(1, structures[0]["type"]);
     EXPECT_EQ("Velmora", structures[0]["strings"][0]);
@@ -244,8 +226,8 @@ TEST_F(Kvhost, AMachineWithoutFirmwareStillHasItsKernelsLists) {
     const Outcome outcome = RunOn("", "show dma");
     EXPECT_EQ(0, outcome.status);
     EXPECT_THAT(outcome.output, HasSubstr("cascade"));
-    EXPECT_EQ(1, RunOn("--machine sim:/nowhere.json", "classes").status);
-    EXPECT_EQ(2, RunOn("--machine real", "classes").status);
+    EXPECT_EQ(1, RunOn("sim:/nowhere.json", "classes").status);
+    EXPECT_EQ(2, RunOn("real", "classes").status);
 }
 
 TEST(Strings, StayWithinTheirStructure) {
