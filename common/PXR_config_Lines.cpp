@@ -111,7 +111,7 @@ bool HeaderText::Matches(std::string_view line) const {
 // ---- ReplacementFile ----
 
 ReplacementFile::~ReplacementFile() {
-    const CancellationHeld held;
+    const CancelBlock block;
     if (temporary_[0] != '\0') PXR_unlink(temporary_.data());
 }
 

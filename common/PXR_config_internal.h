@@ -26,7 +26,7 @@ class LockedFile {
 public:
     LockedFile() = default;
     ~LockedFile() {
-        const CancellationHeld held;
+        const CancelBlock block;
         if (fd_ >= 0) PXR_file_close(fd_);
     }
     LockedFile(const LockedFile&) = delete;

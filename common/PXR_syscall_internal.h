@@ -2,23 +2,11 @@
 /// @file
 /// Helpers of the file wrappers that other runtime modules share.
 
-#include <pthread.h>
 #include <unistd.h>
 
 #include <utility>
 
-/// Holds a cancellation of the thread back for a block. For clean-up code: close and the like are cancellation points,
-/// and a thread that is cancelled inside a destructor brings the process down.
-class CancellationHeld {
-public:
-    CancellationHeld() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous_); }
-    ~CancellationHeld() { pthread_setcancelstate(previous_, nullptr); }
-    CancellationHeld(const CancellationHeld&) = delete;
-    CancellationHeld& operator=(const CancellationHeld&) = delete;
-
-private:
-    int previous_ = 0;
-};
+#include "common/PXR_thread_internal.h"
 
 /// Owner of a descriptor.
 class FileDescriptor {
@@ -38,7 +26,7 @@ public:
     int Release() { return std::exchange(fd_, -1); }
     /// @return what close gives; 0 when nothing was open
     int Close() {
-        const CancellationHeld held;
+        const CancelBlock block;
         const int fd = Release();
         return fd >= 0 ? close(fd) : 0;
     }

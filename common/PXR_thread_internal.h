@@ -12,7 +12,8 @@ void PXR_SetThreadName(const char* name);
 /// @return false when there is no memory; the ring is unchanged then
 bool PXR_AppendAction(PXR_thread& worker, uint32_t action);
 
-/// Keeps the calling thread from being cancelled in what must be done as a whole.
+/// Keeps the calling thread from being cancelled in what must be done as a whole, and in clean-up code: close and the
+/// like are cancellation points, and a thread that is cancelled inside a destructor brings the process down.
 class CancelBlock {
 public:
     CancelBlock() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
