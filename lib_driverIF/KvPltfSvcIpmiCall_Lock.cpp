@@ -4,6 +4,10 @@
 // wants in again would win it back every time: so a waiter first passes a turnstile, and lets the next one through only
 // when it holds the lock. Threads of one process queue up for the turnstile in their order of arrival, processes in the
 // order of the places that they take in the turnstile's file.
+//
+// A thread may be cancelled while it waits, and leaves nothing behind: a constructor that waits delegates to one that
+// does not, so that the object is whole by then and its destructor runs. From having the lock until the caller has it,
+// and on the way out, nobody is cancelled.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -43,9 +47,8 @@ public:
     /// One thread's place; leaves at the end of the scope.
     class Place {
     public:
-        Place(Queue& queue, const TimeLimit* limit) : queue_(queue) {
+        Place(Queue& queue, const TimeLimit* limit) : Place(queue) {
             std::unique_lock lock(queue_.mutex_);
-            self_ = queue_.waiting_.insert(queue_.waiting_.end(), this);
             while (queue_.waiting_.front() != this) {
                 if (limit == nullptr) {
                     queue_.moved_.wait(lock);
@@ -67,6 +70,11 @@ public:
         explicit operator bool() const { return first_; }
 
     private:
+        explicit Place(Queue& queue) : queue_(queue) {
+            const std::lock_guard lock(queue_.mutex_);
+            self_ = queue_.waiting_.insert(queue_.waiting_.end(), this);
+        }
+
         Queue& queue_;
         std::list<const Place*>::iterator self_;
         bool first_ = false;
@@ -107,13 +115,14 @@ uint32_t Remaining(uint32_t timeoutMs, uint64_t since) {
 /// for a circle.
 class Turnstile {
 public:
-    explicit Turnstile(uint32_t timeoutMs) {
+    explicit Turnstile(uint32_t timeoutMs) : Turnstile() {
         TimeLimit limit{};
         MakeLimitTime(&limit, timeoutMs);
         passed_ = g_turnstile && Pass(timeoutMs == kInfinite ? nullptr : &limit);
     }
+    /// One thread of this process stands here at a time: whatever is locked is its own.
     ~Turnstile() {
-        if (place_ != 0) Apply(F_OFD_SETLK, F_UNLCK, place_, 1);
+        if (g_turnstile) Apply(F_OFD_SETLK, F_UNLCK, 0, 0);
     }
     Turnstile(const Turnstile&) = delete;
     Turnstile& operator=(const Turnstile&) = delete;
@@ -123,6 +132,8 @@ public:
     static bool OthersInLine() { return Apply(F_OFD_GETLK, F_WRLCK, kFirstPlace, kPlaces) == F_WRLCK; }
 
 private:
+    Turnstile() = default;
+
     static constexpr off_t kCounter = 0;
     static constexpr off_t kFirstPlace = 16;
     static constexpr uint32_t kPlaces = 4096;  // more than will ever wait at once; then they are used again
@@ -142,9 +153,8 @@ private:
         if (!Lock(kCounter, limit)) return false;
         if (pread(g_turnstile.Get(), &number, sizeof number, kCounter) != sizeof number) number = 0;  // a new file
         const uint32_t next = number + 1;
-        const off_t place = PlaceOf(number);
-        const bool taken = pwrite(g_turnstile.Get(), &next, sizeof next, kCounter) == sizeof next && Lock(place, limit);
-        if (taken) place_ = place;
+        const bool taken =
+            pwrite(g_turnstile.Get(), &next, sizeof next, kCounter) == sizeof next && Lock(PlaceOf(number), limit);
         Apply(F_OFD_SETLK, F_UNLCK, kCounter, 1);
         return taken;
     }
@@ -172,7 +182,6 @@ private:
         return rc == 0 ? lock.l_type : -1;
     }
 
-    off_t place_ = 0;  // 0: none
     bool passed_ = false;
 };
 
@@ -194,6 +203,7 @@ bool TakeLock(uint32_t timeoutMs) {
 }
 
 void ReleaseLock() {
+    const CancelBlock block;
     if (t_held.lock == 0 || --t_held.lock > 0) return;
     UnlockFLock(g_hipmilock);
     if (!g_turnstile) Sleep(kPauseAfterUnlock);
@@ -205,6 +215,7 @@ bool SomebodyWaits() {
 }
 
 bool OpenDevice() {
+    const CancelBlock block;
     if (t_held.device == 0) {
         if (const int rc = Transport().Open(); rc != 0) return false;
     }
@@ -212,7 +223,17 @@ bool OpenDevice() {
     return true;
 }
 
+/// The priority flag, set for its scope.
+class PriorityFlag {
+public:
+    PriorityFlag() { IPMIPriorityCtrl(1); }
+    ~PriorityFlag() { IPMIPriorityCtrl(0); }
+    PriorityFlag(const PriorityFlag&) = delete;
+    PriorityFlag& operator=(const PriorityFlag&) = delete;
+};
+
 void CloseDevice() {
+    const CancelBlock block;
     if (t_held.device > 0 && --t_held.device == 0) Transport().Close();
 }
 
@@ -245,6 +266,7 @@ bool OpenIpmiDriver(int* handle, uint32_t timeoutMs) {
             *handle = g_hipmilock->fd;
             return false;
         }
+        const CancelBlock block;
         if (OpenDevice()) {
             PXR_trace(kMaskIpmi, kLevelPolled, "[%s] Lock", __func__);
             *handle = g_hipmilock->fd;
@@ -266,11 +288,10 @@ void CloseIpmiDriver(int handle) {
 bool OpenIpmiDriverPriority(int* handle, uint32_t timeoutMs) {
     *handle = kInvalidHandle;
     if (g_hipmilock == nullptr) return false;
-    IPMIPriorityCtrl(1);
-    const bool locked = TakeLock(timeoutMs);
-    IPMIPriorityCtrl(0);
-    if (locked) *handle = g_hipmilock->fd;
-    return locked;
+    const PriorityFlag flag;
+    if (!TakeLock(timeoutMs)) return false;
+    *handle = g_hipmilock->fd;
+    return true;
 }
 
 void CloseIpmiDriverPriority(int handle) {

@@ -2,6 +2,7 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -38,12 +39,25 @@ class CountingTransport : public IpmiTransport {
 public:
     CountingTransport() { SetIpmiTransport(this); }
     ~CountingTransport() override { SetIpmiTransport(nullptr); }
-    int Open() override { return ++opened, refuse; }
-    void Close() override { ++closed; }
+    int Open() override {
+        if (cancels) CancelSelf();
+        return ++opened, refuse;
+    }
+    void Close() override {
+        if (cancels) CancelSelf();
+        ++closed;
+    }
     int Execute(uint8_t, uint8_t, uint16_t, const uint8_t*, uint16_t*, uint8_t*) override { return -1; }
     int refuse = 0;
     int opened = 0;
     int closed = 0;
+    bool cancels = false;  ///< the calling thread, as system calls do when it has been cancelled
+
+private:
+    static void CancelSelf() {
+        pthread_cancel(pthread_self());
+        pthread_testcancel();
+    }
 };
 
 void Conversation(Shared& shared, int microseconds) {
@@ -140,6 +154,99 @@ TEST(IpmiLock, AKilledHolderLeavesNobodyLocked) {
     kill(holder, SIGKILL);
     EXPECT_EQ(0, WaitForExit(waiter));
     WaitForExit(holder);
+}
+
+/// Another process that takes the bracket, and says so, until it is killed.
+pid_t StartHolder(const MachineRoot& root, Shared& shared) {
+    return root.Start([&] {
+        CountingTransport device;
+        OpenIpmiLock();
+        ++shared.ready;
+        const IpmiBracket bracket;
+        ++shared.inside;
+        pause();
+        return 0;
+    });
+}
+
+void AwaitAtLeast(const std::atomic<int>& count, int n) {
+    while (count < n)
+        std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));  // from there into the wait
+}
+
+TEST(IpmiLock, ACancelledThreadLeavesTheLineAsIfItHadNeverCome) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer does not see a cancelled thread leave its frames";
+#endif
+    const MachineRoot root = MakeTestRoot();
+    Shared* shared = MakeShared();
+    const pid_t holder = StartHolder(root, *shared);
+    AwaitAtLeast(shared->inside, 1);
+    const pid_t waiter = StartHolder(root, *shared);
+    AwaitAtLeast(shared->ready, 2);
+    RunInRoot(root, [&] {
+        CountingTransport device;
+        ASSERT_TRUE(OpenIpmiLock());
+        std::thread inLine([] { const IpmiBracket bracket; });
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        std::thread behindIt([] { const IpmiBracket bracket; });
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        for (std::thread* cancelled : {&behindIt, &inLine}) {
+            pthread_cancel(cancelled->native_handle());
+            cancelled->join();
+        }
+        kill(holder, SIGKILL);
+        AwaitAtLeast(shared->inside, 2);  // the waiter is served
+        kill(waiter, SIGKILL);
+        const auto takes = [] {
+            int handle = kInvalidHandle;
+            const bool taken = OpenIpmiDriver(&handle, 2000);
+            if (taken) CloseIpmiDriver(handle);
+            return taken;
+        };
+        std::thread([&] { EXPECT_TRUE(takes()) << "a thread of the same process"; }).join();
+        const pid_t other = fork();
+        if (other == 0) {
+            CloseIpmiLock();
+            _exit(OpenIpmiLock() && takes() ? 0 : 1);
+        }
+        EXPECT_EQ(0, WaitForExit(other)) << "another process";
+        CloseIpmiLock();
+    });
+    WaitForExit(holder);
+    WaitForExit(waiter);
+}
+
+TEST(IpmiLock, ACancelledThreadGivesBackWhatItHolds) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer does not see a cancelled thread leave its frames";
+#endif
+    const MachineRoot root = MakeTestRoot();
+    RunInRoot(root, [] {
+        CountingTransport device;
+        ASSERT_TRUE(OpenIpmiLock());
+        device.cancels = true;
+        std::thread([] {
+            const IpmiBracket bracket;
+            pthread_testcancel();
+            ADD_FAILURE() << "goes on";
+        }).join();
+        std::thread([] {
+            int handle = kInvalidHandle;
+            OpenIpmiDriverPriority(&handle, kInfinite);
+            { const DeviceInBracket open; }
+            CloseIpmiDriverPriority(handle);
+        }).join();
+        device.cancels = false;
+        EXPECT_EQ(device.opened, device.closed);
+        std::thread([] {
+            int handle = kInvalidHandle;
+            EXPECT_TRUE(OpenIpmiDriver(&handle, 2000));
+            CloseIpmiDriver(handle);
+        }).join();
+        CloseIpmiLock();
+    });
 }
 
 TEST(IpmiLock, BracketsNestAndOnlyTheOutermostOpens) {
