@@ -33,12 +33,14 @@ namespace {
 
 constexpr const char* kLockFile = "/var/opt/velmora/lantrel/tmp/ipmilock";
 constexpr const char* kTurnstileFile = "/var/opt/velmora/lantrel/tmp/ipmilock.turn";
-constexpr uint32_t kPauseAfterUnlock = 100;  // ms; only where there is no turnstile to hand the lock over
+constexpr uint32_t kPauseAfterUnlock = 100;  // ms; only where there is no line to hand the lock over to
 constexpr uint32_t kPauseAfterFailedOpen = 100;
 constexpr int kOpenTries = 3;
 constexpr uint32_t kPollPause = 1;  // ms, in waits that have a limit
 
 FileDescriptor g_turnstile;
+// Whether processes stand in line: not where the turnstile's file cannot be opened, or written, as on a full disk.
+std::atomic<bool> g_lineKept{false};
 std::atomic<int> g_bIPMIPriorityCtrl{0};
 
 /// Threads of this process that want the lock, first come first served.
@@ -141,22 +143,23 @@ private:
     static off_t PlaceOf(uint32_t number) { return kFirstPlace + number % kPlaces; }
 
     bool Pass(const TimeLimit* limit) {
+        if (!Lock(kCounter, limit)) return false;
         uint32_t number = 0;
-        if (!TakePlace(number, limit)) return false;
+        const bool counted = Count(number);
+        g_lineKept = counted;
+        if (!counted) return true;
+        if (!Lock(PlaceOf(number), limit)) return false;
+        Apply(F_OFD_SETLK, F_UNLCK, kCounter, 1);
         const off_t ahead = PlaceOf(number - 1);
         if (!Lock(ahead, limit)) return false;
         Apply(F_OFD_SETLK, F_UNLCK, ahead, 1);
         return true;
     }
 
-    bool TakePlace(uint32_t& number, const TimeLimit* limit) {
-        if (!Lock(kCounter, limit)) return false;
+    static bool Count(uint32_t& number) {
         if (pread(g_turnstile.Get(), &number, sizeof number, kCounter) != sizeof number) number = 0;  // a new file
         const uint32_t next = number + 1;
-        const bool taken =
-            pwrite(g_turnstile.Get(), &next, sizeof next, kCounter) == sizeof next && Lock(PlaceOf(number), limit);
-        Apply(F_OFD_SETLK, F_UNLCK, kCounter, 1);
-        return taken;
+        return pwrite(g_turnstile.Get(), &next, sizeof next, kCounter) == sizeof next;
     }
 
     static bool Lock(off_t offset, const TimeLimit* limit) {
@@ -206,12 +209,12 @@ void ReleaseLock() {
     const CancelBlock block;
     if (t_held.lock == 0 || --t_held.lock > 0) return;
     UnlockFLock(g_hipmilock);
-    if (!g_turnstile) Sleep(kPauseAfterUnlock);
+    if (!g_lineKept) Sleep(kPauseAfterUnlock);
 }
 
-/// Whether anybody, in this process or another, waits for the lock. Without a turnstile nobody can tell.
+/// Whether anybody, in this process or another, waits for the lock. Without a line nobody can tell.
 bool SomebodyWaits() {
-    return !g_turnstile || !g_queue.Empty() || Turnstile::OthersInLine();
+    return !g_lineKept || !g_queue.Empty() || Turnstile::OthersInLine();
 }
 
 bool OpenDevice() {
@@ -244,10 +247,12 @@ bool OpenIpmiLock() {
     g_hipmilock = OpenFLock(kLockFile);
     if (g_hipmilock == nullptr) return false;
     g_turnstile = FileDescriptor(open(kTurnstileFile, O_RDWR | O_CREAT | O_CLOEXEC, 0666));
+    g_lineKept = static_cast<bool>(g_turnstile);
     return true;
 }
 
 void CloseIpmiLock() {
+    g_lineKept = false;
     g_turnstile.Close();
     if (g_hipmilock != nullptr) CloseFLock(std::exchange(g_hipmilock, nullptr));
 }

@@ -13,6 +13,8 @@
 
 #include "lib_driverIF/KvPltfSvcIpmiCall.h"
 #include "lib_driverIF/KvPltfSvcIpmiCall_Internal.h"
+#include "simulator/VirtualClock.h"
+#include "tests/support/FullDisk.h"
 #include "tests/support/InMachineRoot.h"
 
 namespace {
@@ -127,6 +129,23 @@ TEST(IpmiLock, AnUncontendedBracketPaysNoPause) {
         for (int i = 0; i < 100; ++i)
             EXPECT_TRUE(IpmiBracket());
         EXPECT_LT(steady_clock::now() - start, std::chrono::milliseconds(100));
+        CloseIpmiLock();
+    });
+}
+
+TEST(IpmiLock, AFullDiskCostsAPauseNotTheLock) {
+    const MachineRoot root = MakeTestRoot();
+    RunInRoot(root, [] {
+        CountingTransport device;
+        sim::ScopedVirtualClock clock;
+        ASSERT_TRUE(OpenIpmiLock());
+        {
+            const FullDisk full;
+            EXPECT_TRUE(IpmiBracket());
+            EXPECT_EQ(100'000U, clock.Slept()) << "time for others to come in";
+        }
+        EXPECT_TRUE(IpmiBracket());
+        EXPECT_EQ(100'000U, clock.Slept()) << "they stand in line again";
         CloseIpmiLock();
     });
 }

@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -13,6 +12,7 @@
 #include <numeric>
 #include <thread>
 
+#include "tests/support/FullDisk.h"
 #include "tests/support/SelMachine.h"
 #include "tests/support/SyslogListener.h"
 
@@ -600,23 +600,6 @@ TEST_F(SelDb, ADatabaseThatIsGoneIsMadeAnewFromWhatWasTaken) {
         EXPECT_EQ(kSelDbGood, g_eSelDbFileStat);
     });
 }
-
-/// Nothing more fits on the disk, for the scope.
-class FullDisk {
-public:
-    FullDisk() {
-        signal(SIGXFSZ, SIG_IGN);
-        getrlimit(RLIMIT_FSIZE, &before_);
-        const rlimit full{8, before_.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &full);
-    }
-    ~FullDisk() { setrlimit(RLIMIT_FSIZE, &before_); }
-    FullDisk(const FullDisk&) = delete;
-    FullDisk& operator=(const FullDisk&) = delete;
-
-private:
-    rlimit before_{};
-};
 
 TEST_F(SelDb, AFullDisk) {
     Run([this] {
