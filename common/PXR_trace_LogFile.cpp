@@ -89,8 +89,8 @@ int LogFile::Open(const char* path, uint32_t limitKiB) {
     if (path == nullptr) return EINVAL;
     const size_t length = strlen(path);
     if (length >= sizeof path_) return ENAMETOOLONG;
-    Close();
     const std::lock_guard lock(mutex_);
+    if (fd_ >= 0) close(fd_);
     fd_ = open(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0666);
     if (fd_ < 0) return errno;
     lseek(fd_, 0, SEEK_END);

@@ -499,6 +499,31 @@ TEST(LogFile, WritersInManyThreadsLoseNoPartOfALine) {
     });
 }
 
+// PXR_trace_init may be called by several threads, each time opening the log anew.
+TEST(LogFile, OpenedByManyThreadsAtOnceItHoldsOneDescriptor) {
+    RunInRoot(MakeTestRoot(), [] {
+        LogFile file;
+        ASSERT_EQ(0, file.Open("/tmp/opened.log", 0));
+        const int next = dup(0);
+        close(next);
+        std::vector<std::thread> openers(8);
+        for (auto& opener : openers) {
+            opener = std::thread([&file] {
+                for (int n = 0; n < 500; ++n) {
+                    EXPECT_EQ(0, file.Open("/tmp/opened.log", 0));
+                    file.Write("line\n", 5);
+                }
+            });
+        }
+        for (auto& opener : openers)
+            opener.join();
+        const int nextNow = dup(0);
+        EXPECT_EQ(next, nextNow) << "none is left behind";
+        close(nextNow);
+        EXPECT_EQ(8U * 500 * 5, std::filesystem::file_size("/tmp/opened.log")) << "no line met a closed log";
+    });
+}
+
 TEST(LogFile, AFullDiskIsReportedOnceUntilItHasRoomAgain) {
     RunInRoot(MakeTestRoot(), [] {
         SetName("tool");
