@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "common/PXR_host.h"
+#include "common/PXR_thread_internal.h"
 #include "cover/FileCover.h"
 #include "cover/TimerCover.h"
 #include "lib_driverIF/KvLibIpmi.h"
@@ -111,6 +112,7 @@ void TraceRequest(const Request& request, uint8_t address, const Levels& levels)
 
 // The log around a refused command is kept aside, one copy per completion code, before the log rolls over.
 void KeepLogOf(uint8_t completionCode) {
+    const CancelBlock block;
     char copy[128];
     snprintf(copy, sizeof copy, kIpmiLogCopy, completionCode);
     if (!CreateCopyFile(kIpmiLog, copy, 0)) {

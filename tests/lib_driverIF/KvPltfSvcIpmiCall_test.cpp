@@ -7,6 +7,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "lib_driverIF/KvPltfSvcIpmiCmd.h"
@@ -188,6 +189,15 @@ TEST_F(Gate, KeepsTheLogOfARefusedCommand) {
         EXPECT_EQ(kCompCodeError, CheckRecentCompCode());
     });
     EXPECT_EQ("what led to it", root.ReadFile("/var/opt/velmora/lantrel/log/@ipmi@_comperr_CB.log"));
+    RunInRoot(root, [this] {
+        bmc.answer = {0xC1};
+        std::thread([] {
+            pthread_cancel(pthread_self());
+            Call({0x18, 0x01});
+        }).join();
+    });
+    EXPECT_EQ("what led to it", root.ReadFile("/var/opt/velmora/lantrel/log/@ipmi@_comperr_C1.log"))
+        << "a cancelled thread finishes the copy";
 }
 
 TEST_F(Gate, AnAnswerWithoutACompletionCodeIsNone) {
