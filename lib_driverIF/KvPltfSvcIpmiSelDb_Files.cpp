@@ -10,10 +10,10 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <utility>
 
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
+#include "common/PXR_syscall_internal.h"
 #include "cover/FileCover.h"
 #include "lib_driverIF/KvPltfSvcIpmiSelDb_Internal.h"
 #include "libplatform/PXR_trace.h"
@@ -56,20 +56,9 @@ bool HasFiles(const DEVICE_INFO& device) {
     return device.bType == kLocatorRecord;
 }
 
-class File {
-public:
-    File(const std::string& path, int flags) : fd_(FileOpen(path.c_str(), flags, kMode)) {}
-    ~File() { Close(); }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-    explicit operator bool() const { return fd_ >= 0; }
-    int Get() const { return fd_; }
-    /// False when what was written did not arrive.
-    bool Close() { return fd_ < 0 || close(std::exchange(fd_, -1)) == 0; }
-
-private:
-    int fd_;
-};
+FileDescriptor Open(const std::string& path, int flags) {
+    return FileDescriptor(FileOpen(path.c_str(), flags, kMode));
+}
 
 bool WriteAt(int fd, off_t offset, const void* data, size_t size) {
     const char* from = static_cast<const char*>(data);
@@ -89,9 +78,9 @@ bool WriteAt(int fd, off_t offset, const void* data, size_t size) {
 template <typename Write>
 bool ReplaceFile(const DEVICE_INFO& device, const FileName& name, int flags, Write write) {
     const std::string temporary = PathOf(kTmp, device);
-    File file(temporary, O_WRONLY | O_CREAT | O_TRUNC | flags);
+    FileDescriptor file = Open(temporary, O_WRONLY | O_CREAT | O_TRUNC | flags);
     if (!file) return false;
-    if (write(file.Get()) && file.Close() && rename(temporary.c_str(), PathOf(name, device).c_str()) == 0) {
+    if (write(file.Get()) && file.Close() == 0 && rename(temporary.c_str(), PathOf(name, device).c_str()) == 0) {
         return true;
     }
     unlink(temporary.c_str());
@@ -119,7 +108,7 @@ bool SameEntry(const KVPS_SEL_ENTRY& a, const KVPS_SEL_ENTRY& b) {
 uint32_t ReadDeviceInfo(DEVICE_INFO& device, bool& found) {
     found = false;
     if (!HasFiles(device)) return 0;
-    const File file(PathOf(kInf, device), O_RDONLY);
+    const FileDescriptor file = Open(PathOf(kInf, device), O_RDONLY);
     if (!file) {
         if (errno == ENOENT) return 0;
         return PXR_ReportError(MakeResult(fn::kLoadSelDeviceInfo, kReasonStateOpen));
@@ -148,7 +137,7 @@ bool WriteDeviceInfo(const DEVICE_INFO& device) {
 
 DatabaseFile ReadDatabase(const DEVICE_INFO& device, std::span<KVPS_SEL_ENTRY> database) {
     if (!HasFiles(device)) return DatabaseFile::kAbsent;
-    const File file(PathOf(kDb, device), O_RDONLY);
+    const FileDescriptor file = Open(PathOf(kDb, device), O_RDONLY);
     if (!file) return errno == ENOENT ? DatabaseFile::kAbsent : DatabaseFile::kFailed;
     const int got = FileRead(file.Get(), database.data(), static_cast<uint32_t>(database.size_bytes()));
     const size_t whole = got > 0 ? static_cast<size_t>(got) / sizeof database[0] : 0;
@@ -175,7 +164,7 @@ bool CreateDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> d
 
 bool UpdateDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> entries) {
     if (!HasFiles(device) || entries.empty()) return true;
-    File file(PathOf(kDb, device), O_WRONLY | O_SYNC);  // not made anew: a part of a database is none
+    FileDescriptor file = Open(PathOf(kDb, device), O_WRONLY | O_SYNC);  // not made anew: a part of a database is none
     if (!file) return false;
     while (!entries.empty()) {
         // Ids mostly follow each other; one synchronous write for them all.
@@ -187,14 +176,14 @@ bool UpdateDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> e
         if (!WriteAt(file.Get(), offset, entries.data(), run * sizeof entries[0])) return false;
         entries = entries.subspan(run);
     }
-    return file.Close();
+    return file.Close() == 0;
 }
 
 // First entry
 
 std::optional<KVPS_SEL_ENTRY> ReadFirstEntry(const DEVICE_INFO& device) {
     if (!HasFiles(device)) return std::nullopt;
-    const File file(PathOf(kFirst, device), O_RDONLY);
+    const FileDescriptor file = Open(PathOf(kFirst, device), O_RDONLY);
     KVPS_SEL_ENTRY first;
     if (!file || FileRead(file.Get(), &first, sizeof first) != static_cast<int>(sizeof first)) return std::nullopt;
     return first;
@@ -202,8 +191,8 @@ std::optional<KVPS_SEL_ENTRY> ReadFirstEntry(const DEVICE_INFO& device) {
 
 bool WriteFirstEntry(const DEVICE_INFO& device, const KVPS_SEL_ENTRY& first) {
     if (!HasFiles(device)) return true;
-    File file(PathOf(kFirst, device), O_WRONLY | O_CREAT);
-    return file && WriteAt(file.Get(), 0, &first, sizeof first) && file.Close();
+    FileDescriptor file = Open(PathOf(kFirst, device), O_WRONLY | O_CREAT);
+    return file && WriteAt(file.Get(), 0, &first, sizeof first) && file.Close() == 0;
 }
 
 // Text log: a ring of lines of equal length behind the index of the next one.
@@ -252,7 +241,7 @@ bool WriteRingHeader(int fd, unsigned index) {
 
 bool AppendSelLog(std::span<const KVPS_SEL_ENTRY> entries) {
     if (entries.empty()) return true;
-    File file(kTextLog, O_RDWR | O_CREAT);
+    FileDescriptor file = Open(kTextLog, O_RDWR | O_CREAT);
     if (!file) return false;
     unsigned index = ReadRingIndex(file.Get());
     while (!entries.empty()) {
@@ -265,10 +254,11 @@ bool AppendSelLog(std::span<const KVPS_SEL_ENTRY> entries) {
         index = (index + static_cast<unsigned>(run)) % kRingLines;
         entries = entries.subspan(run);
     }
-    return WriteRingHeader(file.Get(), index) && file.Close();
+    return WriteRingHeader(file.Get(), index) && file.Close() == 0;
 }
 
 void CopyFilesOfRedetection(const DEVICE_INFO& device) {
+    const CancelBlock block;
     const auto copy = [](const std::string& from, const std::string& to) {
         if (CreateCopyFile(from.c_str(), to.c_str(), 0)) return;
         PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_EVENT, "The log file copy failed. FILE=%s\n", to.c_str());

@@ -5,11 +5,13 @@
 #include <bitset>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <utility>
 
 #include "common/ByteReader.h"
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
+#include "common/PXR_thread_internal.h"
 #include "lib_driverIF/KvPltfSvcIpmiSelDb_Internal.h"
 #include "libplatform/PXR_trace.h"
 
@@ -41,10 +43,13 @@ public:
     }
     /// Keeps n of those.
     void Keep(uint32_t n) { count_ += n; }
+    /// From now on the thread is not cancelled before the table has been handed out: what is in it is not read again.
+    void Hold() { held_.emplace(); }
     uint32_t Count() const { return count_; }
     KVPS_SEL_ENTRY* Release() { return count_ > 0 ? std::exchange(entries_, nullptr) : nullptr; }
 
 private:
+    std::optional<CancelBlock> held_;
     KVPS_SEL_ENTRY* entries_ = nullptr;
     uint32_t count_ = 0;
 };
@@ -71,6 +76,7 @@ uint32_t ReadPlain(const DEVICE_INFO& device, uint16_t id, uint16_t* nextId, KVP
 // Saving
 
 void SaveDeviceInfo(DEVICE_INFO& device, const DEVICE_INFO& now) {
+    const CancelBlock block;  // memory and disk say the same
     SelDeviceState& state = CurrentSelState();
     if (memcmp(&device, &now, sizeof now) == 0 && state.infWritten) return;
     state.infWritten = WriteDeviceInfo(now);
@@ -80,6 +86,7 @@ void SaveDeviceInfo(DEVICE_INFO& device, const DEVICE_INFO& now) {
 
 // A first entry belongs to a state: without the one on disk the other would make later entries look old.
 void SaveFirstEntry(const DEVICE_INFO& device, const KVPS_SEL_ENTRY& first) {
+    const CancelBlock block;
     SelDeviceState& state = CurrentSelState();
     if (SameEntry(first, state.first) && state.firstWritten) return;
     state.first = first;
@@ -206,6 +213,7 @@ uint32_t TakeEntries(DEVICE_INFO& device, DEVICE_INFO next, uint32_t count, cons
     const uint32_t result = GetSelByDeviceInfo(&next, count, room);
     const SelDeviceState& state = CurrentSelState();
     if (state.read == 0) return result;
+    table.Hold();
     Remember(device, next, {room, state.found}, first);
     table.Keep(state.found - state.withheld);
     return result;

@@ -53,7 +53,8 @@ KV_EXTERN_C_BEGIN
 
 /// Gives the entries that were logged since the last call, by this process or an earlier one. The entries that a log
 /// holds when its device is met for the first time are not given. What is given has been recorded as taken when the
-/// call returns. Takes the machine-wide IPMI lock; several threads may call, one at a time is served.
+/// call returns; a thread that is cancelled when something has been is so afterwards. Takes the machine-wide IPMI lock;
+/// several threads may call, one at a time is served.
 /// @param count    entries given
 /// @param entries  one array for all devices, in the order of devices and records, freed by the caller with
 ///                 KvPsFreeDataArray; null when there are none

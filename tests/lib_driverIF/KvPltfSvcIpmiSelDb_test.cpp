@@ -477,6 +477,30 @@ TEST_F(SelDb, AProcessThatEndsLeavesTheRestToTheNextOne) {
     });
 }
 
+TEST_F(SelDb, APollerThatIsCancelledHandsOutWhatItHasTaken) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer does not see a cancelled thread leave its frames";
+#endif
+    Run([this] {
+        Start(true, 2);
+        Poll();
+        Log(1);
+        server.OnCommand(kStorage, kGetInfo, [n = 0](const auto&, const auto& answer) mutable {
+            if (++n == 2) pthread_cancel(pthread_self());  // at the second device
+            return answer();
+        });
+        Numbers given;
+        std::thread poller([&] {
+            given = Poll();
+            pthread_testcancel();
+            ADD_FAILURE() << "was not cancelled";
+        });
+        poller.join();
+        EXPECT_THAT(given, ElementsAre(1, 1)) << "the first device's entry had been saved as taken";
+        EXPECT_THAT(Poll(), IsEmpty());
+    });
+}
+
 // Controllers that say strange things
 
 TEST_F(SelDb, NoWalkGoesOnForEver) {
