@@ -88,13 +88,14 @@ void Connection::Send(const PXR_trace_packet& packet) {
 void Connection::CloseLocked() {
     open_ = false;
     const int fd = descriptor_.load(std::memory_order_relaxed);
-    if (fd < 0 || !OwnsNumberLocked(fd)) return;
+    if (!OwnsNumber(fd)) return;
     const int idle = NewSocket();
     if (idle < 0 || !InstallLocked(idle)) shutdown(fd, SHUT_RDWR);
 }
 
 Connection::Outcome Connection::Deliver(const PXR_trace_packet& packet) {
     const int fd = descriptor_.load(std::memory_order_acquire);
+    if (!OwnsNumber(fd)) return Outcome::PeerLost;
     bool sent = SendNow(fd, packet);
     if (!sent && errno == EAGAIN && !stalled_.load(std::memory_order_relaxed)) {
         sent = SendWhenWritable(fd, packet);
@@ -123,7 +124,7 @@ bool Connection::SendWhenWritable(int fd, const PXR_trace_packet& packet) {
 
 bool Connection::IsAliveLocked() const {
     const int fd = descriptor_.load(std::memory_order_relaxed);
-    if (fd < 0 || !OwnsNumberLocked(fd)) return false;
+    if (!OwnsNumber(fd)) return false;
     // getpeername still succeeds when the peer has closed; the hang-up shows in poll.
     pollfd peer{fd, 0, 0};
     return poll(&peer, 1, 0) == 0;
@@ -144,7 +145,7 @@ bool Connection::ReconnectLocked() {
 bool Connection::InstallLocked(int fresh) {
     const ino_t inode = SocketInode(fresh);
     const int current = descriptor_.load(std::memory_order_relaxed);
-    if (current < 0 || !OwnsNumberLocked(current)) {
+    if (!OwnsNumber(current)) {
         socket_ = inode;
         descriptor_.store(fresh, std::memory_order_release);
         return true;
@@ -159,8 +160,10 @@ bool Connection::InstallLocked(int fresh) {
 }
 
 // A host that turns itself into a daemon may close every descriptor it finds, and the number then belongs to others.
-bool Connection::OwnsNumberLocked(int fd) const {
-    return socket_ != 0 && SocketInode(fd) == socket_;
+// While a new connection takes the number over, a sender may be told no; it then waits for the lock and asks again.
+bool Connection::OwnsNumber(int fd) const {
+    const ino_t own = socket_;
+    return fd >= 0 && own != 0 && SocketInode(fd) == own;
 }
 
 }  // namespace trace

@@ -4,8 +4,8 @@
 ///
 /// Senders take no lock. What makes that safe is that the descriptor keeps its number for the life of the process: a
 /// new connection is made on a descriptor of its own, gets its start packet, and is then put under the old number in
-/// one step (dup3). A sender on its way therefore meets the dead socket or the new one behind its start packet, and
-/// never a file that has reused the number.
+/// one step (dup3). A sender on its way therefore meets the dead socket or the new one behind its start packet. A
+/// number that a host has closed itself and given to something of its own is found out by its inode.
 
 #include <sys/types.h>
 
@@ -38,12 +38,12 @@ private:
     bool IsAliveLocked() const;
     bool ReconnectLocked();
     bool InstallLocked(int fresh);
-    bool OwnsNumberLocked(int fd) const;
+    bool OwnsNumber(int fd) const;
 
     std::mutex mutex_;
-    bool open_ = false;  ///< between a successful Open and CloseLocked; guarded by mutex_
-    ino_t socket_ = 0;   ///< inode of the socket under descriptor_; guarded by mutex_
-    std::atomic<int> descriptor_{-1};
+    bool open_ = false;                 ///< between a successful Open and CloseLocked; guarded by mutex_
+    std::atomic<ino_t> socket_{0};      ///< inode of the socket under descriptor_; written under mutex_
+    std::atomic<int> descriptor_{-1};   ///< written under mutex_
     std::atomic<bool> stalled_{false};  ///< the daemon did not read in time; nobody waits again until it does
 };
 
