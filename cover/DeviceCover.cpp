@@ -11,8 +11,6 @@
 #include <atomic>
 #include <cerrno>
 
-#include "cover/TimerCover.h"
-
 namespace {
 
 int LinuxOpen(void* /*context*/, const char* path, int flags) {
@@ -63,13 +61,9 @@ int LinuxIoctl(void* /*context*/, int fd, unsigned long request, void* argument)
 }
 
 int LinuxWaitReadable(void* /*context*/, int fd, int timeoutMs) {
-    const uint64_t deadline = Clock().Now() + static_cast<uint64_t>(timeoutMs) * 1000;
     struct pollfd wanted = {fd, POLLIN, 0};
-    int ready = poll(&wanted, 1, timeoutMs);
-    while (ready < 0 && errno == EINTR) {
-        const uint64_t now = Clock().Now();
-        ready = poll(&wanted, 1, now < deadline ? static_cast<int>((deadline - now + 999) / 1000) : 0);
-    }
+    const int ready = poll(&wanted, 1, timeoutMs);
+    if (ready < 0 && errno == EINTR) return 0;
     if (ready <= 0) return ready;
     if ((wanted.revents & POLLIN) != 0) return 1;
     errno = EIO;

@@ -64,7 +64,7 @@ constexpr int32_t kResponseMessage = 1;
 
 constexpr uint16_t kMaxRequestData = 272;  // the kernel's limit of one message
 constexpr int kTries = 5;
-constexpr uint64_t kTryMicroseconds = 100'000;
+constexpr int kTryMs = 100;
 // More than the kernel queues for one user: 25 events and the late responses. A device that goes on is broken.
 constexpr int kMaxForeignMessages = 128;
 
@@ -176,18 +176,21 @@ bool CWDTOperationThread::Send(uint8_t command, uint8_t netFn, uint16_t dataLeng
 }
 
 /// One try: 100 ms at most. Goes on as soon as the device has something to read; where it cannot be waited for, or
-/// says so and has nothing, the time is slept away.
+/// says so and has nothing, the time is slept away. The clock is asked once where all goes well: commands are sent by
+/// the hundred.
 bool CWDTOperationThread::WaitAndReceive(uint8_t* response, uint16_t capacity, uint16_t* received) const {
-    const uint64_t deadline = Clock().Now() + kTryMicroseconds;
+    const uint64_t deadline = Clock().Now() + kTryMs * 1000;
     int foreignLeft = kMaxForeignMessages;
-    for (;;) {
+    for (int rest = kTryMs; rest > 0; rest = RestMs(deadline)) {
         const int foreignBefore = foreignLeft;
-        if (device::WaitReadable(device_, RestMs(deadline)) < 0) Sleep(static_cast<uint32_t>(RestMs(deadline)));
+        const int ready = device::WaitReadable(device_, rest);
+        if (ready < 0) Sleep(static_cast<uint32_t>(rest));
         if (ReceiveOwn(response, capacity, received, foreignLeft)) return true;
-        if (errno != EAGAIN || RestMs(deadline) == 0) return false;
+        if (errno != EAGAIN) return false;
         // Nothing there, although the device said so, and nothing was dropped either: it knows no waiting.
-        if (foreignLeft == foreignBefore) Sleep(static_cast<uint32_t>(RestMs(deadline)));
+        if (ready > 0 && foreignLeft == foreignBefore) Sleep(static_cast<uint32_t>(RestMs(deadline)));
     }
+    return false;
 }
 
 /// Takes messages out of the device up to the response to the request under way. A late response to an earlier one

@@ -27,7 +27,8 @@ typedef struct KvDeviceOps {
     void* (*map)(void* context, int fd, int64_t offset, size_t length, int writable);
     int (*unmap)(void* context, void* address, size_t length);
     int (*ioctl)(void* context, int fd, unsigned long request, void* argument);
-    /// Waits until a message can be taken. @return 1 readable, 0 not within timeoutMs, -1 cannot be waited for
+    /// Waits until a message can be taken. @return 1 readable, 0 not within timeoutMs or not before a signal came, -1
+    /// cannot be waited for
     int (*waitReadable)(void* context, int fd, int timeoutMs);
 
     /// Sets the I/O privilege level, 0 or 3, of the calling thread.

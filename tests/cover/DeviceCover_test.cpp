@@ -2,10 +2,13 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/mman.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <utility>
 
@@ -51,6 +54,14 @@ TEST(DeviceCover, WaitsForReadability) {
     int ends[2];
     ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
     EXPECT_EQ(0, device::WaitReadable(ends[0], 1));
+
+    signal(SIGALRM, [](int) {});
+    const itimerval soon{{0, 0}, {0, 20'000}};
+    setitimer(ITIMER_REAL, &soon, nullptr);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, device::WaitReadable(ends[0], 10'000));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << "a signal ends the wait";
+
     ASSERT_EQ(1, write(ends[1], "x", 1));
     EXPECT_EQ(1, device::WaitReadable(ends[0], 10'000));
     char byte = 0;
