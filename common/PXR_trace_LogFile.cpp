@@ -28,6 +28,12 @@ struct FreeMemory {
     void operator()(char* memory) const { free(memory); }
 };
 
+std::pair<dev_t, ino_t> IdentityOf(int fd) {
+    struct stat status {};
+    if (fstat(fd, &status) != 0) return {};
+    return {status.st_dev, status.st_ino};
+}
+
 bool ReadAt(int fd, char* buffer, size_t length, int64_t offset) {
     for (size_t done = 0; done < length;) {
         const ssize_t n = pread(fd, buffer + done, length - done, offset + static_cast<int64_t>(done));
@@ -90,9 +96,10 @@ int LogFile::Open(const char* path, uint32_t limitKiB) {
     const size_t length = strlen(path);
     if (length >= sizeof path_) return ENAMETOOLONG;
     const std::lock_guard lock(mutex_);
-    if (fd_ >= 0) close(fd_);
+    Release();
     fd_ = open(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0666);
     if (fd_ < 0) return errno;
+    identity_ = IdentityOf(fd_);
     lseek(fd_, 0, SEEK_END);
     limit_ = limitKiB * kKiB;
     failing_ = false;
@@ -102,7 +109,16 @@ int LogFile::Open(const char* path, uint32_t limitKiB) {
 
 void LogFile::Close() {
     const std::lock_guard lock(mutex_);
-    if (fd_ >= 0) close(fd_);
+    Release();
+}
+
+// A host that turns itself into a daemon may close every descriptor it finds, and the number then belongs to others.
+bool LogFile::OwnsNumber() const {
+    return IdentityOf(fd_) == identity_;
+}
+
+void LogFile::Release() {
+    if (fd_ >= 0 && OwnsNumber()) close(fd_);
     fd_ = -1;
 }
 
@@ -111,7 +127,8 @@ void LogFile::Write(const char* lines, size_t length) {
     {
         const std::lock_guard lock(mutex_);
         if (fd_ < 0) return;
-        const bool works = Append(lines, length) && CutWhenDue();
+        if (!OwnsNumber()) fd_ = -1;
+        const bool works = fd_ >= 0 && Append(lines, length) && CutWhenDue();
         const bool reported = std::exchange(failing_, !works);
         if (works || reported) return;
         memcpy(failed, path_, sizeof failed);

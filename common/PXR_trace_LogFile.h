@@ -3,10 +3,12 @@
 /// A log file that cuts itself back to its newest half when it has outgrown its limit.
 
 #include <limits.h>
+#include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <utility>
 
 class LogFile {
 public:
@@ -26,6 +28,8 @@ public:
     void Write(const char* lines, size_t length);
 
 private:
+    bool OwnsNumber() const;
+    void Release();
     bool Append(const char* lines, size_t length);
     void TakeBack(int64_t written);
     bool CutWhenDue();
@@ -34,7 +38,8 @@ private:
 
     std::mutex mutex_;  ///< guards everything below
     int fd_ = -1;
-    int64_t limit_ = 0;     ///< bytes
-    bool failing_ = false;  ///< reported and not yet recovered
+    std::pair<dev_t, ino_t> identity_;  ///< device and inode of the file under fd_
+    int64_t limit_ = 0;                 ///< bytes
+    bool failing_ = false;              ///< reported and not yet recovered
     char path_[PATH_MAX] = {};
 };

@@ -527,6 +527,25 @@ TEST(LogFile, OpenedByManyThreadsAtOnceItHoldsOneDescriptor) {
     });
 }
 
+// As a process does that closes every descriptor and opens files of its own.
+TEST(LogFile, LeavesAFileAloneThatReusesItsNumber) {
+    RunInRoot(MakeTestRoot(), [] {
+        SyslogListener syslog;
+        const int number = dup(0);
+        close(number);
+        LogFile file;
+        ASSERT_EQ(0, file.Open("/tmp/our.log", 1));
+        ASSERT_EQ(0, close(number));
+        ASSERT_EQ(number, open("/tmp/host.data", O_RDWR | O_CREAT, 0600));
+        file.Write("line\n", 5);
+        file.Write("line\n", 5);
+        file.Close();
+        EXPECT_EQ(0U, std::filesystem::file_size("/tmp/host.data"));
+        EXPECT_EQ(0, close(number)) << "still the host's";
+        EXPECT_THAT(syslog.Lines(), ElementsAre(HasSubstr("/tmp/our.log")));
+    });
+}
+
 TEST(LogFile, AFullDiskIsReportedOnceUntilItHasRoomAgain) {
     RunInRoot(MakeTestRoot(), [] {
         SetName("tool");
