@@ -138,15 +138,18 @@ bool WriteDeviceInfo(const DEVICE_INFO& device) {
 DatabaseFile ReadDatabase(const DEVICE_INFO& device, std::span<KVPS_SEL_ENTRY> database) {
     if (!HasFiles(device)) return DatabaseFile::kAbsent;
     const FileDescriptor file = Open(PathOf(kDb, device), O_RDONLY);
-    if (!file) return errno == ENOENT ? DatabaseFile::kAbsent : DatabaseFile::kFailed;
+    if (!file) return errno == ENOENT ? DatabaseFile::kAbsent : DatabaseFile::kUnreadable;
     const int got = FileRead(file.Get(), database.data(), static_cast<uint32_t>(database.size_bytes()));
     const size_t whole = got > 0 ? static_cast<size_t>(got) / sizeof database[0] : 0;
-    size_t good = 0;
-    while (good < whole && (database[good].recordId == good || IsEmpty(database[good])))
-        ++good;
-    if (good == database.size()) return DatabaseFile::kGood;
-    memset(&database[good], 0, (database.size() - good) * sizeof database[0]);
-    return DatabaseFile::kFailed;
+    bool good = whole == database.size();
+    if (!good) memset(&database[whole], 0, (database.size() - whole) * sizeof database[0]);
+    for (size_t id = 0; id < whole; ++id) {
+        if (database[id].recordId == id || IsEmpty(database[id])) continue;
+        database[id] = {};
+        good = false;
+    }
+    if (got < 0) return DatabaseFile::kUnreadable;
+    return good ? DatabaseFile::kGood : DatabaseFile::kDamaged;
 }
 
 bool CreateDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> database) {

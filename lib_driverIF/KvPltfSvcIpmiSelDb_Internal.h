@@ -30,6 +30,8 @@ bool SameEntry(const KVPS_SEL_ENTRY& a, const KVPS_SEL_ENTRY& b);
 /// What the process knows about a SEL device besides its entry in g_stSelDev.
 struct SelDeviceState {
     bool loaded = false;                   ///< the database is in memory
+    bool dbBehind = false;                 ///< its file lacks what is in memory
+    bool dbPartial = false;                ///< memory lacks what may be in the file, which could not be read
     bool infWritten = false;               ///< the entry is on disk as it is in memory
     bool firstLoaded = false;              ///< the first entry was looked for on disk
     bool firstWritten = false;             ///< and stands there
@@ -111,8 +113,8 @@ void ReportRedetection();
 /// Looks up the device's saved state. @param found  set when there is one @return 0, or the code of the failure
 uint32_t ReadDeviceInfo(DEVICE_INFO& device, bool& found);
 bool WriteDeviceInfo(const DEVICE_INFO& device);
-enum class DatabaseFile { kGood, kAbsent, kFailed };
-/// @param database  all zero; after a failure it holds what was good
+enum class DatabaseFile { kGood, kAbsent, kDamaged, kUnreadable };
+/// @param database  all zero; of a damaged file it holds what is good
 DatabaseFile ReadDatabase(const DEVICE_INFO& device, std::span<KVPS_SEL_ENTRY> database);
 bool CreateDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> database);
 /// Puts entries at their places in the file.

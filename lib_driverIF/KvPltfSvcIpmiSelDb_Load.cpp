@@ -97,7 +97,9 @@ uint32_t LoadSELDatabase(DEVICE_INFO* device) {
     const std::span<KVPS_SEL_ENTRY> database(memory, kSelDbRecords);
     if (device->lastTimeStamp != 0) {
         const DatabaseFile file = ReadDatabase(*device, database);
-        if (file == DatabaseFile::kFailed) NoteDatabaseFailure();
+        state.dbBehind = file == DatabaseFile::kDamaged;
+        state.dbPartial = file == DatabaseFile::kUnreadable;
+        if (state.dbBehind || state.dbPartial) NoteDatabaseFailure();
         if (file != DatabaseFile::kAbsent) {
             state.loaded = true;
             return 0;
@@ -107,7 +109,8 @@ uint32_t LoadSELDatabase(DEVICE_INFO* device) {
         memset(database.data(), 0, database.size_bytes());
         return rc;
     }
-    if (!CreateDatabase(*device, database)) NoteDatabaseFailure();
+    state.dbBehind = !CreateDatabase(*device, database);
+    if (state.dbBehind) NoteDatabaseFailure();
     state.loaded = true;
     return 0;
 }

@@ -93,13 +93,28 @@ void SaveFirstEntry(const DEVICE_INFO& device, const KVPS_SEL_ENTRY& first) {
     state.firstWritten = state.infWritten && WriteFirstEntry(device, first);
 }
 
+/// A file that fell behind, because the state or the entries could not be written, is written whole: entries that it
+/// did not know would be taken for new ones when the log shows them again.
+/// @param found  entries that are in memory since the last call
+void SaveDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> found) {
+    SelDeviceState& state = CurrentSelState();
+    if (found.empty() && !state.dbBehind) return;
+    bool written = false;
+    if (state.infWritten) {
+        const bool whole = state.dbBehind && !state.dbPartial;
+        written = whole ? CreateDatabase(device, CurrentSelDb()) : UpdateDatabase(device, found);
+        if (!written) NoteDatabaseFailure();
+    }
+    state.dbBehind = !written;
+}
+
 void Remember(DEVICE_INFO& device, const DEVICE_INFO& now, std::span<const KVPS_SEL_ENTRY> found,
               const KVPS_SEL_ENTRY& first) {
     SaveDeviceInfo(device, now);
     const std::span<KVPS_SEL_ENTRY> database = CurrentSelDb();
     for (const KVPS_SEL_ENTRY& entry : found)
         database[entry.recordId] = entry;
-    if (CurrentSelState().infWritten && !UpdateDatabase(device, found)) NoteDatabaseFailure();
+    SaveDatabase(device, found);
     SaveFirstEntry(device, first);
     if (!AppendSelLog(found)) {
         PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "Ipmi_sel.log update failure.");
@@ -241,7 +256,10 @@ uint32_t TakeNewEntries(DEVICE_INFO& device, const KVPS_SEL_INFO& info, const KV
     uint32_t count = 0;
     if (const uint32_t rc = FindNewEntries(next, info, first, count)) return rc;
     if (count > 0) return IsStopMarkerMatched() || ShallEnd() ? 0 : TakeEntries(device, next, count, first, table);
-    SaveDeviceInfo(device, device);  // where they could not be written before
+    if (!CurrentSelState().infWritten) {  // it could not be before
+        SaveDeviceInfo(device, device);
+        SaveDatabase(device, {});
+    }
     SaveFirstEntry(device, first);
     return 0;
 }

@@ -569,29 +569,36 @@ TEST_F(SelDb, CountsAndIdsThatDoNotFit) {
 // Files that fail
 
 TEST_F(SelDb, ADatabaseThatFailsIsToldOnceAndKeepsNothingBack) {
-    const std::string good(kDbSize, '\0');
-    std::string misplaced = good;
-    misplaced[16 * 7] = 8;
     const struct {
         const char* what;
         std::function<void()> damage;
+        bool mended = true;  // by the next entry
+        unsigned known = 3;  // of the three old entries
     } cases[] = {
-        {"cut short", [] { truncate(Path(kDb).c_str(), 5 * 16 + 3); }},
-        {"empty", [] { Write(kDb, ""); }},
-        {"an id out of its place", [&] { Write(kDb, misplaced); }},
+        {"cut short", [] { truncate(Path(kDb).c_str(), 2 * 16 + 3); }, true, 1},
+        {"empty", [] { Write(kDb, ""); }, true, 0},
+        {"an id out of its place",
+         [&] {
+             std::string misplaced = Read(kDb);
+             misplaced[2 * 16] = 8;
+             Write(kDb, misplaced);
+         },
+         true, 2},
         {"cannot be read",
          [] {
              std::filesystem::remove(Path(kDb));
              std::filesystem::create_directory(Path(kDb));
-         }},
+         },
+         false, 0},
         {"cannot be opened",
          [] {
              std::filesystem::remove(Path(kDb));
              std::filesystem::create_symlink(kDb, Path(kDb));
-         }},
+         },
+         false, 0},
     };
-    for (const auto& [what, damage] : cases) {
-        Run([&, what = what] {
+    for (const auto& [what, damage, mended, known] : cases) {
+        Run([&, what = what, mended = mended, known = known] {
             StartWith(3);
             EXPECT_FALSE(TakeSelDatabaseFailure());
             damage();
@@ -604,6 +611,14 @@ TEST_F(SelDb, ADatabaseThatFailsIsToldOnceAndKeepsNothingBack) {
             Log(1);
             EXPECT_THAT(Poll(), ElementsAre(5)) << what;
             EXPECT_EQ(kSelDbReported, g_eSelDbFileStat) << "it only ever rises";
+            const std::vector<sim::SelEntry> old = Bmc().Sel()->Entries();
+            Start();
+            sim::SelEntry other = Event(90);
+            other[0] = 90;  // before the others, under an id of its own
+            Bmc().Sel()->Rewrite({other, old[0], old[1], old[2], old[3], old[4]});
+            const size_t unknown = mended ? 3 - known : 5;
+            EXPECT_THAT(Poll(), SizeIs(1 + unknown)) << what;
+            EXPECT_EQ(mended ? kSelDbGood : kSelDbFailed, g_eSelDbFileStat) << what;
         });
     }
 }
@@ -640,6 +655,7 @@ TEST_F(SelDb, AFullDisk) {
         }
         EXPECT_THAT(Poll(), IsEmpty());
         EXPECT_EQ(5, ReadInf().selCount) << "written when there is room again";
+        EXPECT_EQ(5U, NumberOf(ReadDb(5))) << "the entries too";
         Start();
         EXPECT_THAT(Poll(), IsEmpty());
     });
