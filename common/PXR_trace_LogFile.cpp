@@ -14,6 +14,7 @@
 #include <new>
 #include <utility>
 
+#include "common/PXR_thread_internal.h"
 #include "libplatform/PXR_message.h"
 #include "libplatform/PXR_trace.h"
 
@@ -205,6 +206,7 @@ struct PXR_log_file {
 };
 
 PXR_log_file* PXR_log_file_open(const char* path, uint32_t limitKiB) {
+    const CancelBlock untilItIsOpen;
     std::unique_ptr<PXR_log_file> log(new (std::nothrow) PXR_log_file);
     const int error = log == nullptr ? ENOMEM : log->file.Open(path, limitKiB);
     if (error == 0) return log.release();
@@ -214,9 +216,11 @@ PXR_log_file* PXR_log_file_open(const char* path, uint32_t limitKiB) {
 }
 
 void PXR_log_file_write(PXR_log_file* file, const char* lines, size_t length) {
+    const CancelBlock wholeLines;
     if (file != nullptr && lines != nullptr) file->file.Write(lines, length);
 }
 
 void PXR_log_file_close(PXR_log_file* file) {
+    const CancelBlock untilItIsClosed;
     delete file;
 }

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <thread>
 
@@ -299,6 +300,31 @@ TEST(PxrTrace, NeverWritesIntoAConnectionThatReusesTheNumber) {
         ASSERT_EQ(3U, packets.size());
         EXPECT_EQ(PXR_TRACE_TYPE_START, packets[1].type);
         EXPECT_EQ("after", TextOf(packets[2]));
+    });
+}
+
+// Workers are stopped by cancelling them, wherever they are.
+TEST(PxrTrace, ACancelledThreadFinishesItsCall) {
+    RunInRoot(MakeVariant("libplatform.so.1.0.0"), [] {
+        TraceListener daemon;
+        PXR_log_file* log = nullptr;
+        const std::function<void()> calls[] = {[] { PXR_trace_init(); },
+                                               [] { PXR_trace(0x1000, 0, "to the daemon"); },
+                                               [] { PXR_trace(0x8000, 0, "to the log"); },
+                                               [&] { log = PXR_log_file_open("/tmp/cancelled.log", 1); },
+                                               [&] { PXR_log_file_write(log, "line\n", 5); },
+                                               [&] { PXR_log_file_close(log); },
+                                               [] { PXR_trace_term(); }};
+        for (const auto& call : calls) {
+            bool finished = false;
+            std::thread([&] {
+                pthread_cancel(pthread_self());
+                call();
+                pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+                finished = true;
+            }).join();
+            EXPECT_TRUE(finished) << &call - calls;
+        }
     });
 }
 
