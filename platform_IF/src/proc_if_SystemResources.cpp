@@ -17,6 +17,7 @@
 #include "common/PXR_data_access_internal.h"
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
+#include "common/PXR_thread_internal.h"
 #include "platform_IF/src/proc_if.h"
 
 namespace {
@@ -300,6 +301,7 @@ uint32_t ReadFileToBuffer(const char* path, char** buffer, int* size) {
     if (path == nullptr || buffer == nullptr || size == nullptr) {
         return MakeResult(fn::kReadFileToBuffer, Reason::NullArgument);
     }
+    const CancelBlock whileOpen;
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return MakeResult(fn::kReadFileToBuffer, Reason::KernelListRead);
     OwnedText text;
