@@ -1,6 +1,7 @@
 #include "libplatform/platform_if.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -16,12 +18,14 @@
 #include "kvdatafactory/Alert/KvAfHooks.h"
 #include "libplatform/KvDeviceOps.h"
 #include "libplatform/KvPsDevice.h"
+#include "libplatform/PXR_trace.h"
 #include "platform_IF/src/platform_if.h"
 #include "platform_IF/src/watch_config.h"
 #include "simulator/Scenario.h"
 #include "simulator/SimulatedServer.h"
 #include "simulator/VirtualClock.h"
 #include "tests/support/InMachineRoot.h"
+#include "tests/support/TraceListener.h"
 
 namespace {
 
@@ -277,6 +281,62 @@ TEST(InitLib, LoadsTheWordsAndCanStartAgain) {
             EXPECT_NE(0u, KvPsGetDeviceId(&id));
             EXPECT_EQ(0, TerminateLib());
         }
+    });
+}
+
+/// What body traces at the interface's mask, as "level text".
+std::vector<std::string> InterfaceTraceOf(const std::function<void()>& body) {
+    TraceListener daemon;
+    EXPECT_EQ(0, PXR_trace_init());
+    body();
+    PXR_trace(0x2000, 0, "end");
+    std::vector<std::string> lines;
+    EXPECT_TRUE(Eventually([&] {
+        lines.clear();
+        for (const PXR_trace_packet& packet : daemon.WaitFor(0)) {
+            const PXR_trace_message& message = packet.body.message;
+            if (packet.type != PXR_TRACE_TYPE_MESSAGE || message.mask != 0x2000) continue;
+            lines.push_back(std::to_string(message.level) + ' ' + std::string(message.text, message.length));
+        }
+        return !lines.empty() && lines.back() == "0 end";
+    }));
+    PXR_trace_term();
+    if (!lines.empty()) lines.pop_back();
+    return lines;
+}
+
+TEST(EntryPoints, TraceEntryAndExit) {
+    const MachineRoot root = MakeTestRoot();
+    root.AddSystemFile(kRackServer, "/scenario.json");
+    RunInRoot(root, [] {
+        const Server server("/scenario.json");
+        const auto lines = InterfaceTraceOf([] {
+            InitLib();
+            _PXR_COMMAND_LIST* list = nullptr;
+            PXR_GetCommandList(&list);
+            FreeCommandList(list);
+            SendMessage(kMessageWatchConfiguration, nullptr, nullptr);
+            Exec(nullptr, kModeQuery);
+            Exec(MakeEnum(KTX_CLS_EISA_SLOT).get(), kModeAction);
+            Exec(MakeEnum(KTX_CLS_ALERT_RECORD).get(), kModeQuery);
+            TerminateLib();
+        });
+        const std::string slot = "20 Enum: namespace=(none) class=25(KTX_CLS_EISA_SLOT) classcount=0\n";
+        const std::string alert = "30 Enum: namespace=(none) class=45(KTX_CLS_ALERT_RECORD) classcount=0\n";
+        EXPECT_THAT(lines,
+                    testing::ElementsAre("5 [IN ]InitLib(libplatform)() (00000000)", "1 libplatform initialized.\n",
+                                         "5 [OUT]InitLib(libplatform)() (00000000) =00000000",
+                                         "5 [IN ]PXR_GetCommandList(libplatform)() (00000000)",
+                                         "5 [OUT]PXR_GetCommandList(libplatform)() (00000000) =00000000",
+                                         "5 [IN ]SendMessage(libplatform)() (00010000)",
+                                         "5 [OUT]SendMessage(libplatform)() (00010000) =60014202",
+                                         "5 [OUT]PXR_ExecCommand(libplatform)() (00020000) =60024201",
+                                         "5 [IN ]PXR_ExecCommand(libplatform)() (00020000) Class=KTX_CLS_EISA_SLOT",
+                                         slot, "5 [OUT]PXR_ExecCommand(libplatform)() (00020000) =60024202", slot,
+                                         "30 [IN ]PXR_ExecCommand(libplatform)() (00020000) Class=KTX_CLS_ALERT_RECORD",
+                                         alert, "30 [OUT]PXR_ExecCommand(libplatform)() (00020000) =00000000", alert,
+                                         "5 [IN ]TerminateLib(libplatform)() (00000000)", "1 libplatform terminated.\n",
+                                         "5 [OUT]TerminateLib(libplatform)() (00000000) =00000000"));
     });
 }
 
