@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -39,7 +40,8 @@ private:
     int fd_;
 };
 
-bool ReadWhole(int fd, std::string& content) {
+/// Files may be larger than the memory that is left.
+bool ReadWhole(int fd, std::string& content) try {
     constexpr uint32_t kChunk = 64 * 1024;
     while (true) {
         const size_t filled = content.size();
@@ -49,6 +51,9 @@ bool ReadWhole(int fd, std::string& content) {
         content.resize(filled + static_cast<size_t>(got));
         if (static_cast<uint32_t>(got) < kChunk) return true;
     }
+} catch (const std::exception&) {  // std::bad_alloc, or std::length_error from 2 GiB on
+    SetRecentErrno(ENOMEM);
+    return false;
 }
 
 bool WriteWhole(int fd, const std::string& content) {

@@ -83,21 +83,32 @@ TEST(Copy, KeepsContentAndMode) {
     EXPECT_EQ(content, directory.ReadFile("destination")) << "nothing truncated for a source that is not there";
 }
 
-TEST(Copy, FailedWriteLeavesNothing) {
+TEST(Copy, LeavesNothingWhenThereIsNoRoom) {
     const TempDirectory directory;
-    const std::string source = directory.AddFile("source", std::string(100'000, 'c'));
-    const pid_t child = fork();
-    if (child == 0) {
-        signal(SIGXFSZ, SIG_IGN);
-        const rlimit small = {4096, 4096};
-        setrlimit(RLIMIT_FSIZE, &small);
-        _exit(CreateCopyFile(source.c_str(), directory.Path("copy").c_str(), 0) == 0 && GetRecentErrno() == EFBIG ? 0
-                                                                                                                  : 1);
+    const std::string source = directory.AddFile("source", std::string(1'000'000, 'c'));
+    struct Case {
+        decltype(RLIMIT_FSIZE) resource;
+        int error;
+    };
+    for (const Case& c : {
+             Case{RLIMIT_FSIZE, EFBIG},
+#ifndef __SANITIZE_ADDRESS__  // the sanitizer itself needs the address space
+             Case{RLIMIT_AS, ENOMEM},
+#endif
+         }) {
+        const pid_t child = fork();
+        if (child == 0) {
+            signal(SIGXFSZ, SIG_IGN);
+            const rlimit small = {4096, 4096};
+            setrlimit(c.resource, &small);
+            const bool failed = CreateCopyFile(source.c_str(), directory.Path("copy").c_str(), 0) == 0;
+            _exit(failed && GetRecentErrno() == c.error ? 0 : 1);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(0, status) << c.error;
+        EXPECT_FALSE(directory.Exists("copy"));
     }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(0, status);
-    EXPECT_FALSE(directory.Exists("copy"));
 }
 
 TEST(Directories, AreMadeAndRemovedWhole) {
