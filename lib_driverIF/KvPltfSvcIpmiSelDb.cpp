@@ -98,7 +98,8 @@ bool IsStopMarkerMatched() {
                                [](SelMarker& marker) { return std::atomic_ref(marker.matched).load() != 0; });
 }
 
-void NoteDatabaseFailure() {
+void NoteDatabaseFailure(uint32_t code, std::source_location where) {
+    PXR_ReportError(code, where);
     SelDbFileState good = kSelDbGood;
     g_eSelDbFileStat.compare_exchange_strong(good, kSelDbFailed);
 }

@@ -58,8 +58,9 @@ std::span<KVPS_SEL_ENTRY> CurrentSelDb();
 /// @return whether the entry is a stop marker, or one was read before
 bool MatchStopMarkers(const KVPS_SEL_ENTRY& entry);
 bool IsStopMarkerMatched();
-/// A file of the database could not be used.
-void NoteDatabaseFailure();
+/// Reports that a file of the database could not be used.
+/// @param code  for the trace
+void NoteDatabaseFailure(uint32_t code, std::source_location where = std::source_location::current());
 /// Traces a failed step of a walk.
 void TraceSelFailure(const char* function, uint32_t code, std::source_location where = std::source_location::current());
 

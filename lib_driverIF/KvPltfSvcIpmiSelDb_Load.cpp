@@ -99,7 +99,7 @@ uint32_t LoadSELDatabase(DEVICE_INFO* device) {
         const DatabaseFile file = ReadDatabase(*device, database);
         state.dbBehind = file == DatabaseFile::kDamaged;
         state.dbPartial = file == DatabaseFile::kUnreadable;
-        if (state.dbBehind || state.dbPartial) NoteDatabaseFailure();
+        if (state.dbBehind || state.dbPartial) NoteDatabaseFailure(MakeResult(kFunction, Reason::FileRead));
         if (file != DatabaseFile::kAbsent) {
             state.loaded = true;
             return 0;
@@ -110,7 +110,7 @@ uint32_t LoadSELDatabase(DEVICE_INFO* device) {
         return rc;
     }
     state.dbBehind = !CreateDatabase(*device, database);
-    if (state.dbBehind) NoteDatabaseFailure();
+    if (state.dbBehind) NoteDatabaseFailure(MakeResult(kFunction, Reason::FileWrite));
     state.loaded = true;
     return 0;
 }

@@ -21,6 +21,7 @@ namespace {
 
 constexpr uint32_t kFunction = fn::kGetSelDeviceEntries;
 constexpr int kPasses = 4;
+constexpr uint32_t kNotWritten = MakeResult(kFunction, Reason::FileWrite);
 
 constexpr uint32_t kEntriesOfFullLog = 500;
 constexpr uint32_t kPercentOfFullLog = 80;
@@ -80,7 +81,7 @@ void SaveDeviceInfo(DEVICE_INFO& device, const DEVICE_INFO& now) {
     SelDeviceState& state = CurrentSelState();
     if (memcmp(&device, &now, sizeof now) == 0 && state.infWritten) return;
     state.infWritten = WriteDeviceInfo(now);
-    if (!state.infWritten) NoteDatabaseFailure();
+    if (!state.infWritten) NoteDatabaseFailure(kNotWritten);
     device = now;
 }
 
@@ -103,7 +104,7 @@ void SaveDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> fou
     if (state.infWritten) {
         const bool whole = state.dbBehind && !state.dbPartial;
         written = whole ? CreateDatabase(device, CurrentSelDb()) : UpdateDatabase(device, found);
-        if (!written) NoteDatabaseFailure();
+        if (!written) NoteDatabaseFailure(kNotWritten);
     }
     state.dbBehind = !written;
 }

@@ -2,6 +2,7 @@
 
 #include "lib_driverIF/KvPltfSvcIpmiSelDb.h"
 
+#include <fnmatch.h>
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -12,9 +13,12 @@
 #include <numeric>
 #include <thread>
 
+#include "libplatform/PXR_trace.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/FullDisk.h"
 #include "tests/support/SelMachine.h"
 #include "tests/support/SyslogListener.h"
+#include "tests/support/TraceListener.h"
 
 namespace {
 
@@ -613,9 +617,7 @@ TEST_F(SelDb, ADatabaseThatFailsIsToldOnceAndKeepsNothingBack) {
             EXPECT_EQ(kSelDbReported, g_eSelDbFileStat) << "it only ever rises";
             const std::vector<sim::SelEntry> old = Bmc().Sel()->Entries();
             Start();
-            sim::SelEntry other = Event(90);
-            other[0] = 90;  // before the others, under an id of its own
-            Bmc().Sel()->Rewrite({other, old[0], old[1], old[2], old[3], old[4]});
+            Bmc().Sel()->Rewrite({EventAt(90, 90), old[0], old[1], old[2], old[3], old[4]});
             const size_t unknown = mended ? 3 - known : 5;
             EXPECT_THAT(Poll(), SizeIs(1 + unknown)) << what;
             EXPECT_EQ(mended ? kSelDbGood : kSelDbFailed, g_eSelDbFileStat) << what;
@@ -740,6 +742,55 @@ TEST_F(SelDb, ReplacedHardwareStartsAnew) {
         EXPECT_THAT(Poll(), IsEmpty());
         Log(1);
         EXPECT_THAT(Poll(), ElementsAre(6));
+    });
+}
+
+TEST_F(SelDb, WhatHappensIsTraced) {
+    Run([this] {
+        TraceListener daemon;
+        ASSERT_EQ(0, PXR_trace_init());
+        Log(3);
+        server.OnCommand(kStorage, kGetEntry, [this, n = 0](const auto&, const auto& answer) mutable {
+            if (++n == 2) ClearAndLog(1);
+            return answer();
+        });
+        Start();
+        Poll();
+        Poll();
+        {
+            const FullDisk full;
+            Bmc().Sel()->Rewrite({EventAt(90, 40), Bmc().Sel()->Entries()[0]});
+            Poll();
+        }
+        Bmc().Refuse(kStorage, kGetInfo, sim::cc::kUnspecified);
+        Poll();
+        PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "the end");
+        std::vector<std::string> traced;
+        Eventually([&] {
+            traced.clear();
+            for (const PXR_trace_packet& packet : daemon.WaitFor(1)) {
+                if (packet.type == 2) traced.emplace_back(packet.body.message.text, packet.body.message.length);
+            }
+            return !traced.empty() && traced.back() == "the end";
+        });
+        size_t at = 0;
+        for (const char* line : {
+                 "QNTR 6B2C5-C 033 The reservation of the BMC records was cancelled. (*)\n",
+                 "?Error?KvPsLockAndGetSelEntry() failed. dwErrCode=0x6033b2c5(*)\n",
+                 "?Info?KvPsLockAndGetSelInfo() Sel Clear(*)\n",
+                 "SelCount:1",
+                 "SelCount:2",
+                 "The processed system event log was detected again. SEL=01 00 02 * 20 00 04 08 49 6F 04 00 FF \n",
+                 "QNTR 6B501-C 053 *(*)\n",
+                 "QNTR 61300-C 053 The file cannot be written. (*)\n",
+                 "Ipmi_sel.log update failure.",
+                 "?Error?KvPsLockAndGetSelInfo() failed. dwErrCode=0x6031b2ff(*)\n",
+             }) {
+            while (at < traced.size() && fnmatch(line, traced[at].c_str(), 0) != 0)
+                ++at;
+            EXPECT_LT(at, traced.size()) << line;
+        }
+        PXR_trace_term();
     });
 }
 

@@ -22,6 +22,13 @@ inline sim::SelEntry Event(unsigned number, uint32_t time = 0) {
                             time);
 }
 
+/// The same under an id of its own, for a log that is rewritten.
+inline sim::SelEntry EventAt(uint8_t id, unsigned number) {
+    sim::SelEntry event = Event(number);
+    event[0] = id;
+    return event;
+}
+
 inline unsigned NumberOf(const KVPS_SEL_ENTRY& entry) {
     return entry.eventData[0] | static_cast<unsigned>(entry.eventData[1]) << 8;
 }
