@@ -157,11 +157,15 @@ int CreateDirectoryforFile(const char* file) {
 
 int RemoveDir(const char* path) {
     if (path == nullptr) return Fail(EINVAL);
+    // With a slash behind it, a link to a directory would pass for the directory.
+    std::string name = path;
+    while (name.size() > 1 && name.back() == '/')
+        name.pop_back();
     struct stat status = {};
-    if (lstat(path, &status) != 0) return 0;
+    if (lstat(name.c_str(), &status) != 0) return 0;
     if (!S_ISDIR(status.st_mode)) return Fail(ENOTDIR);
     std::error_code error;
-    std::filesystem::remove_all(path, error);
+    std::filesystem::remove_all(name, error);
     return error ? Fail(error.value()) : 1;
 }
 

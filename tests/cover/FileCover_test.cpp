@@ -122,12 +122,16 @@ TEST(Directories, AreMadeAndRemovedWhole) {
     EXPECT_EQ(0, CreateDirectoryforPath(directory.Path("a/file").c_str()));
     EXPECT_EQ(ENOTDIR, GetRecentErrno());
 
-    directory.AddFile("outside", "kept");
+    EXPECT_EQ(1, CreateNewDirectory(directory.Path("outside").c_str()));
+    directory.AddFile("outside/file", "kept");
     fs::create_symlink(directory.Path("outside"), deep + "/link");
-    EXPECT_EQ(0, RemoveDir(directory.Path("a/file").c_str())) << "not a directory";
-    EXPECT_EQ(1, RemoveDir(directory.Path("a").c_str()));
+    for (const char* other : {"a/file", "a/b/c/link", "a/b/c/link/"}) {
+        EXPECT_EQ(0, RemoveDir(directory.Path(other).c_str())) << other << " is no directory";
+        EXPECT_EQ(ENOTDIR, GetRecentErrno());
+    }
+    EXPECT_EQ(1, RemoveDir(directory.Path("a//").c_str()));
     EXPECT_FALSE(directory.Exists("a"));
-    EXPECT_EQ("kept", directory.ReadFile("outside"));
+    EXPECT_EQ("kept", directory.ReadFile("outside/file"));
     EXPECT_EQ(0, RemoveDir(directory.Path("a").c_str()));
     EXPECT_EQ(ENOENT, GetRecentErrno());
 }
