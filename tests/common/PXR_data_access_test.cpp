@@ -72,6 +72,7 @@ Owned<_KVCIM_ENUM> NewIrqs(uint32_t count) {
         _KVCIM_CLASS* const c = NewClass(KTX_CLS_IRQ).release();
         EXPECT_EQ(0, SetPropertyUint32(c, KTX_PROP_IRQ_NUMBER, i));
         EXPECT_EQ(0, SetPropertyStr(c, KTX_PROP_DEVICE, ("dev" + std::to_string(i)).c_str()));
+        c->next = c;  // left over from another list
         EXPECT_EQ(0, InsertClass(e, c));
     }
     return Owned<_KVCIM_ENUM>(e);
@@ -134,24 +135,44 @@ TEST(DataModel, TemplateOrderAndTypes) {
 TEST(DataModel, WrongArgumentsGiveTheirCodes) {
     auto* const untouched = reinterpret_cast<_KVCIM_CLASS*>(0x1000);
     _KVCIM_CLASS* c = untouched;
-    EXPECT_EQ(0x61884202u, Code(CreateClass(61, &c)));
-    EXPECT_EQ(0x61884202u, Code(CreateClass(-1, &c)));
-    EXPECT_EQ(untouched, c);
-
+    _KVCIM_ENUM* madeEnum = nullptr;
+    _KVCIM_PROP* madeProp = nullptr;
+    _PXR_COMMAND_LIST* list = nullptr;
     const auto e = NewIrqs(1);
-    EXPECT_EQ(0x618F4201u, Code(InsertClass(e.get(), nullptr)));
-    EXPECT_EQ(0x618F4201u, Code(InsertClass(nullptr, e->first)));
-    EXPECT_EQ(1u, e->classCount);
-
     _KVCIM_CLASS* const irq = e->first;
+    _KVCIM_PROP* const device = SearchProperty(irq, KTX_PROP_DEVICE);
     const uint32_t number = 7;
-    EXPECT_EQ(0x618C4201u, Code(SetProperty(nullptr, KTX_PROP_INDEX, &number)));
-    EXPECT_EQ(0x618C4202u, Code(SetProperty(irq, KTX_PROP_FAN_NO, &number)));
-    EXPECT_EQ(0x618E4201u, Code(SetPropertyArray(nullptr, KTX_PROP_INDEX, &number, 1)));
-    EXPECT_EQ(0x618E4202u, Code(SetPropertyArray(irq, KTX_PROP_FAN_NO, &number, 1)));
+    const std::pair<uint32_t, int> failures[] = {
+        {0x61864201, CreateEnum(KTX_CLS_IRQ, nullptr)},
+        {0x61884202, CreateClass(61, &c)},
+        {0x61884202, CreateClass(-1, &c)},
+        {0x61884201, CreateClass(0, nullptr)},
+        {0x618F4201, InsertClass(e.get(), nullptr)},
+        {0x618F4201, InsertClass(nullptr, irq)},
+        {0x618C4201, SetProperty(nullptr, KTX_PROP_INDEX, &number)},
+        {0x618C4202, SetProperty(irq, KTX_PROP_FAN_NO, &number)},
+        {0x618B4201, SetPropertyString(nullptr, "x")},
+        {0x618E4201, SetPropertyArray(nullptr, KTX_PROP_INDEX, &number, 1)},
+        {0x618E4202, SetPropertyArray(irq, KTX_PROP_FAN_NO, &number, 1)},
+        {0x618D4201, SetPropertyStringArray(nullptr, nullptr, 0)},
+        {0x61874201, DuplicateEnum(nullptr, &madeEnum)},
+        {0x61874201, DuplicateEnum(e.get(), nullptr)},
+        {0x61894201, DuplicateClass(nullptr, &c)},
+        {0x61894201, DuplicateClass(irq, nullptr)},
+        {0x618A4201, DuplicateProperty(nullptr, &madeProp)},
+        {0x618A4201, DuplicateProperty(device, nullptr)},
+        {0x61854201, AllocCommandList(&number, 1, nullptr)},
+        {0x61854201, AllocCommandList(nullptr, 1, &list)},
+    };
+    for (size_t i = 0; i < std::size(failures); ++i)
+        EXPECT_EQ(failures[i].first, Code(failures[i].second)) << i;
+    EXPECT_EQ(untouched, c);
+    EXPECT_EQ(1u, e->classCount);
     EXPECT_EQ(5u, irq->propCount);
     EXPECT_EQ(nullptr, SearchProperty(irq, KTX_PROP_INDEX)->value);
     EXPECT_EQ(nullptr, SearchProperty(nullptr, KTX_PROP_INDEX));
+    EXPECT_EQ(0, SetPropertyStringArray(device, nullptr, 1));
+    EXPECT_EQ(nullptr, device->value);
     FreeProp(nullptr);
     FreeClass(nullptr);
     FreeEnum(nullptr);
@@ -318,10 +339,13 @@ TEST_F(MacAddresses, AreCopiedAsAnArray) {
 TEST_F(MacAddresses, ATableThatLeavesItsBlockIsBytes) {
     char outside[] = "outside";
     char** const table = table_;
-    const std::pair<int, char*> damages[] = {
-        {0, outside},       {1, outside},
-        {1, nullptr},       {0, reinterpret_cast<char*>(table) + 6},
-        {0, *table + 4000}, {1, reinterpret_cast<char*>(table) + malloc_usable_size(table)}};
+    const std::pair<int, char*> damages[] = {{0, outside},
+                                             {1, outside},
+                                             {1, nullptr},
+                                             {0, reinterpret_cast<char*>(table) + 6},
+                                             {1, reinterpret_cast<char*>(table) + 1},
+                                             {0, *table + 4000},
+                                             {1, reinterpret_cast<char*>(table) + malloc_usable_size(table)}};
     for (const auto& [index, pointer] : damages) {
         char* const whole = std::exchange(table_[index], pointer);
         EXPECT_EQ(0u, TextsOf(*property_).count);
@@ -500,6 +524,8 @@ TEST(DataModelTrace, OtherTypesArraysAndLongTexts) {
         SetProperyUint8(cod.get(), KTX_PROP_FIRM_REV1, 0xA);
         EXPECT_EQ("type=2(PROP_TYPE_UINT8) value=0x0A", valueOf(cod.get(), KTX_PROP_FIRM_REV1));
         const auto disk = NewClass(KTX_CLS_FILE_SYSTEM);
+        SetPropertyUint32(disk.get(), KTX_PROP_FREE_INODE, 0xABCDE);
+        EXPECT_EQ("type=4(PROP_TYPE_UINT32) value=000abcde", valueOf(disk.get(), KTX_PROP_FREE_INODE));
         SetPropertyUint64(disk.get(), KTX_PROP_TOTAL_SIZE, 0x1F00000000);
         EXPECT_EQ("type=5(PROP_TYPE_UINT64) value=0000001f00000000", valueOf(disk.get(), KTX_PROP_TOTAL_SIZE));
         const auto computer = NewClass(KTX_CLS_COMPUTER_SYSTEM);

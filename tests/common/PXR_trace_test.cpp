@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -67,6 +68,18 @@ std::vector<std::string> Lines(const std::string& content) {
     for (std::string line; std::getline(in, line);)
         lines.push_back(line);
     return lines;
+}
+
+/// Descriptor flags of every connection to the daemon.
+std::vector<int> FlagsOfConnections() {
+    std::vector<int> flags;
+    for (int fd = 0; fd < 100; ++fd) {
+        sockaddr_un peer{};
+        socklen_t size = sizeof peer;
+        if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) != 0) continue;
+        if (strcmp(peer.sun_path, PXR_TRACE_SOCKET) == 0) flags.push_back(fcntl(fd, F_GETFD));
+    }
+    return flags;
 }
 
 void SetName(const char* name) {
@@ -146,6 +159,7 @@ TEST(PxrTrace, SilentUntilInitSucceedsAndAfterTerm) {
         PXR_trace(0x1000, 0, "on");
         EXPECT_EQ(3U, daemon.WaitFor(3).size());
         EXPECT_EQ("on", TextOf(daemon.Connections().at(1).at(1)));
+        EXPECT_EQ(std::vector<int>{FD_CLOEXEC}, FlagsOfConnections()) << "which no child inherits";
     });
 }
 
@@ -186,6 +200,7 @@ TEST(PxrTrace, BinaryDataAreCutBehindTheMarker) {
             data[i] = static_cast<char>(i);
         const auto* bytes = reinterpret_cast<const uint8_t*>(data.data());
         EXPECT_EQ(0, PXR_trace_sp("null", nullptr, 500));
+        EXPECT_EQ(0, PXR_trace_sp("negative", bytes, -1));
         EXPECT_EQ(0, PXR_trace_sp(std::string(70, 'n').c_str(), bytes, 500));
         const auto packets = daemon.WaitFor(3);
         ASSERT_EQ(3U, packets.size());
@@ -357,13 +372,15 @@ TEST(PxrTrace, ConfigurationHasTwoKindsOfDefaults) {
         uint32_t packetSize;
     };
     const std::string usual = "/var/opt/velmora/lantrel/log/agt_pt_linux.log";
+    const std::string longest(400, 'p');
     const Case cases[] = {
         {"", 20, 5120, 1, 0, usual, 1024},  // no file
         {"[OtherProduct0330]\nTraceLevel = 3\n", 20, 5120, 1, 0, usual, 1024},
         {Config(""), 10, 5120, 1, 1, usual, 1024},
         {Config("TraceLevel=100\nTraceSize=1048577\nPacketTraceSize=0x10\n"), 100, 5120, 1, 1, usual, 16},
-        {Config("NetworkLogMode=False\nPacketTraceMode=False\nTraceSize=0\nPacketTraceFile=/tmp/p\n"), 10, 0, 0, 0,
-         "/tmp/p", 1024},
+        {Config("NetworkLogMode=False\nPacketTraceMode=False\nTraceLevel=101\nTraceSize=0\nPacketTraceFile=" + longest +
+                "p\n"),
+         10, 0, 0, 0, longest, 1024},
     };
     for (const Case& c : cases) {
         const MachineRoot root = MakeTestRoot();
@@ -429,6 +446,7 @@ TEST(PxrTrace, EditToolWritesItsIpmiLogAndNothingElse) {
         TraceListener daemon;
         EXPECT_EQ(0, PXR_trace_init_ipmi_pxraaedit_log());
         PXR_trace(0x8000, 20, "works without a daemon\n");
+        PXR_trace_ext(0x8000, 0, 0, "needs one\n");
         ASSERT_EQ(0, PXR_trace_init());
         PXR_trace(0x1000, 0, "dropped");
         EXPECT_EQ(0, PXR_trace_term_ipmi_pxraaedit_log());
@@ -442,15 +460,15 @@ TEST(PxrTrace, EditToolWritesItsIpmiLogAndNothingElse) {
 
 TEST(PxrTrace, SingleTraceFileOfTools) {
     const MachineRoot root = MakeTestRoot();
-    root.AddFile(kConfigPath, Config("TraceLevel = 5\n"));
+    root.AddFile(kConfigPath, Config("TraceLevel = 0\n"));
     root.AddFile(kSinglePath, "before\n");
     RunInRoot(root, [] {
         std::string path = kSinglePath;
         PXR_Single_trace(0xA000, "not open\n");
         EXPECT_EQ(0, PXR_single_trace_init(path.data()));
         PXR_Single_trace(0xA000, "%s", std::string(600, 't').c_str());
-        PXR_Single_trace_pxraaedit(5, 1, 2, "five\n");
-        PXR_Single_trace_pxraaedit(6, 1, 2, "six\n");
+        PXR_Single_trace_pxraaedit(0, 1, 2, "zero\n");
+        PXR_Single_trace_pxraaedit(1, 1, 2, "one\n");
         PXR_Single_trace_term();
         PXR_Single_trace(0xA000, "closed\n");
         std::string nowhere = "/no/such/place";
@@ -458,7 +476,7 @@ TEST(PxrTrace, SingleTraceFileOfTools) {
         EXPECT_EQ(-1, PXR_single_trace_init(nullptr));
     });
     EXPECT_THAT(Lines(root.ReadFile(kSinglePath)),
-                ElementsAre("before", EndsWith("]: : " + std::string(448, 't')), EndsWith(": five")));
+                ElementsAre("before", EndsWith("]: : " + std::string(448, 't')), EndsWith(": zero")));
 }
 
 TEST(PxrTrace, LinesAreCutAtTheirLimitAndDoNotTrustTheMessage) {
@@ -476,16 +494,23 @@ TEST(PxrTrace, LinesAreCutAtTheirLimitAndDoNotTrustTheMessage) {
     message.text[3] = '\0';
     PXR_trace_format_line(line, "c", 7, &message);
     EXPECT_STREQ("ttt\n", line);
+    message.length = 2;
+    PXR_trace_format_line(line, "c", 7, &message);
+    EXPECT_STREQ("tt\n", line);
+    message.length = 0;
+    PXR_trace_format_line(line, "c", 7, &message);
+    EXPECT_STREQ("\n", line);
 }
 
 /// Writes numbered lines and checks after each that the file holds whole consecutive ones up to it, within the limit.
 void GrowAndCheck(const char* path, uint32_t limitKiB, int count, size_t padding, int checkEvery) {
-    LogFile file;
-    ASSERT_EQ(0, file.Open(path, limitKiB));
+    LogFile files[2];  // as of two processes
+    for (LogFile& file : files)
+        ASSERT_EQ(0, file.Open(path, limitKiB));
     for (int n = 0; n < count; ++n) {
         const std::string line = std::to_string(n) + std::string(padding + static_cast<size_t>(n) % 7, '.') + "\n";
         const auto before = std::filesystem::file_size(path);
-        file.Write(line.data(), line.size());
+        files[n % 2].Write(line.data(), line.size());
         const auto size = std::filesystem::file_size(path);
         ASSERT_GE(size < before ? limitKiB * 512U : limitKiB * 1024U, size) << "after line " << n;
         if (size > before && n % checkEvery != 0) continue;
@@ -501,6 +526,23 @@ TEST(LogFile, KeepsItsNewestWholeLines) {
     RunInRoot(MakeTestRoot(), [] {
         GrowAndCheck("/tmp/small.log", 1, 300, 40, 1);
         GrowAndCheck("/tmp/large.log", 1024, 4000, 500, 1000);  // several pieces are moved
+    });
+}
+
+TEST(LogFile, IsNotCutWhileAnotherProcessCutsIt) {
+    RunInRoot(MakeTestRoot(), [] {
+        LogFile file;
+        ASSERT_EQ(0, file.Open("/tmp/both.log", 1));
+        const int other = open("/tmp/both.log", O_RDWR | O_CLOEXEC);
+        const std::string line = std::string(599, '.') + "\n";
+        ASSERT_EQ(0, flock(other, LOCK_EX));
+        for (int i = 0; i < 3; ++i)
+            file.Write(line.data(), line.size());
+        EXPECT_EQ(3 * line.size(), std::filesystem::file_size("/tmp/both.log"));
+        ASSERT_EQ(0, flock(other, LOCK_UN));
+        file.Write("last\n", 5);
+        EXPECT_EQ("last\n", Content("/tmp/both.log"));
+        close(other);
     });
 }
 
