@@ -14,19 +14,33 @@ namespace {
 constexpr int kNoJob = 0;
 constexpr timespec kDonePoll{0, 10'000'000};
 
+/// Values of the completion flag.
+enum Completion : uint8_t { kAsked = 0, kDone = 1, kRunning = 2 };
+
 /// The one job of the process. `lock` belongs to the thread that asks, from its request to its answer; the main thread
-/// takes no lock (it may be inside a signal handler) and is told by `kind` and tells by `done`.
+/// takes no lock (it may be inside a signal handler). With `done`, kind and data go to the main thread and come back.
 struct MainJob {
     pid_t pid;  ///< process whose main thread runs the jobs; 0 none
     std::mutex lock;
-    std::atomic<int> kind;
+    int kind;
     std::atomic<uint8_t> done;
     uint8_t data[PXR_JOB_DATA_SIZE];
 };
-static_assert(std::atomic<int>::is_always_lock_free && std::atomic<uint8_t>::is_always_lock_free);
+static_assert(std::atomic<uint8_t>::is_always_lock_free);
 
 MainJob g_tJob;
 std::atomic<bool> jobInitialised{false};
+
+/// Takes the job that waits. It is run once, however many signals come, and a signal from elsewhere takes none.
+bool TakeJob() {
+    uint8_t asked = kAsked;
+    return g_tJob.done.compare_exchange_strong(asked, kRunning);
+}
+
+void CompleteJob() {
+    g_tJob.kind = kNoJob;
+    g_tJob.done = kDone;
+}
 
 void Run(PXR_job_execute& job) {
     if (job.program == nullptr || job.argv == nullptr) return;
@@ -90,14 +104,13 @@ bool RunInMainThread(int kind, void* data, size_t size) {
     const std::lock_guard guard(g_tJob.lock);
     std::memset(g_tJob.data, 0, sizeof(g_tJob.data));
     std::memcpy(g_tJob.data, data, size);
-    g_tJob.done = 0;
     g_tJob.kind = kind;
-    if (kill(g_tJob.pid, SIGUSR1) != 0) {
-        g_tJob.kind = kNoJob;
-        g_tJob.done = 1;
+    g_tJob.done = kAsked;
+    if (kill(g_tJob.pid, SIGUSR1) != 0 && TakeJob()) {
+        CompleteJob();
         return false;
     }
-    while (g_tJob.done == 0)
+    while (g_tJob.done != kDone)
         nanosleep(&kDonePoll, nullptr);
     std::memcpy(data, g_tJob.data, size);
     return true;
@@ -108,15 +121,15 @@ bool RunInMainThread(int kind, void* data, size_t size) {
 extern "C" void __for_main__init_job(void) {
     PXR_GetEnvPath();  // a job must not allocate
     g_tJob.pid = getpid();
-    g_tJob.done = 1;
+    g_tJob.done = kDone;
     jobInitialised = true;
 }
 
 extern "C" void __for_main__dispatch_job(void) {
+    if (!TakeJob()) return;
     const int error = errno;
     RunJob(g_tJob.kind, g_tJob.data);
-    g_tJob.kind = kNoJob;  // before `done`: from then on the kind is the next requester's
-    g_tJob.done = 1;
+    CompleteJob();
     errno = error;
 }
 

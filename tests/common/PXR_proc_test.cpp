@@ -11,12 +11,13 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
+#include <climits>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/PXR_proc_internal.h"
@@ -425,9 +426,21 @@ TEST_F(MainJob, RecordsThatSayNothing) {
     PXR_job_shell shell{nullptr, 0};
     EXPECT_EQ(1, Ask(PXR_JOB_SHELL, &shell, sizeof(shell)));
     EXPECT_EQ(-1, shell.result);
-    errno = 0;
-    __for_main__dispatch_job();  // a signal that came from elsewhere
-    EXPECT_EQ(0, errno);
+}
+
+// The host's main thread may look for jobs whenever it likes, also for a signal that came from elsewhere.
+TEST_F(MainJob, ADispatchWithoutAJobTakesNone) {
+    std::atomic<int> left{50};
+    std::thread asker([&] {
+        for (; left > 0; --left) {
+            PXR_job_wait wait{INT_MAX, 0, 0};  // there is no such child
+            EXPECT_EQ(1, mainjob_wait(PXR_JOB_WAIT, &wait, sizeof(wait)));
+            EXPECT_EQ(-1, wait.result) << "not run";
+        }
+    });
+    while (left > 0)
+        __for_main__dispatch_job();
+    asker.join();
 }
 
 TEST_F(MainJob, Refusals) {
