@@ -77,8 +77,9 @@ uint32_t GetSel(const DEVICE_INFO& device) {
         if (ShallEnd()) return PXR_ReportError(MakeResult(kFunction, service_reason::kTerminating));
         KVPS_SEL_ENTRY entry;
         const uint32_t rc = ReadEntry(device, id, &nextId, &entry, info);
-        // An entry that the controller does not give hides those behind it, today and at every further attempt.
-        if (IsRefusal(rc) && !IsRefusedWith(rc, kReservationCancelled)) return 0;
+        // An entry that the controller does not have hides those behind it, today and at every further attempt. One
+        // that is busy has it later.
+        if (IsRefusal(rc) && CheckRecentCompCode() == kCompCodeError) return 0;
         if (rc != 0) return rc;
         if (state.cleared) return 0;
         if (id == 0) known = KnownEntries(device, info, entry);

@@ -136,7 +136,19 @@ uint32_t FindLastEntry(const DEVICE_INFO& device, uint16_t* id) {
     return 0;
 }
 
-/// Meets a device for the first time: what its log holds is old.
+/// Asks whether the log is still as it was. The reservation does not tell on every controller.
+/// @param info       as it was heard
+/// @param unchanged  out: nothing has been logged or erased since
+uint32_t AskWhetherUnchanged(const DEVICE_INFO& device, const KVPS_SEL_INFO& info, bool& unchanged) {
+    KVPS_SEL_INFO now = {};
+    LetOthersIn();
+    const uint32_t rc = KvPsLockAndGetSelInfo(kFunction, device.address, &now);
+    unchanged = rc == 0 && now.entries == info.entries && now.lastAddition == info.lastAddition;
+    return rc;
+}
+
+/// Meets a device for the first time: what its log holds is old. A log that grows meanwhile is met by the next poll:
+/// its number of entries and its last one must belong together.
 uint32_t MeetDevice(DEVICE_INFO& device, const KVPS_SEL_INFO& info, const KVPS_SEL_ENTRY& first) {
     DEVICE_INFO met = device;
     met.nextSelId = 0;
@@ -145,6 +157,8 @@ uint32_t MeetDevice(DEVICE_INFO& device, const KVPS_SEL_INFO& info, const KVPS_S
     met.selCount = CurrentSelState().cleared ? uint16_t{0} : info.entries;
     if (met.selCount > 0) {
         if (const uint32_t rc = FindLastEntry(device, &met.nextSelId)) return rc;
+        bool unchanged = false;
+        if (const uint32_t rc = AskWhetherUnchanged(device, info, unchanged); rc != 0 || !unchanged) return rc;
     }
     SaveDeviceInfo(device, met);
     SaveFirstEntry(device, first);
@@ -240,10 +254,8 @@ uint32_t ClearWhenFull(const DEVICE_INFO& device, const KVPS_SEL_INFO& info, con
     const uint32_t used = info.entries * uint32_t{sizeof(KVPS_SEL_ENTRY)};
     if (used == 0 || device.selCount != info.entries || !SameEntry(first, CurrentSelState().first)) return 0;
     if (used * 100 / (used + info.freeSpace) <= kPercentOfFullLog && info.entries < kEntriesOfFullLog) return 0;
-    // What has been logged since would be erased unseen. The reservation does not tell on every controller.
-    KVPS_SEL_INFO now = {};
-    if (const uint32_t rc = KvPsLockAndGetSelInfo(kFunction, device.address, &now)) return rc;
-    if (now.entries != info.entries || now.lastAddition != info.lastAddition) return 0;
+    bool unchanged = false;  // what has been logged since would be erased unseen
+    if (const uint32_t rc = AskWhetherUnchanged(device, info, unchanged); rc != 0 || !unchanged) return rc;
     uint8_t progress = 0;
     const uint32_t rc =
         KvPsLockAndClearSel(kFunction, device.address, CurrentSelState().reservation, kEraseInitiate, &progress);

@@ -129,6 +129,22 @@ TEST_F(SelDb, TheFirstEventOfAnEmptyLogIsNew) {
     });
 }
 
+TEST_F(SelDb, ALogThatGrowsAtFirstSightIsMetAsAWhole) {
+    Run([this] {
+        server.OnCommand(kStorage, kGetEntry, [this](const auto& request, const auto& answer) {
+            if (sim::Word(request.data, 2) == 0xFFFF && Bmc().Sel()->Entries().size() < 4) Log(1);
+            return answer();
+        });
+        StartWith(3);
+        EXPECT_FALSE(Exists(kInf)) << "three entries, but the fourth is the last one";
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_EQ(4, ReadInf().selCount);
+        Log(496);
+        EXPECT_THAT(Poll(), SizeIs(496));
+        EXPECT_TRUE(Bmc().Sel()->Entries().empty()) << "cleared: all is known to be taken";
+    });
+}
+
 TEST_F(SelDb, EachDeviceHasItsOwnState) {
     Run([this] {
         Log(2);
@@ -384,6 +400,18 @@ TEST_F(SelDb, AFirstReadingSurvivesCancellations) {
         EXPECT_EQ(0U, result);
         EXPECT_EQ(6U, NumberOf(ReadDb(6)));
     });
+    for (const auto& [code, met] :
+         {std::pair{sim::cc::kNodeBusy, false}, {sim::cc::kTimeout, false}, {sim::cc::kUnspecified, true}}) {
+        Run([this, code = code, met = met] {
+            Log(6);
+            Bmc().Refuse(kStorage, kGetEntry, code, 1, 2);
+            Start();
+            EXPECT_THAT(Poll(), IsEmpty());
+            EXPECT_EQ(met, Exists(kInf)) << "who is busy is asked again by the next poll";
+            EXPECT_THAT(Poll(), IsEmpty());
+            EXPECT_EQ(met ? 0U : 6U, NumberOf(ReadDb(6)));
+        });
+    }
     Run([this] {
         Log(6);
         Bmc().Refuse(kStorage, kGetEntry, sim::cc::kReservationCancelled, 1000, 2);
