@@ -35,14 +35,24 @@ constexpr const char* kTexts =
     "$set 4\n"
     "534 \"%1 failed, %2%3 100%\"\n";
 
-/// A machine whose catalogue of the neutral locale holds a few texts.
+constexpr const char* kJapaneseTexts =
+    "$quote \"\n"
+    "$set 1\n"
+    "16898 \"Hikisuu ga mukou desu.\"\n"
+    "$set 4\n"
+    "534 \"%1 shippai\"\n";
+
+/// A machine whose catalogues hold a few texts.
 MachineRoot MakeRootWithTexts() {
     MachineRoot root(".");
-    root.AddDirectory("/opt/velmora/lantrel/lib/nls/C");
-    root.AddFile("/tmp/texts.msg", kTexts);
-    const std::string compile = "gencat " + root.Outside("/opt/velmora/lantrel/lib/nls/C/KvAgent.cat").string() + " " +
-                                root.Outside("/tmp/texts.msg").string();
-    EXPECT_EQ(0, std::system(compile.c_str()));  // NOLINT(cert-env33-c): a command of the test's own
+    for (const auto& [locale, texts] : {std::pair{"C", kTexts}, {"ja_JP.SJIS", kJapaneseTexts}}) {
+        const std::string folder = std::string("/opt/velmora/lantrel/lib/nls/") + locale;
+        root.AddDirectory(folder);
+        root.AddFile("/tmp/texts.msg", texts);
+        const std::string compile =
+            "gencat " + root.Outside(folder + "/KvAgent.cat").string() + " " + root.Outside("/tmp/texts.msg").string();
+        EXPECT_EQ(0, std::system(compile.c_str()));  // NOLINT(cert-env33-c): a command of the test's own
+    }
     return root;
 }
 
@@ -128,6 +138,16 @@ TEST(PxrMessage, SystemLogLinesCarryOriginAndSeverity) {
         syslog(LOG_ERR, "the host");
         EXPECT_EQ(program_invocation_short_name + std::string(": the host"), syslogd.Lines().back());
         EXPECT_EQ(LOG_USER | LOG_ERR, syslogd.Priorities().back());
+    });
+}
+
+TEST(PxrMessage, TheSystemLogIsInTheNeutralLanguage) {
+    setenv("LANG", "ja_JP.SJIS", 1);
+    RunInRoot(MakeRootWithTexts(), [] {
+        EXPECT_STREQ("Hikisuu ga mukou desu.", OwnedText(PXR_GetErrCodeMes(kCatalogue, 0x618C4202)).get());
+        SyslogListener syslogd;
+        PXR_syslog_message(LOG_ERR, kCatalogue, 4, 534, 1, "cutting");
+        EXPECT_THAT(syslogd.Lines(), ElementsAre(testing::EndsWith("-E cutting failed,  100%")));
     });
 }
 
