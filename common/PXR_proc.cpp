@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "common/PXR_proc_internal.h"
+#include "common/PXR_thread_internal.h"
 #include "libplatform/PXR_trace.h"
 
 namespace {
@@ -57,6 +58,7 @@ extern "C" int PXR_daemon(void) {
 
 extern "C" int PXR_lock_cmd(const char* path) {
     if (path == nullptr) return -1;
+    const CancelBlock block;  // the lock reaches the caller, or nobody
     for (int round = 0; round < kLockRounds; ++round) {
         const int fd = OpenLocked(path);
         if (fd < 0) return -1;
@@ -70,9 +72,10 @@ extern "C" int PXR_lock_cmd(const char* path) {
 }
 
 extern "C" int PXR_unlock_cmd(const char* path, int fd) {
-    if (path == nullptr || fd < 0) return -1;
+    if (fd < 0) return -1;
+    const CancelBlock block;
     // Removed while it is still locked, so that nobody can have locked the file that goes.
-    const bool removed = IsFileOf(path, fd) && unlink(path) == 0;
+    const bool removed = path != nullptr && IsFileOf(path, fd) && unlink(path) == 0;
     close(fd);
     return removed ? 0 : -1;
 }

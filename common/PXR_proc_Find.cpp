@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "common/PXR_proc_internal.h"
+#include "common/PXR_thread_internal.h"
 #include "libplatform/PXR_message.h"
 
 PXR_companion up_cmds[2] = {
@@ -144,6 +145,7 @@ extern "C" int PXR_getcmdname(const char* pid, char* buffer, int size) {
     char path[PATH_MAX];
     const int length = std::snprintf(path, sizeof(path), "%s/%s/%s", "/proc", pid, "cmdline");
     if (length >= PATH_MAX) return 1;
+    const CancelBlock whileOpen;
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return 1;
     ssize_t got = 0;

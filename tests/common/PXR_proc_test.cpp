@@ -118,6 +118,31 @@ TEST_F(PxrProc, LockKeepsASecondInstanceAway) {
     fs::create_symlink(path, Path("link"));
     EXPECT_EQ(-1, PXR_lock_cmd(Path("link").c_str()));
     EXPECT_EQ(-1, PXR_lock_cmd(Path("no/such/directory").c_str()));
+
+    const int unnamed = PXR_lock_cmd(Path("unnamed").c_str());
+    EXPECT_EQ(-1, PXR_unlock_cmd(nullptr, unnamed));
+    EXPECT_EQ(-1, fcntl(unnamed, F_GETFD)) << "closed all the same";
+}
+
+// Workers are stopped by cancelling them, wherever they are.
+TEST_F(PxrProc, ACancelledThreadKeepsNothingOpen) {
+    const std::string path = Path("lock");
+    int fd = -1;
+    char line[64];
+    const std::function<void()> calls[] = {[&] { fd = PXR_lock_cmd(path.c_str()); },
+                                           [&] { PXR_unlock_cmd(path.c_str(), fd); },
+                                           [&] { PXR_getcmdname(self_.c_str(), line, sizeof(line)); }};
+    for (const auto& call : calls) {
+        bool finished = false;
+        std::thread([&] {
+            pthread_cancel(pthread_self());
+            call();
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+            finished = true;
+        }).join();
+        EXPECT_TRUE(finished) << &call - calls;
+    }
+    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
 }
 
 TEST_F(PxrProc, LockHasOneHolderWhileTheFileComesAndGoes) {
