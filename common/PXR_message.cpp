@@ -180,6 +180,7 @@ int PXR_output_message_trace(FILE* stream, const char* catalogue, int set, int n
 }
 
 int PXR_sprint_message(char* buffer, const char* catalogue, int set, int number, ...) {
+    if (buffer == nullptr) return EOF;
     uint32_t error = 0;
     const OwnedText format = FetchMessage(catalogue, set, number, error);
     if (format == nullptr) return static_cast<int>(error);

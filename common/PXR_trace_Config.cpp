@@ -1,6 +1,8 @@
 #include <cstring>
 #include <iterator>
 
+#include "common/PXR_function_numbers.h"
+#include "common/PXR_result.h"
 #include "common/PXR_trace_internal.h"
 #include "libplatform/PXR_config.h"
 #include "libplatform/PXR_trace.h"
@@ -95,6 +97,7 @@ uint32_t PXR_trace_read_config(PXR_trace_config* config) {
                                 PXR_CFG_SLOT(kPacketTraceSize),
                                 PXR_CFG_SLOT(0)};
     static_assert(std::size(values) == End + 1);
+    if (config == nullptr) return PXR_ReportError(MakeResult(fn::kReadCfgFile, Reason::NullArgument));
     SetCarefulDefaults(*config);
     PXR_init_cfgdata(kTraceTable, values);
     const uint32_t error = PXR_read_cfgfile(kTraceTable, values);

@@ -24,14 +24,14 @@ KV_EXPORT char* PXR_GetErrCodeMes(const char* catalogue, uint32_t numberOrCode);
 
 /// Prints a message with the further arguments put in as its printf arguments, a newline, and flushes.
 /// The message is taken in the current locale, else in the neutral one.
-/// @return the catalogue's error (nothing is printed then), else the result of the flush
+/// @return the catalogue's error (nothing is printed then), else the result of the flush; EOF for a null stream
 KV_EXPORT int PXR_output_message(FILE* stream, const char* catalogue, int set, int number, ...);
 
 /// PXR_output_message, and the same text (at most 447 characters) to the single trace file.
 KV_EXPORT int PXR_output_message_trace(FILE* stream, const char* catalogue, int set, int number, ...);
 
 /// Formats a message into a buffer, which must be large enough for it.
-/// @return 0; the catalogue's error, the buffer being left as it was
+/// @return 0; the catalogue's error, the buffer being left as it was; EOF for a null buffer
 KV_EXPORT int PXR_sprint_message(char* buffer, const char* catalogue, int set, int number, ...);
 
 /// Writes a message to the system log: "WXPLG", the number, and the text with its placeholders replaced.

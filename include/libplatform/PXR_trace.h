@@ -77,7 +77,7 @@ KV_EXPORT void KvRasLog(int level, const char* sourceFile, int line, const char*
 
 /// Reads trace.cfg. Keys that are missing there have their defaults; when the file cannot be read at all the settings
 /// are more careful ones (level 20, no packet trace). @param config  the caller's, always filled whole
-/// @return 0; the code of PXR_read_cfgfile when the file cannot be read
+/// @return 0; the code of PXR_read_cfgfile when the file cannot be read, or for null
 KV_EXPORT uint32_t PXR_trace_read_config(PXR_trace_config* config);
 
 /// Builds the log line of one message: "[date time] command[pid]: thread: " when its header flag is 1, then the text,

@@ -111,6 +111,8 @@ TEST(PxrMessage, PrintsWithArguments) {
         EXPECT_STREQ("as it was", buffer);
         EXPECT_EQ(0, PXR_sprint_message(buffer, kCatalogue, 1, 7, 5, "fans"));
         EXPECT_STREQ("5 of fans", buffer);
+        EXPECT_EQ(EOF, PXR_sprint_message(nullptr, kCatalogue, 1, 7, 5, "fans"));
+        EXPECT_EQ(EOF, PXR_output_message(nullptr, kCatalogue, 1, 7, 5, "fans"));
         cookie_io_functions_t takesNothing{};
         takesNothing.write = [](void*, const char*, size_t) -> ssize_t { return 0; };
         FILE* const full = fopencookie(nullptr, "w", takesNothing);

@@ -382,6 +382,7 @@ TEST(PxrTrace, ConfigurationHasTwoKindsOfDefaults) {
                 "p\n"),
          10, 0, 0, 0, longest, 1024},
     };
+    EXPECT_EQ(0x61B84201U, PXR_trace_read_config(nullptr));
     for (const Case& c : cases) {
         const MachineRoot root = MakeTestRoot();
         if (!c.file.empty()) root.AddFile(kConfigPath, c.file);
