@@ -41,7 +41,7 @@ inline constexpr int kInvalidHandle = -1;
 /// Longest message in either direction.
 inline constexpr uint32_t kMaxMessage = 1028;
 
-/// Seconds to subtract from SEL time stamps; 0 unless someone learns better.
+/// Seconds to subtract from SEL time stamps; 0 unless someone learns better, and again after KvPsTerminateIpmi.
 extern uint32_t g_dwBmcTimezone;
 
 /// Opens the lock file and starts the register path. Once per process; later calls change nothing.

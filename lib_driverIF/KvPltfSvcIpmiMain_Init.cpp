@@ -94,5 +94,6 @@ uint32_t KvPsInitializeIpmi(void) {
 uint32_t KvPsTerminateIpmi(void) {
     FreeSdrTable();
     TerminateSELDatabase();
+    g_dwBmcTimezone = 0;
     return 0;
 }

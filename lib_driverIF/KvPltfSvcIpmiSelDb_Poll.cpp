@@ -172,8 +172,8 @@ uint32_t StepPastLastEntry(DEVICE_INFO& next, const KVPS_SEL_INFO& info, uint32_
     const uint16_t last = next.nextSelId;
     KVPS_SEL_ENTRY entry;
     const uint32_t rc = ReadPlain(next, last, &next.nextSelId, &entry);
-    if (IsRefusedWith(rc,
-                      kNotPresent)) {  // deleted meanwhile: from the beginning, the database tells what was handed out
+    if (IsRefusedWith(rc, kNotPresent)) {
+        // Deleted meanwhile: from the beginning, the database tells what was handed out.
         next.nextSelId = 0;
         count = info.entries;
         return 0;

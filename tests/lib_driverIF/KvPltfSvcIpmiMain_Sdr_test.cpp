@@ -99,8 +99,10 @@ TEST_F(Repository, FullRecordsArePackedByteForByte) {
         EXPECT_EQ(SdrLookup::kNoDevice, FindSdr(0x20, 1, 7, &packed));
         EXPECT_EQ(SdrLookup::kNoNumber, FindSdr(0x20, 0, 255, &packed));
         EXPECT_EQ(1U, SdrInstanceCnt());
+        g_dwBmcTimezone = 3600;
         KvPsTerminateIpmi();
         EXPECT_EQ(SdrLookup::kNoTable, FindSdr(0x20, 0, 7, &packed));
+        EXPECT_EQ(0U, g_dwBmcTimezone);
     });
 }
 
