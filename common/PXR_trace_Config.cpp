@@ -27,17 +27,7 @@ constexpr const char* kPacketTracePath = "/var/opt/velmora/lantrel/log/agt_pt_li
 constexpr uint32_t kDefaultTraceSize = 5120;
 constexpr uint32_t kDefaultPacketTraceSize = 1024;
 
-/// A PXR_config_table with the number of its keys, since C++ has no initialiser for an array without a bound.
-struct TraceTable {
-    const char* path;
-    const char* headerFormat;
-    const char* version;
-    const char* title;
-    PXR_config_key keys[7];
-};
-static_assert(offsetof(TraceTable, keys) == offsetof(PXR_config_table, keys));
-
-const TraceTable kKeys = {
+const PXR_config_file<7> kTraceFile = {
     "/etc/opt/velmora/lantrel/trace.cfg",
     "[ServerAgent%s_TRACE]",
     "0330",
@@ -72,8 +62,6 @@ const TraceTable kKeys = {
         {},
     }};
 
-const PXR_config_table* const kTraceTable = reinterpret_cast<const PXR_config_table*>(&kKeys);
-
 // In force when there is no readable file: more detail for the logs, and no packet trace that nobody asked for.
 void SetCarefulDefaults(PXR_trace_config& config) {
     config = PXR_trace_config{.networkLogMode = 1,
@@ -99,8 +87,8 @@ uint32_t PXR_trace_read_config(PXR_trace_config* config) {
     static_assert(std::size(values) == End + 1);
     if (config == nullptr) return PXR_ReportError(MakeResult(fn::kReadCfgFile, Reason::NullArgument));
     SetCarefulDefaults(*config);
-    PXR_init_cfgdata(kTraceTable, values);
-    const uint32_t error = PXR_read_cfgfile(kTraceTable, values);
+    PXR_init_cfgdata(kTraceFile.Table(), values);
+    const uint32_t error = PXR_read_cfgfile(kTraceFile.Table(), values);
     if (error == 0) {
         config->networkLogMode = values[NetworkLogMode].value.on != 0;
         config->traceLevel = values[TraceLevel].value.unsignedNumber;
@@ -109,6 +97,6 @@ uint32_t PXR_trace_read_config(PXR_trace_config* config) {
         config->packetTraceSize = values[PacketTraceSize].value.unsignedNumber;
         trace::CopyName(config->packetTraceFile, values[PacketTraceFile].value.text);
     }
-    PXR_clear_cfgdata(kTraceTable, values);
+    PXR_clear_cfgdata(kTraceFile.Table(), values);
     return error;
 }
