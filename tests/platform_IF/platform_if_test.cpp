@@ -11,6 +11,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -167,6 +168,8 @@ TEST(SendMessage, KeepsItsOwnCopyOfTheWatches) {
     std::string name = "/var";
     entry->name = name.data();
     entry->number = 90;
+    PXR_fs_watch unnamed{};
+    entry->next = &unnamed;
     PXR_strage_watch fileSystems{};
     fileSystems.enabled = 1;
     fileSystems.list = entry.get();
@@ -179,9 +182,11 @@ TEST(SendMessage, KeepsItsOwnCopyOfTheWatches) {
     memory = {};
 
     const CurrentWatch<FileSystemWatch> kept = GetFSAlertConfig();
-    ASSERT_EQ(1u, kept.watch.fileSystems.size());
+    ASSERT_EQ(2u, kept.watch.fileSystems.size());
     EXPECT_EQ("/var", kept.watch.fileSystems[0].name);
     EXPECT_EQ(90u, kept.watch.fileSystems[0].number);
+    EXPECT_EQ("", kept.watch.fileSystems[1].name);
+    EXPECT_EQ(nullptr, kept.watch.words.list) << "the host's records are gone";
     EXPECT_TRUE(kept.refresh);
     EXPECT_EQ(80u, GetMemAlertConfig().watch.threshold);
     EXPECT_EQ(0u, GetCpuAlertConfig().watch.enabled);
@@ -202,32 +207,37 @@ TEST(SendMessage, TakesTheTwoCallbacks) {
     EXPECT_EQ(nullptr, pPXR_Write_ProcessAtErrorExecWDTTime.load());
 }
 
+/// The values of each instance in template order: texts as they are, numbers in hexadecimal.
+std::vector<std::string> InstancesOf(uint32_t classId) {
+    const Enum e = MakeEnum(classId);
+    EXPECT_EQ(0u, Exec(e.get(), kModeQuery));
+    std::vector<std::string> instances;
+    for (_KVCIM_CLASS* instance = e->first; instance != nullptr; instance = instance->next) {
+        std::ostringstream values;
+        values << std::hex;
+        for (const _KVCIM_PROP* p = instance->first; p != nullptr; p = p->next) {
+            const int code = static_cast<int>(p->code);
+            if (p->type == PROP_TYPE_STRING) values << TextOf(instance, code);
+            if (p->type == PROP_TYPE_UINT32) values << NumberOf<uint32_t>(instance, code);
+            if (p->type == PROP_TYPE_UINT64) values << NumberOf<uint64_t>(instance, code);
+            values << '|';
+        }
+        instances.push_back(values.str());
+    }
+    return instances;
+}
+
 TEST(SystemResources, BecomeInstancesInTheKernelsOrder) {
     MachineRoot root = MakeTestRoot();
     root.ReplaceProc("/proc/ioports", "0000-0cf7 : PCI Bus 0000:00\n  0020-0021 : pic1\nfffffff0-ffffffff : high\n");
     root.ReplaceProc("/proc/interrupts", "           CPU0\n  0:  123  IO-APIC-edge  timer\nNMI:  0  Non-maskable\n");
-    root.ReplaceProc("/proc/dma", " 4: cascade\n");
+    root.ReplaceProc("/proc/dma", " 2: floppy\n 4: cascade\n");
     RunInRoot(root, [] {
-        const Enum ports = MakeEnum(KTX_CLS_PORT_RES);
-        ASSERT_EQ(0u, Exec(ports.get(), kModeQuery));
-        ASSERT_EQ(3u, ports->classCount);
-        EXPECT_EQ(" PCI Bus 0000:00", TextOf(ports->first, KTX_PROP_DEVICE));
-        EXPECT_EQ(0xcf7u, NumberOf<uint64_t>(ports->first, KTX_PROP_ENDING_ADDRESS));
-        EXPECT_EQ(0xFFFFFFFFFFFFFFF0u, NumberOf<uint64_t>(ports->last, KTX_PROP_STARTING_ADDRESS))
-            << "widened with sign";
-        EXPECT_EQ(3u, NumberOf<uint32_t>(ports->last, KTX_PROP_INDEX));
-
-        const Enum irqs = MakeEnum(KTX_CLS_IRQ);
-        ASSERT_EQ(0u, Exec(irqs.get(), kModeQuery));
-        ASSERT_EQ(1u, irqs->classCount);
-        EXPECT_EQ("timer", TextOf(irqs->first, KTX_PROP_DEVICE));
-        EXPECT_EQ(5u, NumberOf<uint32_t>(irqs->first, KTX_PROP_TYPE_CODE));
-        EXPECT_EQ("IRQ", TextOf(irqs->first, KTX_PROP_TYPE_STRING));
-
-        const Enum dma = MakeEnum(KTX_CLS_DMA);
-        ASSERT_EQ(0u, Exec(dma.get(), kModeQuery));
-        ASSERT_EQ(1u, dma->classCount);
-        EXPECT_EQ(4u, NumberOf<uint32_t>(dma->first, KTX_PROP_DMA_CHANEL));
+        EXPECT_THAT(InstancesOf(KTX_CLS_PORT_RES),
+                    testing::ElementsAre("0|cf7|1| PCI Bus 0000:00|4|I/O|", "20|21|2| pic1|4|I/O|",
+                                         "fffffffffffffff0|ffffffffffffffff|3| high|4|I/O|"));
+        EXPECT_THAT(InstancesOf(KTX_CLS_IRQ), testing::ElementsAre("0|1|timer|5|IRQ|"));
+        EXPECT_THAT(InstancesOf(KTX_CLS_DMA), testing::ElementsAre("2|1| floppy|6|DMA|", "4|2| cascade|6|DMA|"));
     });
 }
 

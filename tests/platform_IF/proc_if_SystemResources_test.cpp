@@ -188,6 +188,8 @@ TEST(SystemResources, InterruptsAreWhatTheShellMakesOfThem) {
         ":x\n",
         "15: 1 A " + std::string(1100, 'z') + "\n16: 1 A b\n",
         "17: 1 A " + std::string(1021, 'z') + "18: more\n",
+        "17: 1 A " + std::string(1021, 'z') + std::string(1021, ' ') +
+            "18: 19: behind a piece that ends with its colon\n",
         "19: 1 A " + std::string(252, 'z') + "\n20: 1 A " + std::string(253, 'z') + "\n",
     };
     for (const std::string& sample : recorded) {
