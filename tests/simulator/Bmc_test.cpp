@@ -124,30 +124,6 @@ TEST_F(BmcTest, SelGrowsIsReadAndCleared) {
     EXPECT_EQ(1, bmc.Sel()->Add(SystemEvent(0x01, 1, 0x01, {}))) << "ids start again";
 }
 
-TEST_F(BmcTest, FruImageHoldsTogether) {
-    FruImage image;
-    image.product = {"Acme", "Box9", "", "R2", "S"};
-    image.records = {{0xC1, 8, {1, 2, 3}}, {0xF0, 2, {4}}};
-    bmc.Fru()->Set(0, image.Encode());
-    const Bytes bytes = *bmc.Fru()->Find(0);
-    EXPECT_EQ(Word(Ask(netfn::kStorage, 0x10, {0}).data, 0), bytes.size());
-    EXPECT_EQ(0, Checksum(bytes.data(), 8));
-    const size_t product = bytes[4] * 8U;
-    EXPECT_EQ(0, Checksum(bytes.data() + product, bytes[product + 1] * 8U));
-    EXPECT_THAT(Ask(netfn::kStorage, 0x11, {0, static_cast<uint8_t>(product + 3), 0, 5}).data,
-                ElementsAre(5, 0xC4, 'A', 'c', 'm', 'e'));
-    const size_t records = bytes[5] * 8U;
-    EXPECT_EQ(0, Checksum(bytes.data() + records, 5));
-    EXPECT_EQ(0, static_cast<uint8_t>(bytes[records + 3] + 1 + 2 + 3));
-    EXPECT_EQ(0x82, bytes[records + 8 + 1]) << "the second record ends the list";
-    EXPECT_EQ(cc::kOutOfRange, Ask(netfn::kStorage, 0x11, {0, 0, 9, 1}).completionCode);
-}
-
-TEST_F(BmcTest, PackedIdStrings) {
-    EXPECT_THAT(IdString("IPMI", TextCoding::kSixBit), ElementsAre(0x84, 0x29, 0xDC, 0xA6));
-    EXPECT_THAT(IdString("1234-5", TextCoding::kBcdPlus), ElementsAre(0x46, 0x21, 0x43, 0x5B));
-}
-
 TEST_F(BmcTest, HooksAndCounts) {
     bmc.Refuse(netfn::kApp, 0x01, cc::kNodeBusy, 2, 1);
     std::vector<uint8_t> codes(4);
@@ -164,14 +140,6 @@ TEST_F(BmcTest, HooksAndCounts) {
     EXPECT_EQ(6U, bmc.Count(netfn::kApp, 0x01));
     EXPECT_EQ(6U, bmc.Log().size());
     EXPECT_EQ(cc::kInvalidCommand, Ask(0x2C, 0x01).completionCode);
-}
-
-TEST_F(BmcTest, WatchdogCountsDown) {
-    EXPECT_EQ(0x80, Ask(netfn::kApp, 0x22).completionCode);
-    EXPECT_EQ(0, Ask(netfn::kApp, 0x24, {0x04, 0x01, 0, 0x10, 100, 0}).completionCode);
-    EXPECT_EQ(0, Ask(netfn::kApp, 0x22).completionCode);
-    clock.Advance(2'500'000);
-    EXPECT_THAT(Ask(netfn::kApp, 0x25).data, ElementsAre(0x44, 0x01, 0, 0, 100, 0, 75, 0));
 }
 
 }  // namespace

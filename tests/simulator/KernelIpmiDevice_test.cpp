@@ -130,13 +130,6 @@ TEST_F(KernelDeviceTest, EventsGoToWhoAskedForThem) {
     EXPECT_EQ(16U, Receive(6).data.size());
 }
 
-TEST_F(KernelDeviceTest, InjectedErrors) {
-    device.FailIoctl(kIpmiSendCommand, EIO, 1, 1);
-    EXPECT_EQ(0, Send(5, 1, netfn::kApp, 0x01));
-    EXPECT_EQ(EIO, Send(5, 2, netfn::kApp, 0x01));
-    EXPECT_EQ(0, Send(5, 3, netfn::kApp, 0x01));
-}
-
 TEST(ConversationMarker, SeesOverlapsOfThreadsAndProcesses) {
     const auto marker = ConversationMarker::MakeShared();
     VirtualClock clock;

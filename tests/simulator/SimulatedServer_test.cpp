@@ -97,24 +97,6 @@ TEST_F(ServerTest, MappedRegistersSeePlainLoadsAndStores) {
     ops->unmap(ops->context, page, 4096);
 }
 
-TEST_F(ServerTest, DevicesFailToOpenWhenTold) {
-    EXPECT_EQ(-1, Open("/dev/kvdrvmem", O_RDONLY));
-    server.SetMemoryDriver(true);
-    server.AddMemory(0xF0000, {'_', 'S', 'M', '_'});
-    const int fd = Open("/dev/kvdrvmem", O_RDONLY);
-    char anchor[4]{};
-    uintptr_t block[4] = {0, 0xF0000, reinterpret_cast<uintptr_t>(anchor), 4};
-    EXPECT_EQ(0, ops->ioctl(ops->context, fd, 0x80044501, block));
-    EXPECT_EQ(0, std::memcmp(anchor, "_SM_", 4));
-    server.FailOpen("/dev/ipmi0", EBUSY, 2);
-    for (const int expected : {EBUSY, EBUSY, 0}) {
-        errno = 0;
-        EXPECT_EQ(expected != 0, Open("/dev/ipmi0", O_RDWR) < 0);
-        EXPECT_EQ(expected, errno);
-    }
-    EXPECT_EQ(3U, server.Opens("/dev/ipmi0"));
-}
-
 TEST(VirtualClock, PausesOfSeveralThreadsDoNotAddUp) {
     VirtualClock clock;
     const uint64_t start = clock.Now();
