@@ -57,9 +57,10 @@ PXR_trace_packet StartPacket() {
     return packet;
 }
 
-ino_t SocketInode(int fd) {
+// The kernel numbers sockets with 32 bits, and none with 0.
+uint32_t SocketInode(int fd) {
     struct stat status {};
-    return fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode) ? status.st_ino : 0;
+    return fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode) ? static_cast<uint32_t>(status.st_ino) : 0;
 }
 
 }  // namespace
@@ -143,7 +144,7 @@ bool Connection::ReconnectLocked() {
 
 // Puts a socket under the number that senders use; takes the descriptor over in any case.
 bool Connection::InstallLocked(int fresh) {
-    const ino_t inode = SocketInode(fresh);
+    const uint32_t inode = SocketInode(fresh);
     const int current = descriptor_.load(std::memory_order_relaxed);
     if (!OwnsNumber(current)) {
         socket_ = inode;
@@ -162,7 +163,7 @@ bool Connection::InstallLocked(int fresh) {
 // A host that turns itself into a daemon may close every descriptor it finds, and the number then belongs to others.
 // While a new connection takes the number over, a sender may be told no; it then waits for the lock and asks again.
 bool Connection::OwnsNumber(int fd) const {
-    const ino_t own = socket_;
+    const uint32_t own = socket_;
     return fd >= 0 && own != 0 && SocketInode(fd) == own;
 }
 

@@ -7,9 +7,8 @@
 /// one step (dup3). A sender on its way therefore meets the dead socket or the new one behind its start packet. A
 /// number that a host has closed itself and given to something of its own is found out by its inode.
 
-#include <sys/types.h>
-
 #include <atomic>
+#include <cstdint>
 #include <mutex>
 
 #include "libplatform/trace_protocol.h"
@@ -42,7 +41,7 @@ private:
 
     std::mutex mutex_;
     bool open_ = false;                 ///< between a successful Open and CloseLocked; guarded by mutex_
-    std::atomic<ino_t> socket_{0};      ///< inode of the socket under descriptor_; written under mutex_
+    std::atomic<uint32_t> socket_{0};   ///< inode of the socket under descriptor_; written under mutex_
     std::atomic<int> descriptor_{-1};   ///< written under mutex_
     std::atomic<bool> stalled_{false};  ///< the daemon did not read in time; nobody waits again until it does
 };
