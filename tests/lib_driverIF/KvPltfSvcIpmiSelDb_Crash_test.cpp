@@ -24,11 +24,11 @@ constexpr uint32_t kEpoch = 1'700'000'000;  // event n was logged n seconds late
 constexpr size_t kMostEvents = 20'000;
 constexpr size_t kDbSize = 1024 * 1024;
 
-/// KV_CRASH_ROUNDS in the environment; a few by default.
+/// KV_CRASH_ROUNDS in the environment; by default enough for the log to be cleared several times.
 unsigned Rounds() {
     const char* const text = getenv("KV_CRASH_ROUNDS");
     const unsigned long wanted = text != nullptr ? strtoul(text, nullptr, 10) : 0;
-    return wanted > 0 ? static_cast<unsigned>(wanted) : 40;
+    return wanted > 0 ? static_cast<unsigned>(wanted) : 300;
 }
 
 /// What outlives the agents: the controller's log, and what they handed out.

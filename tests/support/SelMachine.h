@@ -9,7 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -95,8 +95,9 @@ public:
     static std::string Path(const std::string& name) { return kFolder + name; }
     static bool Exists(const std::string& name) { return std::filesystem::exists(Path(name)); }
     static std::string Read(const std::string& name) {
-        std::ifstream in(Path(name), std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
+        std::ostringstream content;
+        content << std::ifstream(Path(name), std::ios::binary).rdbuf();
+        return content.str();
     }
     static void Write(const std::string& name, std::string_view content) {
         std::ofstream(Path(name), std::ios::binary) << content;
