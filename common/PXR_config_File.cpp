@@ -31,6 +31,7 @@ bool IsReadOnly(int flags) {
 /// Opens a regular file and nothing else. Looking first keeps devices from being touched at all; looking again at what
 /// was opened, without waiting for a pipe's other end, covers a name that changes in between.
 FileDescriptor OpenRegular(const char* path, int flags) {
+    const CancelBlock block;  // a thread that is cancelled as open returns would lose the descriptor
     struct stat info {};
     if (stat(path, &info) == 0 && !S_ISREG(info.st_mode)) return FileDescriptor();
     FileDescriptor fd(PXR_open(path, (flags & ~O_TRUNC) | O_NONBLOCK | O_NOCTTY, kNewFileMode));
@@ -118,6 +119,7 @@ int PXR_file_open(const char* path, int flags, int* error) {
 }
 
 int PXR_file_close(int fd) {
+    const CancelBlock block;
     // Unlocked by hand: a child that was forked meanwhile may still hold the open file.
     SetLock(fd, F_UNLCK);
     return close(fd);
@@ -128,6 +130,7 @@ int PXR_file_stream_close(FILE* stream) {
         errno = EBADF;
         return -1;
     }
+    const CancelBlock block;
     const int flushed = fflush(stream);
     const int error = errno;
     SetLock(fileno(stream), F_UNLCK);
@@ -152,6 +155,7 @@ void PXR_make_tmpfile(char* buffer, const char* path, const char* suffix) {
 
 int PXR_copy_fd2file(int fd, const char* path) {
     if (path == nullptr) return EFAULT;
+    const CancelBlock block;  // no half copy
     const int removed = PXR_unlink(path);
     if (removed != 0 && removed != ENOENT) return removed;
     FileDescriptor copy(open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));

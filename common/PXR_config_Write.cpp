@@ -261,5 +261,6 @@ uint32_t PXR_write_cfgfile(const PXR_config_table* table, const PXR_config_data*
     if (!AreTextsWritable(*table, data)) return PXR_ReportError(kBadText);
     cfg::LockedFile file;
     if (const uint32_t code = file.Open(table->path, O_RDWR | O_CREAT)) return code;
+    const CancelBlock whole;  // only the wait for the lock may be cancelled
     return Rewriter(*table, data, file.Get()).Rewrite();
 }

@@ -26,7 +26,6 @@ class LockedFile {
 public:
     LockedFile() = default;
     ~LockedFile() {
-        const CancelBlock block;
         if (fd_ >= 0) PXR_file_close(fd_);
     }
     LockedFile(const LockedFile&) = delete;

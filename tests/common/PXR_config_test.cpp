@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -371,6 +372,29 @@ TEST_F(Config, CopiesTheWholeFileWhereverItStands) {
     EXPECT_EQ(4000, lseek(fd, 0, SEEK_CUR));
     EXPECT_EQ(ENOENT, PXR_copy_fd2file(fd, directory_.Path("absent/copy").c_str()));
     EXPECT_EQ(0, PXR_file_close(fd));
+}
+
+// Workers are stopped by cancelling them, wherever they are.
+TEST_F(Config, ACancelledThreadLeavesNoHalfCopyAndNothingOpen) {
+    Given("content");
+    const int source = PXR_file_open(path_.c_str(), O_RDWR, nullptr);
+    const int second = PXR_file_open(directory_.Path("second").c_str(), O_RDWR | O_CREAT, nullptr);
+    FILE* const stream = fdopen(second, "w");
+    const std::function<void()> calls[] = {[&] { PXR_copy_fd2file(source, directory_.Path("copy").c_str()); },
+                                           [&] { PXR_file_stream_close(stream); }, [&] { PXR_file_close(source); }};
+    for (const auto& call : calls) {
+        bool finished = false;
+        std::thread([&] {
+            pthread_cancel(pthread_self());
+            call();
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+            finished = true;
+        }).join();
+        EXPECT_TRUE(finished) << &call - calls;
+    }
+    EXPECT_EQ("content", directory_.ReadFile("copy"));
+    EXPECT_EQ(-1, fcntl(source, F_GETFD));
+    EXPECT_EQ(-1, fcntl(second, F_GETFD));
 }
 
 }  // namespace
