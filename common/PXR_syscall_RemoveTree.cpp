@@ -43,13 +43,20 @@ int RemoveEntries(DIR* directory, int depth, size_t& removed) {
     }
 }
 
+/// @return null with errno
+Directory OpenDirectory(int parent, const char* name) {
+    const CancelBlock block;  // a thread that is cancelled as openat returns would lose the descriptor
+    FileDescriptor fd(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd) return nullptr;
+    Directory directory(fdopendir(fd.Get()));
+    if (directory) fd.Release();
+    return directory;
+}
+
 int RemoveDirectory(int parent, const char* name, int depth) {
     if (depth > kMaxDepth) return ELOOP;
-    FileDescriptor fd(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!fd) return errno;
-    const Directory directory(fdopendir(fd.Get()));
+    const Directory directory = OpenDirectory(parent, name);
     if (!directory) return errno;
-    fd.Release();
     // Some file systems pass over entries when others vanish during the walk: walk until nothing is left.
     size_t removed = 0;
     do {
