@@ -170,11 +170,6 @@ uint32_t LoadSelDeviceInfo() {
     return result;
 }
 
-bool TakeSelDatabaseFailure() {
-    SelDbFileState failed = kSelDbFailed;
-    return g_eSelDbFileStat.compare_exchange_strong(failed, kSelDbReported);
-}
-
 void SetSelDeviceIdx(uint32_t index) {
     const std::lock_guard lock(g_selMutex);
     ChooseSelDevice(index);
