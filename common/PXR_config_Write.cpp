@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -31,10 +32,18 @@ bool IsStored(const PXR_config_key& key) {
     return (key.flags & PXR_CFG_FLAG_NOT_STORED) == 0;
 }
 
-/// A double quote inside a text cannot be written between double quotes; such a text only ever comes from an unquoted
-/// word, and can be written as one.
-bool NeedsBareForm(std::string_view text) {
-    return text.find('"') != std::string_view::npos;
+/// The text can be written without double quotes.
+bool IsPlainWord(std::string_view text) {
+    if (text.starts_with('"') || text.find('#') != std::string_view::npos) return false;
+    return std::none_of(text.begin(), text.end(), ascii::IsSpace);
+}
+
+/// What cannot be read back from between double quotes only ever comes from an unquoted word, and can be written as
+/// one: a text with a double quote inside, and one that leaves no room for the quotes in what is read of a line.
+bool NeedsBareForm(const PXR_config_key& key, std::string_view text) {
+    const size_t bareLength = strlen(key.name) + 1 + text.size();
+    const bool fillsLine = bareLength <= cfg::kMaxLineLength && bareLength + 2 > cfg::kMaxLineLength;
+    return text.find('"') != std::string_view::npos || (fillsLine && IsPlainWord(text));
 }
 
 /// The text, once written, can be read back.
@@ -42,12 +51,7 @@ bool IsWritable(const char* text) {
     if (text == nullptr) return true;
     const std::string_view whole = text;
     if (whole.find('\n') != std::string_view::npos) return false;
-    if (!NeedsBareForm(whole)) return true;
-    if (whole.starts_with('"') || whole.find('#') != std::string_view::npos) return false;
-    for (const char c : whole) {
-        if (ascii::IsSpace(c)) return false;
-    }
-    return true;
+    return whole.find('"') == std::string_view::npos || IsPlainWord(whole);
 }
 
 bool AreTextsWritable(const PXR_config_table& table, const PXR_config_data* data) {
@@ -191,7 +195,7 @@ private:
 
     void WriteLine(const PXR_config_key& key, const PXR_config_value& value, const Comment* comment) {
         // A single quote in a bare text would hide a "#" behind it.
-        const bool bare = cfg::IsText(key) && IsStored(key) && value.text != nullptr && NeedsBareForm(value.text);
+        const bool bare = cfg::IsText(key) && IsStored(key) && value.text != nullptr && NeedsBareForm(key, value.text);
         if (bare && comment != nullptr) WriteCommentLine(*std::exchange(comment, nullptr));
         out_.StartLine();
         out_.Write(key.name);
@@ -238,7 +242,7 @@ private:
 
     void WriteText(const PXR_config_key& key, std::string_view text) {
         const bool narrow = strlen(key.name) + text.size() + kTextLineExtra >= kNarrowLineLength;
-        const std::string_view quote = NeedsBareForm(text) ? "" : "\"";
+        const std::string_view quote = NeedsBareForm(key, text) ? "" : "\"";
         out_.Write(narrow ? "=" : "\t= ");
         out_.Write(quote);
         out_.Write(text);

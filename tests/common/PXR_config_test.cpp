@@ -220,6 +220,9 @@ TEST_F(Config, RewritingKeepsWhatItDoesNotKnow) {
         // a word with a double quote can only be written as a word
         {kHeader + string("Level=9\nWord=a\"b\n"), kHeader + string("Level\t= 9\nWord\t= a\"b\n") + rest},
         {kHeader + string("Level=9\nWord=a\"b\"c#x\n"), kHeader + string("Level\t= 9\n#x\nWord\t= a\"b\"c\n") + rest},
+        // and so can one that fills the line
+        {kHeader + string("Level=9\nWord=") + string(1016, 'w') + "\nWord=" + string(1017, 'w') + "\n",
+         kHeader + string("Level\t= 9\nWord=\"") + string(1016, 'w') + "\"\nWord=" + string(1017, 'w') + "\n" + rest},
         // nothing of a line that is copied gets lost, nor of a comment
         {kHeader + huge + "\n#" + huge + "\nLevel=9 #" + huge,
          kHeader + huge + "\n#" + huge + "\nLevel\t= 9\t#" + huge + "\n" + rest},
