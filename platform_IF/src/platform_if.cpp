@@ -24,11 +24,6 @@ char* g_pszNormal = nullptr;
 
 namespace {
 
-constexpr int kMaskInterface = 0x2000;
-constexpr int kLevelNotable = 1;
-constexpr int kLevelEntryExit = 5;
-constexpr int kLevelPolled = 30;
-
 constexpr const char* kAgentCatalogue = "KvAgent.cat";
 constexpr int kSetStateWords = 3;
 constexpr int kWordUnknown = 1;
@@ -88,9 +83,9 @@ KvAlertInterval PlatformAlertInterval[] = {
 /// Runs an entry point between its entry and exit lines.
 template <typename Body>
 int Traced(const char* name, unsigned number, Body body) {
-    PXR_trace(kMaskInterface, kLevelEntryExit, "[IN ]%s() (%08X)", name, number);
+    PXR_trace(PXR_TRACE_MASK_PLUGIN, PXR_TRACE_LEVEL_CALL, "[IN ]%s() (%08X)", name, number);
     const uint32_t result = body();
-    PXR_trace(kMaskInterface, kLevelEntryExit, "[OUT]%s() (%08X) =%08X", name, number, result);
+    PXR_trace(PXR_TRACE_MASK_PLUGIN, PXR_TRACE_LEVEL_CALL, "[OUT]%s() (%08X) =%08X", name, number, result);
     return static_cast<int>(result);
 }
 
@@ -174,7 +169,7 @@ int InitLib() {
     return Traced("InitLib(libplatform)", 0, [] {
         LoadWords();
         const uint32_t result = StartLayers();
-        if (result == 0) PXR_trace(kMaskInterface, kLevelNotable, "libplatform initialized.\n");
+        if (result == 0) PXR_trace(PXR_TRACE_MASK_PLUGIN, PXR_TRACE_LEVEL_EVENT, "libplatform initialized.\n");
         return result;
     });
 }
@@ -184,7 +179,7 @@ int TerminateLib() {
         FreeWords();
         TerminateIpmiIf();
         ktx_ipmi::TerminateIpmiLib();
-        PXR_trace(kMaskInterface, kLevelNotable, "libplatform terminated.\n");
+        PXR_trace(PXR_TRACE_MASK_PLUGIN, PXR_TRACE_LEVEL_EVENT, "libplatform terminated.\n");
         return 0u;
     });
 }
@@ -208,17 +203,17 @@ int PXR_ExecCommand(_KVCIM_ENUM* e, _PXR_COMMAND_PARAM* param, int mode) {
     static constexpr const char* kName = "PXR_ExecCommand(libplatform)";
     static constexpr unsigned kNumber = 0x20000;
     uint32_t result = 0;
-    int level = kLevelEntryExit;
+    int level = PXR_TRACE_LEVEL_CALL;
     if (e == nullptr) {
         result = PXR_ReportError(MakeResult(fn::kExecCommand, Reason::NullArgument));
     } else {
-        if (e->classId == KTX_CLS_ALERT_RECORD) level = kLevelPolled;
-        PXR_trace(kMaskInterface, level, "[IN ]%s() (%08X) Class=%s", kName, kNumber, ClassName(e->classId));
-        TraceEnum(kMaskInterface, e);
+        if (e->classId == KTX_CLS_ALERT_RECORD) level = PXR_TRACE_LEVEL_POLL;
+        PXR_trace(PXR_TRACE_MASK_PLUGIN, level, "[IN ]%s() (%08X) Class=%s", kName, kNumber, ClassName(e->classId));
+        TraceEnum(PXR_TRACE_MASK_PLUGIN, e);
         result = ServeRequest(e, param, mode);
     }
-    PXR_trace(kMaskInterface, level, "[OUT]%s() (%08X) =%08X", kName, kNumber, result);
-    if (e != nullptr) TraceEnum(kMaskInterface, e);
+    PXR_trace(PXR_TRACE_MASK_PLUGIN, level, "[OUT]%s() (%08X) =%08X", kName, kNumber, result);
+    if (e != nullptr) TraceEnum(PXR_TRACE_MASK_PLUGIN, e);
     return static_cast<int>(result);
 }
 
