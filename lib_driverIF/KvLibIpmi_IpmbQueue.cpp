@@ -61,7 +61,9 @@ struct QueueState {
     bool threadStarted = false;
     pthread_t thread = {};
 };
-QueueState g_queue;
+// Never destroyed: the thread may still wait there when the process ends, and the end of a condition variable waits for
+// those who wait in it.
+QueueState& g_queue = *new QueueState;
 
 std::atomic<bool> g_receiving = false;  // the timer thread is fetching a message
 

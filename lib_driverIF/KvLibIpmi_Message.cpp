@@ -19,7 +19,7 @@ struct TurnState {
     std::condition_variable free;
     bool busy = false;  // guarded by mutex
 };
-TurnState ioctllock_cond;
+TurnState& ioctllock_cond = *new TurnState;  // never destroyed: threads may wait when the process ends
 
 void TraceBytes(const char* what, const uint8_t* bytes, uint32_t length) {
     char title[64];

@@ -93,7 +93,7 @@ private:
     std::list<const Place*> waiting_;  // guarded by mutex_
 };
 
-Queue g_queue;
+Queue& g_queue = *new Queue;  // never destroyed: threads may wait when the process ends
 
 /// What this thread holds. Brackets nest: the lock and the device belong to the outermost levels.
 struct Held {

@@ -387,6 +387,19 @@ TEST_F(IpmiIoctlTest, ChildProcessStartsAnew) {
     EXPECT_EQ(0, Execute());
 }
 
+TEST_F(IpmiIoctlTest, AProcessEndsThoughItsThreadsWait) {
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(20);
+        if (Init_IpmiIF() != 0) _exit(1);
+        usleep(20'000);  // the timer thread has gone to sleep
+        exit(0);
+    }
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+}
+
 TEST_F(IpmiIoctlTest, CancelledCallerFinishesItsMessage) {
     ASSERT_EQ(0, Init_IpmiIF());
     pthread_t thread = {};
