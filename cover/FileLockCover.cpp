@@ -116,6 +116,12 @@ void CloseFLock(_FLKHANDLE* handle) {
     delete handle;
 }
 
+extern "C" int FcntlThatMayUnwind(int fd, int operation, ...) __asm__("fcntl64");
+
+int LockControl(int fd, int operation, struct flock* lock) {
+    return FcntlThatMayUnwind(fd, operation, lock);
+}
+
 int FileLockCntl(_FLKHANDLE* handle, int type, int noWait) {
     constexpr short kTypes[] = {F_RDLCK, F_WRLCK, F_UNLCK};
     if (handle == nullptr || type < kFileLockRead || type > kFileLockUnlock) {
@@ -125,7 +131,7 @@ int FileLockCntl(_FLKHANDLE* handle, int type, int noWait) {
     struct flock whole = {};
     whole.l_type = kTypes[type];
     whole.l_whence = SEEK_SET;
-    while (fcntl(handle->fd, noWait != 0 ? F_SETLK : F_SETLKW, &whole) != 0) {
+    while (LockControl(handle->fd, noWait != 0 ? F_SETLK : F_SETLKW, &whole) != 0) {
         const int error = GetRecentErrno();
         if (error == EINTR) continue;  // a signal of the host's, not the end of the wait
         if (error != EACCES && error != EAGAIN) return kLockError;

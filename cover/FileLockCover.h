@@ -7,6 +7,8 @@
 /// once. A process that dies leaves nothing locked. The stream's lock counts for the thread that holds it, the
 /// record lock does not: nested brackets must lock and unlock in their outermost level alone.
 
+#include <fcntl.h>
+
 #include <cstdint>
 #include <cstdio>
 
@@ -36,6 +38,11 @@ int UnlockFLock(_FLKHANDLE* handle);
 
 /// Closes and frees; null is allowed.
 void CloseFLock(_FLKHANDLE* handle);
+
+/// fcntl for record locks, in which a thread may be cancelled while it waits. The C library declares fcntl as a
+/// function that nothing is thrown through: an optimising compiler then leaves a cancelled thread no way out of the
+/// callers.
+int LockControl(int fd, int operation, struct flock* lock);
 
 /// Sets or releases the record lock alone.
 /// @param noWait  1: does not wait for another process

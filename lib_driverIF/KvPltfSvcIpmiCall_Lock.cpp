@@ -180,7 +180,7 @@ private:
         lock.l_len = length;
         int rc = 0;
         do {
-            rc = fcntl(g_turnstile.Get(), operation, &lock);
+            rc = LockControl(g_turnstile.Get(), operation, &lock);
         } while (rc != 0 && errno == EINTR);
         return rc == 0 ? lock.l_type : -1;
     }
