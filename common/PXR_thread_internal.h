@@ -2,6 +2,7 @@
 /// @file
 /// Names of threads, the ring of actions and the guard against cancellation, as the rest of the library meets them.
 
+#include "cover/CancelBlock.h"
 #include "libplatform/PXR_thread.h"
 
 /// Gives the calling thread a name, or takes it away (null). The name is copied; without memory the thread keeps the
@@ -11,16 +12,3 @@ void PXR_SetThreadName(const char* name);
 /// Appends an action to a worker's ring, enlarging a full one by PXR_THREAD_QUEUE_SLOTS. The lock is held.
 /// @return false when there is no memory; the ring is unchanged then
 bool PXR_AppendAction(PXR_thread& worker, uint32_t action);
-
-/// Keeps the calling thread from being cancelled in what must be done as a whole, and in clean-up code: close and the
-/// like are cancellation points, and a thread that is cancelled inside a destructor brings the process down.
-class CancelBlock {
-public:
-    CancelBlock() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    ~CancelBlock() { pthread_setcancelstate(before_, nullptr); }
-    CancelBlock(const CancelBlock&) = delete;
-    CancelBlock& operator=(const CancelBlock&) = delete;
-
-private:
-    int before_ = PTHREAD_CANCEL_ENABLE;
-};

@@ -5,6 +5,7 @@
 
 #include <utility>
 
+#include "cover/CancelBlock.h"
 #include "libplatform/KvDeviceOps.h"
 
 namespace device {
@@ -33,6 +34,7 @@ public:
         return *this;
     }
     ~Descriptor() {
+        const CancelBlock block;
         if (fd_ >= 0) Close(fd_);
     }
     explicit operator bool() const { return fd_ >= 0; }

@@ -16,6 +16,7 @@
 #include <system_error>
 #include <utility>
 
+#include "cover/CancelBlock.h"
 #include "cover/ErrorCover.h"
 
 namespace {
@@ -170,6 +171,7 @@ int RemoveDir(const char* path) {
 }
 
 int CreateCopyFile(const char* source, const char* destination, int failIfExists) {
+    const CancelBlock block;  // no half copy
     struct stat status = {};
     if (source == nullptr || destination == nullptr) return Fail(EINVAL);
     if (failIfExists != 0 && lstat(destination, &status) == 0) return Fail(EEXIST);

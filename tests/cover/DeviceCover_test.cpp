@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 #include "tests/support/TempDirectory.h"
@@ -38,6 +39,20 @@ TEST(DeviceCover, DefaultTalksToTheSystem) {
         EXPECT_EQ(ENOTTY, errno) << "a plain file is no memory driver";
     }
     EXPECT_FALSE(device::Descriptor(directory.Path("none").c_str(), O_RDONLY));
+}
+
+// A destructor that a cancelled thread leaves would end the process.
+TEST(DeviceCover, ACancelledThreadClosesItsDevice) {
+    bool closed = false;
+    std::thread([&] {
+        {
+            const device::Descriptor memory("/dev/null", O_RDONLY);
+            pthread_cancel(pthread_self());
+        }
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        closed = true;
+    }).join();
+    EXPECT_TRUE(closed);
 }
 
 TEST(DeviceCover, MappingBehindAPlainFileFailsInsteadOfKilling) {
