@@ -2,13 +2,14 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <optional>
 #include <string_view>
+
+#include "common/PXR_syscall_internal.h"
+#include "libplatform/PXR_syscall.h"
 
 namespace {
 
@@ -27,22 +28,6 @@ constexpr uint32_t kMagic = 0x960408DE;
 constexpr size_t kHeaderWords = 3;
 constexpr size_t kSlotWords = 3;
 constexpr size_t kWordBytes = 4;
-
-class Descriptor {
-public:
-    explicit Descriptor(int number) : number_(number) {}
-    Descriptor(Descriptor&& other) noexcept : number_(other.number_) { other.number_ = -1; }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    Descriptor& operator=(Descriptor&&) = delete;
-    ~Descriptor() {
-        if (number_ >= 0) close(number_);
-    }
-    int Get() const { return number_; }
-
-private:
-    int number_;
-};
 
 /// A path of bounded length, built piece by piece. One that is too long could not be opened either.
 class PathBuffer {
@@ -116,51 +101,39 @@ bool Expand(std::string_view pattern, std::string_view name, const LocaleName& l
 
 /// O_NONBLOCK keeps a FIFO in the catalogue's place from blocking the caller; a plain file does not know the
 /// difference.
-Descriptor OpenPath(const char* path) {
-    return Descriptor(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+FileDescriptor OpenPath(const char* path) {
+    return FileDescriptor(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
 }
 
 /// Opens the first file that the ":"-separated templates lead to.
-Descriptor OpenThrough(std::string_view searchPath, std::string_view name, const LocaleName& locale) {
+FileDescriptor OpenThrough(std::string_view searchPath, std::string_view name, const LocaleName& locale) {
     for (;;) {
         const size_t end = searchPath.find(':');
         PathBuffer path;
         if (Expand(searchPath.substr(0, end), name, locale, path) && path.Get() != nullptr) {
-            Descriptor file = OpenPath(path.Get());
-            if (file.Get() >= 0) return file;
+            FileDescriptor file = OpenPath(path.Get());
+            if (file) return file;
         }
-        if (end == std::string_view::npos) return Descriptor(-1);
+        if (end == std::string_view::npos) return FileDescriptor();
         searchPath.remove_prefix(end + 1);
     }
 }
 
-Descriptor OpenCatalogue(const char* name, const char* localeName, std::string_view searchPath) {
+FileDescriptor OpenCatalogue(const char* name, const char* localeName, std::string_view searchPath) {
     if (strchr(name, '/') != nullptr) return OpenPath(name);
     const LocaleName locale(localeName);
     if (!searchPath.empty()) {
-        Descriptor file = OpenThrough(searchPath, name, locale);
-        if (file.Get() >= 0) return file;
+        FileDescriptor file = OpenThrough(searchPath, name, locale);
+        if (file) return file;
     }
     return OpenThrough(kSystemPath, name, locale);
-}
-
-/// Reads up to `size` bytes; fewer when the file ends early. False on a read error.
-bool ReadAll(int descriptor, unsigned char* bytes, size_t size, size_t& got) {
-    for (got = 0; got < size;) {
-        const ssize_t part = read(descriptor, bytes + got, size - got);
-        if (part == 0) return true;
-        if (part < 0 && errno == EINTR) continue;
-        if (part < 0) return false;
-        got += static_cast<size_t>(part);
-    }
-    return true;
 }
 
 }  // namespace
 
 CatalogueFile::Status CatalogueFile::Read(const char* name, const char* locale, const char* searchPath) {
-    const Descriptor file = OpenCatalogue(name, locale, searchPath);
-    if (file.Get() < 0) return Status::kUnreadable;
+    const FileDescriptor file = OpenCatalogue(name, locale, searchPath);
+    if (!file) return Status::kUnreadable;
     const Status status = ReadWhole(file.Get());
     if (status != Status::kOk) return status;
     return Check() ? Status::kOk : Status::kUnreadable;
@@ -173,7 +146,10 @@ CatalogueFile::Status CatalogueFile::ReadWhole(int descriptor) {
     const auto size = static_cast<size_t>(status.st_size);
     bytes_.reset(static_cast<unsigned char*>(malloc(size)));
     if (bytes_ == nullptr) return Status::kNoMemory;
-    return ReadAll(descriptor, bytes_.get(), size, length_) ? Status::kOk : Status::kUnreadable;
+    const int got = PXR_read(descriptor, bytes_.get(), size);
+    if (got < 0) return Status::kUnreadable;
+    length_ = static_cast<size_t>(got);
+    return Status::kOk;
 }
 
 /// Holds the header and the table against the file's length, so that Find needs no further check. A file that lacks
