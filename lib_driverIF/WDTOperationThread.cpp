@@ -179,7 +179,7 @@ bool CWDTOperationThread::Send(uint8_t command, uint8_t netFn, uint16_t dataLeng
 /// says so and has nothing, the time is slept away. The clock is asked once where all goes well: commands are sent by
 /// the hundred.
 bool CWDTOperationThread::WaitAndReceive(uint8_t* response, uint16_t capacity, uint16_t* received) const {
-    const uint64_t deadline = Clock().Now() + kTryMs * 1000;
+    const uint64_t deadline = Clock().Now() + uint64_t{kTryMs} * 1000;
     int foreignLeft = kMaxForeignMessages;
     for (int rest = kTryMs; rest > 0; rest = RestMs(deadline)) {
         const int foreignBefore = foreignLeft;
