@@ -261,7 +261,6 @@ bool AppendSelLog(std::span<const KVPS_SEL_ENTRY> entries) {
 }
 
 void CopyFilesOfRedetection(const DEVICE_INFO& device) {
-    const CancelBlock block;
     const auto copy = [](const std::string& from, const std::string& to) {
         if (CreateCopyFile(from.c_str(), to.c_str(), 0)) return;
         PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_EVENT, "The log file copy failed. FILE=%s\n", to.c_str());

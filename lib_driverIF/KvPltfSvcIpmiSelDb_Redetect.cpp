@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/PXR_thread_internal.h"
 #include "lib_driverIF/KvPltfSvcIpmiSelDb_Internal.h"
 #include "libplatform/PXR_trace.h"
 
@@ -34,6 +35,7 @@ void TraceRedetection(const KVPS_SEL_ENTRY& entry) {
 }
 
 void ReportRedetection() {
+    const CancelBlock block;
     PutSyslogMessage(kMessageRedetected, LOG_INFO);
     CopyFilesOfRedetection(CurrentSelDevice());
 }
