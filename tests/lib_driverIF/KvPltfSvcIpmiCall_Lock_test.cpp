@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <new>
 #include <thread>
 #include <vector>
@@ -105,76 +106,6 @@ void RunContenders(Shared& shared, int processes, int threads, int rounds, int m
         EXPECT_EQ(0, WaitForExit(child));
 }
 
-TEST(IpmiLock, NeverLetsTwoConversationsOverlap) {
-    Shared* shared = MakeShared();
-    RunContenders(*shared, 4, 4, 200, 0);
-    EXPECT_EQ(0, shared->overlaps);
-    EXPECT_EQ(4 * 4 * 200, shared->conversations);
-}
-
-TEST(IpmiLock, NobodyStarves) {
-    Shared* shared = MakeShared();
-    RunContenders(*shared, 4, 4, 40, 1000);
-    EXPECT_EQ(0, shared->overlaps);
-    // Each of the 16 at most once before any other; a few more, for who was about to be asleep when his turn came.
-    EXPECT_LE(shared->longestWait, 16 + 8);
-}
-
-TEST(IpmiLock, AnUncontendedBracketPaysNoPause) {
-    const MachineRoot root = MakeTestRoot();
-    RunInRoot(root, [] {
-        CountingTransport device;
-        ASSERT_TRUE(OpenIpmiLock());
-        const auto start = steady_clock::now();
-        for (int i = 0; i < 100; ++i)
-            EXPECT_TRUE(IpmiBracket());
-        EXPECT_LT(steady_clock::now() - start, std::chrono::milliseconds(100));
-        CloseIpmiLock();
-    });
-}
-
-TEST(IpmiLock, AFullDiskCostsAPauseNotTheLock) {
-    const MachineRoot root = MakeTestRoot();
-    RunInRoot(root, [] {
-        CountingTransport device;
-        sim::ScopedVirtualClock clock;
-        ASSERT_TRUE(OpenIpmiLock());
-        {
-            const FullDisk full;
-            EXPECT_TRUE(IpmiBracket());
-            EXPECT_EQ(100'000U, clock.Slept()) << "time for others to come in";
-        }
-        EXPECT_TRUE(IpmiBracket());
-        EXPECT_EQ(100'000U, clock.Slept()) << "they stand in line again";
-        CloseIpmiLock();
-    });
-}
-
-TEST(IpmiLock, AKilledHolderLeavesNobodyLocked) {
-    const MachineRoot root = MakeTestRoot();
-    Shared* shared = MakeShared();
-    const pid_t holder = root.Start([&] {
-        CountingTransport device;
-        OpenIpmiLock();
-        const IpmiBracket bracket;
-        ++shared->ready;
-        pause();
-        return 0;
-    });
-    while (shared->ready == 0)
-        std::this_thread::yield();
-    const pid_t waiter = root.Start([] {
-        CountingTransport device;
-        OpenIpmiLock();
-        return IpmiBracket() ? 0 : 1;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(0, waitpid(waiter, nullptr, WNOHANG)) << "waits for the holder";
-    kill(holder, SIGKILL);
-    EXPECT_EQ(0, WaitForExit(waiter));
-    WaitForExit(holder);
-}
-
 /// Another process that takes the bracket, and says so, until it is killed.
 pid_t StartHolder(const MachineRoot& root, Shared& shared) {
     return root.Start([&] {
@@ -192,6 +123,70 @@ void AwaitAtLeast(const std::atomic<int>& count, int n) {
     while (count < n)
         std::this_thread::yield();
     std::this_thread::sleep_for(std::chrono::milliseconds(30));  // from there into the wait
+}
+
+/// Runs body in a machine root of its own, with the lock open.
+void WithLock(const std::function<void(CountingTransport&)>& body) {
+    RunInRoot(MakeTestRoot(), [&] {
+        CountingTransport device;
+        ASSERT_TRUE(OpenIpmiLock());
+        body(device);
+        CloseIpmiLock();
+    });
+}
+
+TEST(IpmiLock, NeverLetsTwoConversationsOverlap) {
+    Shared* shared = MakeShared();
+    RunContenders(*shared, 4, 4, 200, 0);
+    EXPECT_EQ(0, shared->overlaps);
+    EXPECT_EQ(4 * 4 * 200, shared->conversations);
+}
+
+TEST(IpmiLock, NobodyStarves) {
+    Shared* shared = MakeShared();
+    RunContenders(*shared, 4, 4, 40, 1000);
+    EXPECT_EQ(0, shared->overlaps);
+    // Each of the 16 at most once before any other; a few more, for who was about to be asleep when his turn came.
+    EXPECT_LE(shared->longestWait, 16 + 8);
+}
+
+TEST(IpmiLock, AnUncontendedBracketPaysNoPause) {
+    WithLock([](CountingTransport& /*device*/) {
+        const auto start = steady_clock::now();
+        for (int i = 0; i < 100; ++i)
+            EXPECT_TRUE(IpmiBracket());
+        EXPECT_LT(steady_clock::now() - start, std::chrono::milliseconds(100));
+    });
+}
+
+TEST(IpmiLock, AFullDiskCostsAPauseNotTheLock) {
+    WithLock([](CountingTransport& /*device*/) {
+        sim::ScopedVirtualClock clock;
+        {
+            const FullDisk full;
+            EXPECT_TRUE(IpmiBracket());
+            EXPECT_EQ(100'000U, clock.Slept()) << "time for others to come in";
+        }
+        EXPECT_TRUE(IpmiBracket());
+        EXPECT_EQ(100'000U, clock.Slept()) << "they stand in line again";
+    });
+}
+
+TEST(IpmiLock, AKilledHolderLeavesNobodyLocked) {
+    const MachineRoot root = MakeTestRoot();
+    Shared* shared = MakeShared();
+    const pid_t holder = StartHolder(root, *shared);
+    AwaitAtLeast(shared->inside, 1);
+    const pid_t waiter = root.Start([] {
+        CountingTransport device;
+        OpenIpmiLock();
+        return IpmiBracket() ? 0 : 1;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(0, waitpid(waiter, nullptr, WNOHANG)) << "waits for the holder";
+    kill(holder, SIGKILL);
+    EXPECT_EQ(0, WaitForExit(waiter));
+    WaitForExit(holder);
 }
 
 TEST(IpmiLock, ACancelledThreadLeavesTheLineAsIfItHadNeverCome) {
@@ -241,10 +236,7 @@ TEST(IpmiLock, ACancelledThreadGivesBackWhatItHolds) {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "the sanitizer does not see a cancelled thread leave its frames";
 #endif
-    const MachineRoot root = MakeTestRoot();
-    RunInRoot(root, [] {
-        CountingTransport device;
-        ASSERT_TRUE(OpenIpmiLock());
+    WithLock([](CountingTransport& device) {
         device.cancels = true;
         std::thread([] {
             const IpmiBracket bracket;
@@ -264,7 +256,6 @@ TEST(IpmiLock, ACancelledThreadGivesBackWhatItHolds) {
             EXPECT_TRUE(OpenIpmiDriver(&handle, 2000));
             CloseIpmiDriver(handle);
         }).join();
-        CloseIpmiLock();
     });
 }
 
@@ -307,10 +298,7 @@ TEST(IpmiLock, BracketsNestAndOnlyTheOutermostOpens) {
 }
 
 TEST(IpmiLock, ADeviceThatWillNotOpenLeavesNothingHeld) {
-    const MachineRoot root = MakeTestRoot();
-    RunInRoot(root, [] {
-        CountingTransport device;
-        ASSERT_TRUE(OpenIpmiLock());
+    WithLock([](CountingTransport& device) {
         device.refuse = -1;
         int handle = 0;
         EXPECT_FALSE(OpenIpmiDriver(&handle, kInfinite));
@@ -318,15 +306,11 @@ TEST(IpmiLock, ADeviceThatWillNotOpenLeavesNothingHeld) {
         EXPECT_EQ(3, device.opened);
         device.refuse = 0;
         std::thread([] { EXPECT_TRUE(IpmiBracket()) << "the lock is free for others"; }).join();
-        CloseIpmiLock();
     });
 }
 
 TEST(IpmiLock, LettingOthersInHandsTheLockOver) {
-    const MachineRoot root = MakeTestRoot();
-    RunInRoot(root, [] {
-        CountingTransport device;
-        ASSERT_TRUE(OpenIpmiLock());
+    WithLock([](CountingTransport& /*device*/) {
         std::atomic<bool> served{false};
         {
             IpmiBracket walk;
@@ -343,15 +327,11 @@ TEST(IpmiLock, LettingOthersInHandsTheLockOver) {
             EXPECT_TRUE(served);
             other.join();
         }
-        CloseIpmiLock();
     });
 }
 
 TEST(IpmiLock, ATimedWaitEndsInTime) {
-    const MachineRoot root = MakeTestRoot();
-    RunInRoot(root, [] {
-        CountingTransport device;
-        ASSERT_TRUE(OpenIpmiLock());
+    WithLock([](CountingTransport& /*device*/) {
         const IpmiBracket holder;
         std::thread([] {
             int handle = kInvalidHandle;
@@ -359,7 +339,6 @@ TEST(IpmiLock, ATimedWaitEndsInTime) {
             EXPECT_FALSE(OpenIpmiDriverPriority(&handle, 30));
             EXPECT_EQ(0, IsIPMIPriorityCtrl());
         }).join();
-        CloseIpmiLock();
     });
 }
 

@@ -23,7 +23,6 @@ namespace {
 
 constexpr uint32_t kEpoch = 1'700'000'000;  // event n was logged n seconds later
 constexpr size_t kMostEvents = 20'000;
-constexpr size_t kDbSize = 1024 * 1024;
 
 /// KV_CRASH_ROUNDS in the environment; by default enough for the log to be cleared several times.
 unsigned Rounds() {
@@ -132,7 +131,7 @@ protected:
     }
 
     static void CheckDatabase() {
-        const std::string bytes = Read("ipmi_sel_51_000a.db");
+        const std::string bytes = Read(kDb);
         ASSERT_EQ(kDbSize, bytes.size());
         static const std::string kEmpty(sizeof(KVPS_SEL_ENTRY), '\0');
         for (size_t at = 0; at < kDbSize; at += sizeof(KVPS_SEL_ENTRY)) {

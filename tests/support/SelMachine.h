@@ -42,6 +42,11 @@ inline KVPS_SEL_ENTRY AsEntry(const sim::SelEntry& bytes) {
 class SelMachine : public SimulatedMachine {
 public:
     static constexpr const char* kFolder = "/var/opt/velmora/lantrel/log/";
+    static constexpr const char* kInf = "ipmi_sel_51_000a.inf";  // of the first device
+    static constexpr const char* kDb = "ipmi_sel_51_000a.db";
+    static constexpr const char* kFirst = "FirstSEL51000a.dat";
+    static constexpr const char* kRing = "ipmi_sel.log";
+    static constexpr size_t kDbSize = 1024 * 1024;
     static constexpr uint8_t kStorage = sim::netfn::kStorage;
     static constexpr uint8_t kGetInfo = 0x40, kReserve = 0x42, kGetEntry = 0x43, kClear = 0x47;
     using Numbers = std::vector<unsigned>;
@@ -104,7 +109,7 @@ public:
     }
     static DEVICE_INFO ReadInf() {
         DEVICE_INFO info = {};
-        const std::string bytes = Read("ipmi_sel_51_000a.inf");
+        const std::string bytes = Read(kInf);
         EXPECT_EQ(sizeof info, bytes.size());
         memcpy(&info, bytes.data(), std::min(sizeof info, bytes.size()));
         return info;
@@ -112,7 +117,7 @@ public:
     /// A record of the database file.
     static KVPS_SEL_ENTRY ReadDb(uint16_t id) {
         KVPS_SEL_ENTRY entry = {};
-        std::ifstream in(Path("ipmi_sel_51_000a.db"), std::ios::binary);
+        std::ifstream in(Path(kDb), std::ios::binary);
         in.seekg(static_cast<std::streamoff>(id * sizeof entry));
         in.read(reinterpret_cast<char*>(&entry), sizeof entry);
         EXPECT_TRUE(in) << "record " << id;

@@ -1,0 +1,273 @@
+// The files of the SEL database: what is in them, and what becomes of the events when they fail.
+
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+
+#include "tests/support/FullDisk.h"
+#include "tests/support/SelMachine.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::StartsWith;
+
+class SelDbFiles : public SelMachine {};
+
+TEST_F(SelDbFiles, TheTextLogIsARing) {
+    constexpr size_t kFull = 5 + 0x2800 * 38;
+    struct Case {
+        std::string header;
+        unsigned events;
+        std::string after;
+        std::vector<unsigned> lines;
+    };
+    Run([&] {
+        StartWith(0);
+        for (const auto& [header, events, after, lines] : {
+                 Case{"27FF\n", 1, "0000\n", {0x27FF}},
+                 Case{"27FE\n", 3, "0001\n", {0x27FE, 0x27FF, 0}},
+                 Case{"00FF\n", 2, "0101\n", {0x00FF, 0x0100}},
+                 Case{"2800\n", 1, "0001\n", {0}},
+                 Case{"FFFF\n", 1, "0001\n", {0}},
+                 Case{"00g0\n", 1, "0001\n", {0}},
+                 Case{"00f0\n", 1, "0001\n", {0}},
+                 Case{"0100:", 1, "0001\n", {0}},
+                 Case{"00", 1, "0001\n", {0}},
+                 Case{std::string(5, '\0'), 1, "0001\n", {0}},
+             }) {
+            std::string ring = header;
+            if (header.size() == 5) ring.resize(kFull, '.');
+            Write(kRing, ring);
+            Log(events);
+            EXPECT_THAT(Poll(), SizeIs(events));
+            const std::string content = Read(kRing);
+            EXPECT_EQ(after, content.substr(0, 5)) << header;
+            EXPECT_TRUE(header.size() != 5 || content.size() == kFull) << header;
+            for (const unsigned line : lines) {
+                char index[8];
+                snprintf(index, sizeof index, "%04X:", line);
+                EXPECT_EQ(index, content.substr(5 + line * 38, 5)) << header;
+                EXPECT_EQ('\n', content.at(5 + line * 38 + 37));
+            }
+        }
+        std::filesystem::remove(Path(kRing));
+        std::filesystem::create_directory(Path(kRing));
+        Log(1);
+        EXPECT_THAT(Poll(), SizeIs(1)) << "a log that cannot be written keeps nothing back";
+    });
+}
+
+TEST_F(SelDbFiles, ADatabaseThatFailsIsToldOnceAndKeepsNothingBack) {
+    const struct {
+        const char* what;
+        std::function<void()> damage;
+        bool mended = true;  // by the next entry
+        unsigned known = 3;  // of the three old entries
+    } cases[] = {
+        {"cut short", [] { truncate(Path(kDb).c_str(), 2 * 16 + 3); }, true, 1},
+        {"empty", [] { Write(kDb, ""); }, true, 0},
+        {"an id out of its place",
+         [&] {
+             std::string misplaced = Read(kDb);
+             misplaced[2 * 16] = 8;
+             Write(kDb, misplaced);
+         },
+         true, 2},
+        {"cannot be read",
+         [] {
+             std::filesystem::remove(Path(kDb));
+             std::filesystem::create_directory(Path(kDb));
+         },
+         false, 0},
+        {"cannot be opened",
+         [] {
+             std::filesystem::remove(Path(kDb));
+             std::filesystem::create_symlink(kDb, Path(kDb));
+         },
+         false, 0},
+    };
+    for (const auto& [what, damage, mended, known] : cases) {
+        Run([&, what = what, mended = mended, known = known] {
+            unsigned long count = 0;
+            KVDF_ALERT* alerts = nullptr;
+            StartWith(3);
+            EXPECT_EQ(0U, AddAlertOccurredBySELDb(&count, &alerts));
+            EXPECT_EQ(0U, count) << "all is well";
+            damage();
+            Start();
+            Log(1);
+            EXPECT_THAT(Poll(), ElementsAre(4)) << what;
+            EXPECT_EQ(kSelDbFailed, g_eSelDbFileStat) << what;
+            for (int i = 0; i < 2; ++i)
+                EXPECT_EQ(0U, AddAlertOccurredBySELDb(&count, &alerts));
+            EXPECT_EQ(1U, count) << "told once";
+            delete[] alerts;
+            Log(1);
+            EXPECT_THAT(Poll(), ElementsAre(5)) << what;
+            EXPECT_EQ(kSelDbReported, g_eSelDbFileStat) << "it only ever rises";
+            const std::vector<sim::SelEntry> old = Bmc().Sel()->Entries();
+            Start();
+            Bmc().Sel()->Rewrite({EventAt(90, 90), old[0], old[1], old[2], old[3], old[4]});
+            const size_t unknown = mended ? 3 - known : 5;
+            EXPECT_THAT(Poll(), SizeIs(1 + unknown)) << what;
+            EXPECT_EQ(mended ? kSelDbGood : kSelDbFailed, g_eSelDbFileStat) << what;
+        });
+    }
+}
+
+TEST_F(SelDbFiles, TheAlertOfAFailedDatabaseJoinsTheOthers) {
+    setenv("LANG", "ja_JP.eucJP", 1);
+    Run([this] {
+        unsigned long count = 1;
+        auto* alerts = new KVDF_ALERT[1];
+        alerts[0].id = 7;
+        alerts[0].message = "another one";
+        EXPECT_EQ(0x60004201U, AddAlertOccurredBySELDb(nullptr, &alerts));
+        EXPECT_EQ(0x60004201U, AddAlertOccurredBySELDb(&count, nullptr));
+        StartWith(1);
+        Write(kDb, "");
+        Start();
+        Poll();
+        ASSERT_EQ(0U, AddAlertOccurredBySELDb(&count, &alerts));
+        ASSERT_EQ(2U, count);
+        EXPECT_EQ(7U, alerts[0].id);
+        EXPECT_STREQ("another one", alerts[0].message);
+        EXPECT_EQ(64016U, alerts[1].id);
+        EXPECT_EQ(10U, alerts[1].level);
+        EXPECT_EQ(16U, alerts[1].portion);
+        EXPECT_LE(time(nullptr) - 5, static_cast<time_t>(alerts[1].time));
+        EXPECT_STREQ("The database of the system event log cannot be used. Events may be reported again or be lost.",
+                     alerts[1].message2);
+        EXPECT_THAT(std::string(alerts[1].message), StartsWith("\x83V\x83X")) << "in the agent's language";
+        delete[] alerts;
+    });
+    unsetenv("LANG");
+}
+
+TEST_F(SelDbFiles, ADatabaseThatIsGoneIsMadeAnewFromWhatWasTaken) {
+    Run([this] {
+        StartWith(3);
+        std::filesystem::remove(Path(kDb));
+        Log(2);
+        Start();
+        EXPECT_THAT(Poll(), ElementsAre(4, 5)) << "logged while nobody polled";
+        EXPECT_EQ(1U, NumberOf(ReadDb(1)));
+        EXPECT_EQ(5U, NumberOf(ReadDb(5)));
+        std::filesystem::remove(Path(kDb));
+        ClearAndLog(2);
+        Start();
+        EXPECT_THAT(Poll(), ElementsAre(6, 7));
+        EXPECT_EQ(kSelDbGood, g_eSelDbFileStat);
+    });
+}
+
+TEST_F(SelDbFiles, AFullDisk) {
+    Run([this] {
+        StartWith(3);
+        const std::string inf = Read(kInf);
+        {
+            const FullDisk full;
+            Log(2);
+            EXPECT_THAT(Poll(), ElementsAre(4, 5));
+            EXPECT_THAT(Poll(), IsEmpty()) << "known in memory";
+            EXPECT_EQ(inf, Read(kInf)) << "not torn";
+            EXPECT_FALSE(Exists("ipmi_sel_51_000a.tmp"));
+            EXPECT_EQ(kSelDbFailed, g_eSelDbFileStat);
+        }
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_EQ(5, ReadInf().selCount) << "written when there is room again";
+        EXPECT_EQ(5U, NumberOf(ReadDb(5))) << "the entries too";
+        Start();
+        EXPECT_THAT(Poll(), IsEmpty());
+    });
+    Run([this] {
+        const FullDisk full;
+        StartWith(3);
+        EXPECT_EQ(kSelDbFailed, g_eSelDbFileStat);
+        Log(1);
+        EXPECT_THAT(Poll(), ElementsAre(4)) << "without a file from the start";
+    });
+}
+
+TEST_F(SelDbFiles, ADirectoryThatCannotBeWritten) {
+    Run([this] {
+        StartWith(3);
+        ASSERT_EQ(0, mount("sel", kFolder, "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr));
+        Log(2);
+        EXPECT_THAT(Poll(), ElementsAre(4, 5));
+        EXPECT_EQ(kSelDbFailed, g_eSelDbFileStat);
+        ASSERT_EQ(0, mount("sel", kFolder, "tmpfs", MS_REMOUNT, nullptr));
+        Log(1);
+        EXPECT_THAT(Poll(), ElementsAre(6));
+        EXPECT_EQ(6, ReadInf().selCount);
+    });
+}
+
+TEST_F(SelDbFiles, TheStateIsTakenOverForTheSameDeviceOnly) {
+    const auto record = [](uint8_t address, uint8_t lun, uint8_t id, uint8_t version, uint8_t type, uint8_t count) {
+        const uint8_t bytes[16] = {address, lun, id, 0, version, type, 1, 0, count, 0, count, 0, 9, 9, 9, 9};
+        return std::string(reinterpret_cast<const char*>(bytes), sizeof bytes);
+    };
+    const std::string own = record(0x20, 0, 0x0A, 0x51, 0x12, 3);
+    const struct {
+        std::string inf;
+        unsigned count;
+    } cases[] = {
+        {own, 3},
+        {record(0x22, 0, 0x0A, 0x51, 0x12, 3), 0},
+        {record(0x20, 1, 0x0A, 0x51, 0x12, 3), 0},
+        {record(0x20, 0, 0x0B, 0x51, 0x12, 3), 0},
+        {record(0x20, 0, 0x0A, 0x01, 0x12, 3), 0},
+        {record(0x20, 0, 0x0A, 0x51, 0x11, 3), 0},
+        {own + record(0x20, 0, 0x0A, 0x51, 0x12, 2) + record(0x22, 0, 0x0A, 0x51, 0x12, 9), 2},
+        {own.substr(0, 15), 0},
+        {own + "torn", 3},
+        {"", 0},
+    };
+    Run([&] {
+        for (const auto& [inf, count] : cases) {
+            Write(kInf, inf);
+            EXPECT_EQ(0U, Start());
+            EXPECT_EQ(count, g_stSelDev[0].selCount);
+            EXPECT_EQ(count > 0 ? 0x09090909U : 0U, g_stSelDev[0].lastTimeStamp);
+        }
+        Log(5);
+        EXPECT_THAT(Poll(), IsEmpty()) << "met for the first time";
+        EXPECT_EQ(5, ReadInf().selCount);
+
+        std::filesystem::remove(Path(kInf));
+        EXPECT_EQ(0U, Start());
+        std::filesystem::create_directory(Path(kInf));
+        EXPECT_EQ(0x605CB302U, Start(true, 2)) << "the other device is loaded all the same";
+        std::filesystem::remove(Path(kInf));
+        std::filesystem::create_symlink(kInf, Path(kInf));
+        EXPECT_EQ(0x605CB301U, Start());
+    });
+}
+
+TEST_F(SelDbFiles, ReplacedHardwareStartsAnew) {
+    SetProduct("Tessark R2");
+    root.AddFile("/opt/velmora/lantrel/rc/HWCheck",
+                 "echo 00:11:22:33:44:55 > /var/opt/velmora/lantrel/dat/HWCheckList.dat\n");
+    SimulatedMachine::Run([this] {  // the files stay
+        StartWith(3);
+        EXPECT_EQ(3, ReadInf().selCount);
+    });
+    SimulatedMachine::Run([this] { EXPECT_EQ(0U, Start()) << "the same hardware"; });
+    root.AddFile("/var/opt/velmora/lantrel/dat/HWList.dat", "66:77:88:99:aa:bb\n");
+    SimulatedMachine::Run([this] {  // the files stay
+        EXPECT_EQ(0x605CB11DU, Start());
+        Log(5);
+        EXPECT_THAT(Poll(), IsEmpty());
+        Log(1);
+        EXPECT_THAT(Poll(), ElementsAre(6));
+    });
+}
+
+}  // namespace
