@@ -174,11 +174,11 @@ void AnswerReservationCancelled(const Request& request, const Response& response
 }
 
 uint32_t Execute(const Request& request, const Response& response, const Levels& levels) {
-    const int updateLimit = std::max(host::UpdateRetryLimit(), 0) + 1;
+    const int updateLimit = std::max(host::UpdateRetryLimit(), 0);
     uint32_t result = 0;
     int updateRetries = 0;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        if (updateRetries == updateLimit) return result;
+        if (updateRetries > updateLimit) return result;
         const int rc = Attempt(request, response, levels);
         if (rc == 0) return 0;
         result = kTransportFailure | (static_cast<uint32_t>(rc) & 0x0FFFFFFF);

@@ -217,13 +217,14 @@ bool SomebodyWaits() {
     return !g_lineKept || !g_queue.Empty() || Turnstile::OthersInLine();
 }
 
-bool OpenDevice() {
+/// @return what the transport gives, 0 when the device is open already
+int OpenDevice() {
     const CancelBlock block;
     if (t_held.device == 0) {
-        if (const int rc = Transport().Open(); rc != 0) return false;
+        if (const int rc = Transport().Open(); rc != 0) return rc;
     }
     ++t_held.device;
-    return true;
+    return 0;
 }
 
 /// The priority flag, set for its scope.
@@ -272,12 +273,14 @@ bool OpenIpmiDriver(int* handle, uint32_t timeoutMs) {
             return false;
         }
         const CancelBlock block;
-        if (OpenDevice()) {
+        const int rc = OpenDevice();
+        if (rc == 0) {
             PXR_trace(kMaskIpmi, kLevelPolled, "[%s] Lock", __func__);
             *handle = g_hipmilock->fd;
             return true;
         }
-        PXR_trace(kMaskIpmi, kLevelCall, "IPMI open fail.  l_nReturn=0x%08X nRetryCount=%d", 0xFFFFFFFFu, retry);
+        PXR_trace(kMaskIpmi, kLevelCall, "IPMI open fail.  l_nReturn=0x%08X nRetryCount=%d", static_cast<unsigned>(rc),
+                  retry);
         ReleaseLock();
         Sleep(kPauseAfterFailedOpen);
     }
@@ -311,7 +314,7 @@ int IsIPMIPriorityCtrl() {
     return g_bIPMIPriorityCtrl;
 }
 
-DeviceInBracket::DeviceInBracket() : open_(OpenDevice()) {}
+DeviceInBracket::DeviceInBracket() : open_(OpenDevice() == 0) {}
 
 DeviceInBracket::~DeviceInBracket() {
     if (open_) CloseDevice();

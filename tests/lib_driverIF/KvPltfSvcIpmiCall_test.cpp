@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -12,6 +13,7 @@
 
 #include "lib_driverIF/KvPltfSvcIpmiCmd.h"
 #include "libplatform/PXR_syscall.h"
+#include "libplatform/PXR_trace.h"
 #include "simulator/VirtualClock.h"
 #include "tests/support/InMachineRoot.h"
 
@@ -135,8 +137,10 @@ TEST_F(Gate, AnUpdateRestartsTheAttempts) {
     bmc.results.assign(40, -1);
     bmc.results.push_back(-6);
     bmc.otherwise = -1;
+    g_Update = INT_MAX;  // for ever
     EXPECT_EQ(0x1FFFFFFFu, Call({0x18, 0x01}).result);
     EXPECT_EQ(41u + 51u, bmc.requests.size());
+    g_Update = 2;
 }
 
 TEST_F(Gate, AnswersSomeCommandsItselfDuringAnUpdate) {
@@ -198,6 +202,47 @@ TEST_F(Gate, KeepsTheLogOfARefusedCommand) {
     });
     EXPECT_EQ("what led to it", root.ReadFile("/var/opt/velmora/lantrel/log/@ipmi@_comperr_C1.log"))
         << "a cancelled thread finishes the copy";
+}
+
+TEST_F(Gate, TheLogTellsTheConversation) {
+    const MachineRoot root = MakeTestRoot();
+    root.AddFile("/etc/opt/velmora/lantrel/trace.cfg", "[ServerAgent0330_TRACE]\n@Version=0330\nTraceLevel=30\n");
+    RunInRoot(root, [this] {
+        PXR_trace_init_ipmi_pxraaedit_log();
+        Call({}, 16);
+        Call({0x18}, 16);
+        Call({0x18, 0x01}, 2);
+        bmc.answer = {0xC1, 0x07};
+        Call({0x12, 0x2D, 0x40});
+        bmc.requests.clear();
+        bmc.results = {-6};
+        Call({0x28, 0x43});
+        bmc.requests.clear();
+        bmc.results = {-1};
+        Call({0x19, 0x01});
+        PXR_trace_term_ipmi_pxraaedit_log();
+    });
+    const std::string log = root.ReadFile("/var/opt/velmora/lantrel/log/@ipmi_pxraaedit@.log");
+    size_t at = 0;
+    for (const char* line : {
+             "args error(request data Null)\n",
+             "args error(request buffer Illegal size)\n",
+             "args error(response buffer Illegal size)\n",
+             "IPMI GetSensorReading(NetFn=10 Adr=20 Lun=2 SnsNo=40)\n",
+             "IPMI Request Data\n",
+             "IPMI call success. response data length = 4\n",
+             "IPMI Response Data\n",
+             "The log file copy failed. FILE=/var/opt/velmora/lantrel/log/@ipmi@_comperr_C1.log\n",
+             "IPMI Command(NetFn=28 Lun=0 Cmd=43 Adr=20)\n",
+             "IPMI call fail.  rc=0x1FFFFFFA\n",
+             "After the sleep, it retries for BMCUPDATE. Sleep time = 7 seconds\n",
+             "BMCUPDATE occurred. it set ReservationCancel at Responce data. (Request=28 43 Response=2C 43 C5)\n",
+             "IPMI call fail.  rc=0x1FFFFFFF\n",
+             "It failed in the IPMI command. It retries. retrycount=0 updateretrycount=0\n",
+         }) {
+        at = std::min(log.find(line, at), log.size());
+        EXPECT_LT(at, log.size()) << line;
+    }
 }
 
 TEST_F(Gate, AnAnswerWithoutACompletionCodeIsNone) {
