@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "libplatform/PXR_trace.h"
+#include "tests/support/CancelledThread.h"
 #include "tests/support/ConfigTable.h"
 #include "tests/support/InMachineRoot.h"
 #include "tests/support/TempDirectory.h"
@@ -377,7 +378,6 @@ TEST_F(Config, CopiesTheWholeFileWhereverItStands) {
     EXPECT_EQ(0, PXR_file_close(fd));
 }
 
-// Workers are stopped by cancelling them, wherever they are.
 TEST_F(Config, ACancelledThreadLeavesNoHalfCopyAndNothingOpen) {
     Given("content");
     const int source = PXR_file_open(path_.c_str(), O_RDWR, nullptr);
@@ -385,16 +385,8 @@ TEST_F(Config, ACancelledThreadLeavesNoHalfCopyAndNothingOpen) {
     FILE* const stream = fdopen(second, "w");
     const std::function<void()> calls[] = {[&] { PXR_copy_fd2file(source, directory_.Path("copy").c_str()); },
                                            [&] { PXR_file_stream_close(stream); }, [&] { PXR_file_close(source); }};
-    for (const auto& call : calls) {
-        bool finished = false;
-        std::thread([&] {
-            pthread_cancel(pthread_self());
-            call();
-            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-            finished = true;
-        }).join();
-        EXPECT_TRUE(finished) << &call - calls;
-    }
+    for (const auto& call : calls)
+        EXPECT_TRUE(FinishesWhenCancelled(call)) << &call - calls;
     EXPECT_EQ("content", directory_.ReadFile("copy"));
     EXPECT_EQ(-1, fcntl(source, F_GETFD));
     EXPECT_EQ(-1, fcntl(second, F_GETFD));

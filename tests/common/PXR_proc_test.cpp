@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "common/PXR_proc_internal.h"
+#include "tests/support/CancelledThread.h"
 
 namespace {
 
@@ -124,7 +125,6 @@ TEST_F(PxrProc, LockKeepsASecondInstanceAway) {
     EXPECT_EQ(-1, fcntl(unnamed, F_GETFD)) << "closed all the same";
 }
 
-// Workers are stopped by cancelling them, wherever they are.
 TEST_F(PxrProc, ACancelledThreadKeepsNothingOpen) {
     const std::string path = Path("lock");
     int fd = -1;
@@ -132,16 +132,8 @@ TEST_F(PxrProc, ACancelledThreadKeepsNothingOpen) {
     const std::function<void()> calls[] = {[&] { fd = PXR_lock_cmd(path.c_str()); },
                                            [&] { PXR_unlock_cmd(path.c_str(), fd); },
                                            [&] { PXR_getcmdname(self_.c_str(), line, sizeof(line)); }};
-    for (const auto& call : calls) {
-        bool finished = false;
-        std::thread([&] {
-            pthread_cancel(pthread_self());
-            call();
-            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-            finished = true;
-        }).join();
-        EXPECT_TRUE(finished) << &call - calls;
-    }
+    for (const auto& call : calls)
+        EXPECT_TRUE(FinishesWhenCancelled(call)) << &call - calls;
     EXPECT_EQ(-1, fcntl(fd, F_GETFD));
 }
 

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "cover/ErrorCover.h"
+#include "tests/support/CancelledThread.h"
 #include "tests/support/TempDirectory.h"
 
 namespace {
@@ -73,13 +74,8 @@ TEST(Copy, KeepsContentAndMode) {
     EXPECT_EQ(EEXIST, GetRecentErrno());
     EXPECT_EQ(300'000U, fs::file_size(destination)) << "left as it was";
 
-    int copied = 0;
-    std::thread([&] {
-        pthread_cancel(pthread_self());  // does not leave half a copy
-        copied = CreateCopyFile(source.c_str(), destination.c_str(), 0);
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    }).join();
-    EXPECT_EQ(1, copied);
+    const auto copy = [&] { EXPECT_EQ(1, CreateCopyFile(source.c_str(), destination.c_str(), 0)); };
+    EXPECT_TRUE(FinishesWhenCancelled(copy)) << "half a copy";
     EXPECT_EQ(content, directory.ReadFile("destination"));
     EXPECT_EQ(1, CreateCopyFile(source.c_str(), (destination + ".new").c_str(), 1));
     EXPECT_EQ(fs::perms{0640}, fs::status(destination + ".new").permissions());
