@@ -9,7 +9,6 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -19,14 +18,13 @@
 #include "kvdatafactory/Alert/KvAfHooks.h"
 #include "libplatform/KvDeviceOps.h"
 #include "libplatform/KvPsDevice.h"
-#include "libplatform/PXR_trace.h"
 #include "platform_IF/src/platform_if.h"
 #include "platform_IF/src/watch_config.h"
 #include "simulator/Scenario.h"
 #include "simulator/SimulatedServer.h"
 #include "simulator/VirtualClock.h"
 #include "tests/support/InMachineRoot.h"
-#include "tests/support/TraceListener.h"
+#include "tests/support/Tracing.h"
 
 namespace {
 
@@ -294,33 +292,13 @@ TEST(InitLib, LoadsTheWordsAndCanStartAgain) {
     });
 }
 
-/// What body traces at the interface's mask, as "level text".
-std::vector<std::string> InterfaceTraceOf(const std::function<void()>& body) {
-    TraceListener daemon;
-    EXPECT_EQ(0, PXR_trace_init());
-    body();
-    PXR_trace(0x2000, 0, "end");
-    std::vector<std::string> lines;
-    EXPECT_TRUE(Eventually([&] {
-        lines.clear();
-        for (const PXR_trace_packet& packet : daemon.WaitFor(0)) {
-            const PXR_trace_message& message = packet.body.message;
-            if (packet.type != PXR_TRACE_TYPE_MESSAGE || message.mask != 0x2000) continue;
-            lines.push_back(std::to_string(message.level) + ' ' + std::string(message.text, message.length));
-        }
-        return !lines.empty() && lines.back() == "0 end";
-    }));
-    PXR_trace_term();
-    if (!lines.empty()) lines.pop_back();
-    return lines;
-}
-
 TEST(EntryPoints, TraceEntryAndExit) {
     const MachineRoot root = MakeTestRoot();
     root.AddSystemFile(kRackServer, "/scenario.json");
     RunInRoot(root, [] {
         const Server server("/scenario.json");
-        const auto lines = InterfaceTraceOf([] {
+        Tracing tracing;
+        std::vector<std::string> lines = tracing.LinesOf([] {
             InitLib();
             _PXR_COMMAND_LIST* list = nullptr;
             PXR_GetCommandList(&list);
@@ -331,22 +309,24 @@ TEST(EntryPoints, TraceEntryAndExit) {
             Exec(MakeEnum(KTX_CLS_ALERT_RECORD).get(), kModeQuery);
             TerminateLib();
         });
-        const std::string slot = "20 Enum: namespace=(none) class=25(KTX_CLS_EISA_SLOT) classcount=0\n";
-        const std::string alert = "30 Enum: namespace=(none) class=45(KTX_CLS_ALERT_RECORD) classcount=0\n";
+        std::erase_if(lines, [](const std::string& line) { return !line.starts_with("2000 "); });
+        const std::string slot = "2000 20 0 Enum: namespace=(none) class=25(KTX_CLS_EISA_SLOT) classcount=0\n";
+        const std::string alert = "2000 30 0 Enum: namespace=(none) class=45(KTX_CLS_ALERT_RECORD) classcount=0\n";
         EXPECT_THAT(lines,
-                    testing::ElementsAre("5 [IN ]InitLib(libplatform)() (00000000)", "1 libplatform initialized.\n",
-                                         "5 [OUT]InitLib(libplatform)() (00000000) =00000000",
-                                         "5 [IN ]PXR_GetCommandList(libplatform)() (00000000)",
-                                         "5 [OUT]PXR_GetCommandList(libplatform)() (00000000) =00000000",
-                                         "5 [IN ]SendMessage(libplatform)() (00010000)",
-                                         "5 [OUT]SendMessage(libplatform)() (00010000) =60014202",
-                                         "5 [OUT]PXR_ExecCommand(libplatform)() (00020000) =60024201",
-                                         "5 [IN ]PXR_ExecCommand(libplatform)() (00020000) Class=KTX_CLS_EISA_SLOT",
-                                         slot, "5 [OUT]PXR_ExecCommand(libplatform)() (00020000) =60024202", slot,
-                                         "30 [IN ]PXR_ExecCommand(libplatform)() (00020000) Class=KTX_CLS_ALERT_RECORD",
-                                         alert, "30 [OUT]PXR_ExecCommand(libplatform)() (00020000) =00000000", alert,
-                                         "5 [IN ]TerminateLib(libplatform)() (00000000)", "1 libplatform terminated.\n",
-                                         "5 [OUT]TerminateLib(libplatform)() (00000000) =00000000"));
+                    testing::ElementsAre(
+                        "2000 5 1 [IN ]InitLib(libplatform)() (00000000)", "2000 1 1 libplatform initialized.\n",
+                        "2000 5 1 [OUT]InitLib(libplatform)() (00000000) =00000000",
+                        "2000 5 1 [IN ]PXR_GetCommandList(libplatform)() (00000000)",
+                        "2000 5 1 [OUT]PXR_GetCommandList(libplatform)() (00000000) =00000000",
+                        "2000 5 1 [IN ]SendMessage(libplatform)() (00010000)",
+                        "2000 5 1 [OUT]SendMessage(libplatform)() (00010000) =60014202",
+                        "2000 5 1 [OUT]PXR_ExecCommand(libplatform)() (00020000) =60024201",
+                        "2000 5 1 [IN ]PXR_ExecCommand(libplatform)() (00020000) Class=KTX_CLS_EISA_SLOT", slot,
+                        "2000 5 1 [OUT]PXR_ExecCommand(libplatform)() (00020000) =60024202", slot,
+                        "2000 30 1 [IN ]PXR_ExecCommand(libplatform)() (00020000) Class=KTX_CLS_ALERT_RECORD", alert,
+                        "2000 30 1 [OUT]PXR_ExecCommand(libplatform)() (00020000) =00000000", alert,
+                        "2000 5 1 [IN ]TerminateLib(libplatform)() (00000000)", "2000 1 1 libplatform terminated.\n",
+                        "2000 5 1 [OUT]TerminateLib(libplatform)() (00000000) =00000000"));
     });
 }
 
