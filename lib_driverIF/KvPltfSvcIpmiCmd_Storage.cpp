@@ -64,8 +64,9 @@ uint32_t GetSelInfo(int handle, uint8_t address, SelInfo* out) {
     out->freeSpace = in.U16();
     out->lastAddition = in.U32();
     out->lastErase = in.U32();
-    out->operationSupport = in.U8();
-    return exchange.Decoded(in);
+    const uint32_t rc = exchange.Decoded(in);
+    out->operationSupport = in.U8();  // who leaves it out supports nothing of it
+    return rc;
 }
 
 uint32_t ReserveSel(int handle, uint8_t address, uint16_t* reservation) {

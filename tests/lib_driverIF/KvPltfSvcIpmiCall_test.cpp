@@ -376,6 +376,10 @@ TEST_F(Gate, ShortAnswersNeverPassForData) {
     EXPECT_EQ(0xFFFF, next);
     bmc.answer = {0};
     EXPECT_EQ(0x6031B100u, GetSelInfo(1, 0x20, &info));
+    bmc.answer = {0, 0x51, 3, 0, 4, 0, 5, 0, 0, 0, 6, 0, 0, 0};
+    EXPECT_EQ(0u, GetSelInfo(1, 0x20, &info)) << "what is supported may be left out";
+    EXPECT_EQ(3, info.entries);
+    EXPECT_EQ(0, info.operationSupport);
     bmc.answer = {0, 0x33, 0x40, 0x01};
     EXPECT_EQ(0u, GetSensorReading(1, 0x20, 0, 1, &reading)) << "the last state byte may be left out";
     EXPECT_EQ(0x33, reading.reading);
