@@ -158,9 +158,8 @@ KV_EXPORT int DuplicateProperty(_KVCIM_PROP* src, _KVCIM_PROP** out);
 /// @return the first property of c with that code, still owned by c; null when there is none or c is null
 KV_EXPORT _KVCIM_PROP* SearchProperty(_KVCIM_CLASS* c, int propCode);
 
-/// @return bytes of a single value: 4 (16- and 32-bit types), 8 (64-bit types), the text's length with its terminator;
-/// 0
-///         for the 8-bit types, for an undefined text and for null
+/// @return bytes of a single value: 4 (16- and 32-bit types), 8 (64-bit types), a text's length with its terminator;
+///         0 for the 8-bit types, an undefined text and null
 KV_EXPORT uint32_t GetPropertySize(_KVCIM_PROP* p);
 
 /// @}
