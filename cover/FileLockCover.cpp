@@ -20,39 +20,41 @@ struct FreeText {
     void operator()(char* text) const { free(text); }
 };
 
-/// The stream's lock, given back at the end of the scope unless kept. A worker may be cancelled while it waits for the
-/// record lock, so the release must be part of unwinding.
-class StreamLock {
+/// What the thread has got of a lock, given back at the end of the scope unless kept. A thread may be cancelled while
+/// it waits, even when the kernel has just granted the lock, so all of it must go in unwinding.
+class Taken {
 public:
-    explicit StreamLock(FILE* heldStream) : stream_(heldStream) {}
-    StreamLock(const StreamLock&) = delete;
-    StreamLock& operator=(const StreamLock&) = delete;
-    ~StreamLock() {
-        if (stream_ == nullptr) return;
+    explicit Taken(_FLKHANDLE* streamLocked) : handle_(streamLocked) {}
+    Taken(const Taken&) = delete;
+    Taken& operator=(const Taken&) = delete;
+    ~Taken() {
+        if (handle_ == nullptr) return;
         const int error = GetRecentErrno();
-        funlockfile(stream_);
+        UnlockFLock(handle_);
         SetRecentErrno(error);
     }
-    void Keep() { stream_ = nullptr; }
+    void Keep() { handle_ = nullptr; }
 
 private:
-    FILE* stream_;
+    _FLKHANDLE* handle_;
 };
 
 int LockForEver(_FLKHANDLE* handle) {
     flockfile(handle->stream);
-    StreamLock lock(handle->stream);
+    Taken taken(handle);
     if (FileLockCntl(handle, kFileLockWrite, 0) != kLockDone) return 0;
-    lock.Keep();
+    taken.Keep();
     return 1;
 }
 
-int TryLock(_FLKHANDLE* handle) {
+int TryLock(_FLKHANDLE* handle, uint32_t pauseMs) {
     if (ftrylockfile(handle->stream) != 0) return kLockBusy;
-    StreamLock lock(handle->stream);
+    Taken taken(handle);
     const int result = FileLockCntl(handle, kFileLockWrite, 1);
-    if (result == kLockDone) lock.Keep();
-    return result;
+    if (result != kLockDone) return result;
+    if (pauseMs != 0) Sleep(pauseMs);
+    taken.Keep();
+    return kLockDone;
 }
 
 int Fail(int error) {
@@ -65,11 +67,8 @@ int LockWithin(_FLKHANDLE* handle, uint32_t timeoutMs) {
     MakeLimitTime(&limit, timeoutMs);
     for (bool first = true;; first = false) {
         if (IsTermWithSignal(timeoutMs) != 0) return Fail(EINTR);
-        const int result = TryLock(handle);
-        if (result == kLockDone) {
-            if (first) Sleep(1);
-            return 1;
-        }
+        const int result = TryLock(handle, first ? 1 : 0);
+        if (result == kLockDone) return 1;
         if (result == kLockError) return 0;
         if (LimitPassed(limit)) return Fail(ETIMEDOUT);
         IntervalSleep(timeoutMs, 100, 50);
@@ -105,8 +104,11 @@ int LockFLock(_FLKHANDLE* handle, uint32_t timeoutMs) {
 
 int UnlockFLock(_FLKHANDLE* handle) {
     if (handle == nullptr || handle->stream == nullptr) return Fail(EINVAL);
-    const StreamLock lock(handle->stream);
-    return FileLockCntl(handle, kFileLockUnlock, 1) == kLockDone ? 1 : 0;
+    const int result = FileLockCntl(handle, kFileLockUnlock, 1);
+    const int error = GetRecentErrno();
+    funlockfile(handle->stream);
+    SetRecentErrno(error);
+    return result == kLockDone ? 1 : 0;
 }
 
 void CloseFLock(_FLKHANDLE* handle) {
