@@ -3,6 +3,8 @@
 //   guest kcs      device id through the library's own KCS driver on the real ports (no kernel driver bound)
 //   guest kernel   device id through /dev/ipmi0 and the command gate
 //   guest times    what the library's layers cost beside the bare system calls
+//   guest follow   follows the event log
+//   guest beside   what the library costs beside the field's tools
 
 #include <fcntl.h>
 #include <linux/ipmi.h>
@@ -13,7 +15,6 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -27,6 +28,7 @@
 #include "lib_driverIF/KvPltfSvcSmbiosMain.h"
 #include "libplatform/KvPsSmbios.h"
 #include "libplatform/ipmi_ioctl.h"
+#include "tests/system/guest.h"
 
 namespace {
 
@@ -51,8 +53,9 @@ int Kcs() {
     block.responseLength = response.size();
     block.response = response.data();
     const int rc = ipmi_ioctl(IPMI_EXECCMD, reinterpret_cast<unsigned long>(&block));
-    if (rc == 0 && block.responseLength >= 3 && block.responseLength <= response.size()) {
-        Print(std::span(response).subspan(3, block.responseLength - 3));
+    constexpr size_t kHeader = 3;  // NetFn, command, completion code
+    if (rc == 0 && block.responseLength >= kHeader + sizeof(ktx_ipmi::DeviceId)) {
+        Print(std::span(response).subspan(kHeader, sizeof(ktx_ipmi::DeviceId)));  // not what a BMC may add
     }
     Terminate_IpmiIF();
     return rc == 0 ? 0 : 1;
@@ -93,10 +96,6 @@ bool BareDeviceId(int fd, long id) {
     return ioctl(fd, IPMICTL_RECEIVE_MSG_TRUNC, &response) == 0 && response.msgid == id;
 }
 
-double MillisecondsOf(steady_clock::duration d) {
-    return std::chrono::duration<double, std::milli>(d).count();
-}
-
 double CpuMilliseconds(int who) {
     rusage usage{};
     getrusage(who, &usage);
@@ -112,9 +111,9 @@ double TimeBareLoop() {
     for (int i = 0; i < kRounds; ++i) {
         if (!BareDeviceId(fd, i + 1)) return -1;
     }
-    const auto spent = steady_clock::now() - start;
+    const double spent = MsSince(start);
     close(fd);
-    return MillisecondsOf(spent);
+    return spent;
 }
 
 double TimeGate() {
@@ -125,7 +124,7 @@ double TimeGate() {
         ktx_ipmi::DeviceId id{};
         if (ktx_ipmi::GetDeviceId(bracket.Handle(), 0x20, &id) != 0) return -1;
     }
-    return MillisecondsOf(steady_clock::now() - start);
+    return MsSince(start);
 }
 
 double CpuOfSmbiosStart() {
@@ -167,6 +166,8 @@ int main(int argc, char** argv) {
     if (what == "kcs") return Kcs();
     if (what == "kernel") return Kernel();
     if (what == "times") return Times();
-    fprintf(stderr, "usage: guest kcs|kernel|times\n");
+    if (what == "follow") return Follow();
+    if (what == "beside") return Beside();
+    fprintf(stderr, "usage: guest kcs|kernel|times|follow|beside\n");
     return 2;
 }
