@@ -21,6 +21,7 @@
 
 #include "common/PXR_thread_internal.h"
 #include "common/PXR_trace_LogFile.h"
+#include "tests/support/CancelledThread.h"
 #include "tests/support/InMachineRoot.h"
 #include "tests/support/SyslogListener.h"
 #include "tests/support/TraceListener.h"
@@ -318,7 +319,6 @@ TEST(PxrTrace, NeverWritesIntoAConnectionThatReusesTheNumber) {
     });
 }
 
-// Workers are stopped by cancelling them, wherever they are.
 TEST(PxrTrace, ACancelledThreadFinishesItsCall) {
     RunInRoot(MakeVariant("libplatform.so.1.0.0"), [] {
         TraceListener daemon;
@@ -330,16 +330,8 @@ TEST(PxrTrace, ACancelledThreadFinishesItsCall) {
                                                [&] { PXR_log_file_write(log, "line\n", 5); },
                                                [&] { PXR_log_file_close(log); },
                                                [] { PXR_trace_term(); }};
-        for (const auto& call : calls) {
-            bool finished = false;
-            std::thread([&] {
-                pthread_cancel(pthread_self());
-                call();
-                pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-                finished = true;
-            }).join();
-            EXPECT_TRUE(finished) << &call - calls;
-        }
+        for (const auto& call : calls)
+            EXPECT_TRUE(FinishesWhenCancelled(call)) << &call - calls;
     });
 }
 

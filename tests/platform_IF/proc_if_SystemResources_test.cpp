@@ -1,7 +1,5 @@
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -14,12 +12,11 @@
 #include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform_IF/src/proc_if.h"
 #include "simulator/MachineRoot.h"
-#include "tests/support/Eventually.h"
+#include "tests/support/CancelledThread.h"
 
 namespace {
 
@@ -268,28 +265,7 @@ TEST(ReadFileToBufferTest, WholeFiles) {
     const File huge(size_t{3} << 30);
     EXPECT_EQ(0x612C1202u, read(huge.name, size));
     EXPECT_EQ(0x612C4201u, ReadFileToBuffer("/proc/dma", nullptr, &size));
-}
-
-// Workers are stopped by cancelling them, wherever they are.
-TEST(ReadFileToBufferTest, ACancelledThreadLosesNoDescriptor) {
-    ASSERT_EQ(0, mkfifo("pipe.sample", 0600));
-    const int writer = open("pipe.sample", O_RDWR | O_CLOEXEC);
-    const int number = dup(writer);
-    close(number);
-    const auto isOpen = [number] { return fcntl(number, F_GETFD) >= 0; };
-    std::thread reader([] {
-        char* buffer = nullptr;
-        int size = 0;
-        ReadFileToBuffer("pipe.sample", &buffer, &size);
-        std::free(buffer);
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    });
-    EXPECT_TRUE(Eventually(isOpen));
-    pthread_cancel(reader.native_handle());
-    close(writer);  // ends the file that is read
-    reader.join();
-    EXPECT_FALSE(isOpen());
-    fs::remove("pipe.sample");
+    EXPECT_TRUE(FinishesWhenCancelled([&] { read("/proc/dma", size); })) << "a cancelled thread loses no descriptor";
 }
 
 }  // namespace
