@@ -18,6 +18,7 @@
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
 #include "common/PXR_thread_internal.h"
+#include "libplatform/PXR_syscall.h"
 #include "platform_IF/src/proc_if.h"
 
 namespace {
@@ -240,13 +241,6 @@ std::string_view DeviceText(std::string_view rest) {
 
 // ---- Whole files
 
-ssize_t ReadSome(int fd, char* to, size_t size) {
-    ssize_t got = 0;
-    while ((got = read(fd, to, size)) < 0 && errno == EINTR) {
-    }
-    return got;
-}
-
 size_t ReportedSize(int fd) {
     struct stat info {};
     if (fstat(fd, &info) != 0) return 0;
@@ -272,10 +266,10 @@ bool ReadToEnd(int fd, OwnedText& buffer, size_t& size) {
     size_t room = ReportedSize(fd) + kStep;
     if (!Enlarge(buffer, room + 1)) return false;
     for (size = 0;;) {
-        const ssize_t got = ReadSome(fd, buffer.get() + size, room - size);
-        if (got <= 0) return got == 0;
+        const int got = PXR_read(fd, buffer.get() + size, room - size);
+        if (got < 0) return false;
         size += static_cast<size_t>(got);
-        if (size < room) continue;
+        if (size < room) return true;
         room += room / 2;
         if (!Enlarge(buffer, room + 1)) return false;
     }
