@@ -150,7 +150,6 @@ protected:
 
 TEST_F(SelDbCrash, EachEventIsGivenOnceWheneverTheAgentDies) {
     const int status = root.Run([this] {
-        unsigned excused = 0;
         unsigned killedInWindow = 0;
         std::vector<bool> lost(kMostEvents);
         unsigned judged = 0;
@@ -163,7 +162,6 @@ TEST_F(SelDbCrash, EachEventIsGivenOnceWheneverTheAgentDies) {
             for (unsigned n = judged + 1; n <= taken; ++n) {
                 if (shared_->given[n] == 0) {
                     lost[n] = inWindow = true;
-                    ++excused;
                 } else {
                     EXPECT_FALSE(inWindow) << "lost by a poll that was not the last one: those before " << n;
                 }
@@ -178,8 +176,16 @@ TEST_F(SelDbCrash, EachEventIsGivenOnceWheneverTheAgentDies) {
         const pid_t agent = StartAgent();
         AwaitPolls(agent, 2);
         Kill(agent);
-        for (unsigned n = 1; n <= logged; ++n)
-            EXPECT_EQ(lost[n] ? 0 : 1, shared_->given[n]) << "event " << n;
+        // Killed right behind the state, when the log had just been cleared: the old first entry is still on disk then,
+        // and what the database does not know either is given after all.
+        unsigned excused = 0;
+        for (unsigned n = 1; n <= logged; ++n) {
+            if (lost[n] && shared_->given[n] == 0) {
+                ++excused;
+            } else {
+                EXPECT_EQ(1, shared_->given[n]) << "event " << n;
+            }
+        }
         EXPECT_LT(20U, logged);
         printf(
             "%u rounds, %u polls, %u events, %u clearings; killed between the state and the return: %u, with %u "
