@@ -30,6 +30,11 @@ void PhysicalMemory::Add(uint64_t physical, Bytes content) {
     blocks_[physical] = std::move(content);
 }
 
+void PhysicalMemory::Clear() {
+    const std::lock_guard lock(mutex_);
+    blocks_.clear();
+}
+
 void PhysicalMemory::SetRegisters(std::vector<RegisterRange> ranges) {
     const std::lock_guard lock(mutex_);
     registers_ = std::move(ranges);
@@ -41,10 +46,10 @@ bool PhysicalMemory::HasRegister(uint64_t physical, size_t length) const {
     });
 }
 
-bool PhysicalMemory::Exists(uint64_t physical) const {
-    if (physical < kFirstMegabyte || HasRegister(physical, 1)) return true;
+bool PhysicalMemory::Exists(uint64_t physical, size_t length) const {
+    if (physical < kFirstMegabyte || HasRegister(physical, length)) return true;
     return std::any_of(blocks_.begin(), blocks_.end(),
-                       [&](const auto& block) { return Overlap(block.first, block.second.size(), physical, 1); });
+                       [&](const auto& block) { return Overlap(block.first, block.second.size(), physical, length); });
 }
 
 void PhysicalMemory::CopyOut(uint64_t physical, uint8_t* to, size_t length) const {
@@ -97,7 +102,7 @@ ssize_t PhysicalMemory::Read(uint64_t physical, void* buffer, size_t length) {
     for (size_t done = 0; done < length; ++done) {
         {
             const std::lock_guard lock(mutex_);
-            if (!Exists(physical + done)) {
+            if (!Exists(physical + done, 1)) {
                 errno = EFAULT;
                 return done > 0 ? static_cast<ssize_t>(done) : -1;
             }
@@ -112,7 +117,7 @@ ssize_t PhysicalMemory::Write(uint64_t physical, const void* buffer, size_t leng
     for (size_t done = 0; done < length; ++done) {
         {
             const std::lock_guard lock(mutex_);
-            if (!Exists(physical + done)) {
+            if (!Exists(physical + done, 1)) {
                 errno = EFAULT;
                 return done > 0 ? static_cast<ssize_t>(done) : -1;
             }
@@ -128,11 +133,15 @@ void* PhysicalMemory::Map(uint64_t physical, size_t length, bool writable) {
         return MAP_FAILED;
     }
     const size_t pages = (length + kPage - 1) / kPage * kPage;
+    const std::lock_guard lock(mutex_);
+    if (!Exists(physical, pages)) {
+        errno = EPERM;
+        return MAP_FAILED;
+    }
     // The page behind the range is never opened: an access beyond what was asked for ends the test there and then.
     void* base = mmap(nullptr, pages + kPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (base == MAP_FAILED) return base;
     mprotect(base, pages, PROT_READ | PROT_WRITE);
-    const std::lock_guard lock(mutex_);
     const bool trapped = HasRegister(physical, pages);
     if (trapped) {
         ArmRegisterTrap(

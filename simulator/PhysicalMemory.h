@@ -33,13 +33,15 @@ public:
     PhysicalMemory& operator=(const PhysicalMemory&) = delete;
 
     void Add(uint64_t physical, Bytes content);
+    void Clear();
     /// Replaces the register ranges.
     void SetRegisters(std::vector<RegisterRange> ranges);
 
     /// As read(2) and write(2) at an address. -1 with EFAULT where there is no memory.
     ssize_t Read(uint64_t physical, void* buffer, size_t length);
     ssize_t Write(uint64_t physical, const void* buffer, size_t length);
-    /// As mmap(2): a copy of the range followed by a page that cannot be accessed. MAP_FAILED with errno.
+    /// As mmap(2): a copy of the range followed by a page that cannot be accessed. MAP_FAILED with errno, EPERM where
+    /// nothing of the range exists.
     void* Map(uint64_t physical, size_t length, bool writable);
     int Unmap(void* address, size_t length);
     size_t OpenMaps() const;
@@ -55,7 +57,7 @@ private:
     /// One byte, by way of its register where it is one.
     uint8_t Load(uint64_t physical);
     void Store(uint64_t physical, uint8_t value);
-    bool Exists(uint64_t physical) const;
+    bool Exists(uint64_t physical, size_t length) const;
     void CopyOut(uint64_t physical, uint8_t* to, size_t length) const;
     void CopyIn(uint64_t physical, const uint8_t* from, size_t length);
 

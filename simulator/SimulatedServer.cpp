@@ -91,6 +91,11 @@ ssize_t SimulatedServer::Read(int fd, void* buffer, size_t length) {
     const auto file = FindFile(fd);
     if (!file || (file->flags & O_ACCMODE) == O_WRONLY) return Failed(EBADF);
     if (file->path != kMemoryDevice) return Failed(EINVAL);
+    {
+        const std::lock_guard lock(mutex_);
+        if (readInterruptions_ > 0) return --readInterruptions_, Failed(EINTR);
+        length = std::min(length, readAtMost_);
+    }
     const ssize_t done = memory_.Read(static_cast<uint64_t>(file->position), buffer, length);
     if (done > 0) Seek(fd, file->position + done);
     return done;
@@ -284,6 +289,12 @@ void SimulatedServer::CancelReservationAt(uint8_t netFn, uint8_t command, unsign
 void SimulatedServer::FailOpen(const std::string& path, int error, unsigned times) {
     const std::lock_guard lock(mutex_);
     openFaults_[path] = {error, times};
+}
+
+void SimulatedServer::LimitReads(size_t atMost, unsigned interruptions) {
+    const std::lock_guard lock(mutex_);
+    readAtMost_ = atMost;
+    readInterruptions_ = interruptions;
 }
 
 void SimulatedServer::DenyIoPrivilege(bool deny) {

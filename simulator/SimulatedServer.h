@@ -58,6 +58,8 @@ public:
     /// Puts bytes at a physical address. Below 1 MiB memory reads as zero where nothing was put; above it there is
     /// none.
     void AddMemory(uint64_t physical, Bytes content) { memory_.Add(physical, std::move(content)); }
+    /// Takes all of it away again.
+    void ClearMemory() { memory_.Clear(); }
     /// Whether "/dev/kvdrvmem" can be opened (not from the start).
     void SetMemoryDriver(bool present);
 
@@ -76,6 +78,8 @@ public:
     void CancelReservationAt(uint8_t netFn, uint8_t command, unsigned n);
     /// The next openings of a device fail with errno.
     void FailOpen(const std::string& path, int error, unsigned times = 1);
+    /// Reads of "/dev/mem" give at most so many bytes; the next ones are ended by a signal before they begin.
+    void LimitReads(size_t atMost, unsigned interruptions = 0);
     /// The I/O privilege level cannot be raised: EPERM.
     void DenyIoPrivilege(bool deny);
 
@@ -145,6 +149,8 @@ private:
     std::map<std::thread::id, int> privilege_;
     int nextFd_ = 1000;
     bool memoryDriver_ = false;
+    size_t readAtMost_ = SIZE_MAX;
+    unsigned readInterruptions_ = 0;
     bool denyPrivilege_ = false;
     unsigned privilegeViolations_ = 0;
 };

@@ -12,7 +12,7 @@
 #include "lib_driverIF/KvPltfSvcSmbiosMain.h"
 #include "libplatform/PXR_message.h"
 #include "simulator/SmbiosImage.h"
-#include "tests/support/FakeMemory.h"
+#include "tests/support/SimulatedMemory.h"
 
 namespace {
 
@@ -23,12 +23,12 @@ void Require(bool holds) {
     if (!holds) abort();
 }
 
-void PlaceTable(FakeMemory& memory, const sim::Bytes& input) {
+void PlaceTable(SimulatedMemory& memory, const sim::Bytes& input) {
     sim::SmbiosImage image;
     image.tableAddress = kTable;
     image.AddRaw({input.begin() + 3, input.end()});
     image.claimedCount = static_cast<uint16_t>(input[1] | input[2] << 8);
-    memory.Put(image.Blocks());
+    memory.AddMemory(image.Blocks());
 }
 
 void CheckIndex(size_t tableSize) {
@@ -80,12 +80,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const sim::Bytes input(data, data + size);
     if (input.size() < 4 || input.size() > 0xFFFF) return 0;
     PXR_disable_syslog_output();
-    FakeMemory memory;
+    static SimulatedMemory memory;
+    memory.ClearMemory();
     const bool table = input[0] % 2 == 0;
     if (table) {
         PlaceTable(memory, input);
     } else {
-        memory.Put(kSegment, {input.begin() + 1, input.end()});
+        memory.AddMemory(kSegment, {input.begin() + 1, input.end()});
     }
     if (Init_SmbiosIF() == 0) {
         if (table) CheckIndex(input.size() - 3);
@@ -94,6 +95,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Query();
     if (!table) AskForSlots();
     KvPsTerminateSmbios();
-    Require(memory.openNow == 0 && memory.mappedNow == 0);
+    Require(memory.OpenDescriptors() == 0 && memory.OpenMaps() == 0);
     return 0;
 }

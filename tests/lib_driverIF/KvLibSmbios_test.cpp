@@ -1,7 +1,7 @@
 #include "lib_driverIF/KvLibSmbios.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/mount.h>
 
 #include <algorithm>
@@ -17,11 +17,12 @@
 #include <utility>
 #include <vector>
 
+#include "cover/DeviceCover.h"
 #include "libplatform/PXR_message.h"
 #include "libplatform/PXR_trace.h"
 #include "simulator/SmbiosImage.h"
-#include "tests/support/FakeMemory.h"
 #include "tests/support/InMachineRoot.h"
+#include "tests/support/SimulatedMemory.h"
 #include "tests/support/TraceListener.h"
 
 namespace {
@@ -41,8 +42,8 @@ protected:
 
     int Init(const SmbiosImage& image) {
         Terminate_SmbiosIF();
-        memory.Clear();
-        memory.Put(image.Blocks());
+        memory.ClearMemory();
+        memory.AddMemory(image.Blocks());
         return Init_SmbiosIF();
     }
 
@@ -84,7 +85,7 @@ protected:
         return index;
     }
 
-    FakeMemory memory;
+    SimulatedMemory memory;
 };
 
 SmbiosImage Server() {
@@ -115,8 +116,8 @@ TEST_F(Smbios, AnswersByIndexInHandleOrder) {
     EXPECT_EQ(SMBIOS_STATUS_TYPE, Table(SMBIOS_TABLE_BY_INDEX, 200, 0, 4).status);
     EXPECT_EQ(SMBIOS_STATUS_TYPE, Table(SMBIOS_TABLE_BY_INDEX, 0x111, 1, 4).status) << "types are not cut to a byte";
     EXPECT_EQ(SMBIOS_STATUS_MODE, Table(4, 17, 1, 100).status);
-    EXPECT_EQ(0, memory.openNow);
-    EXPECT_EQ(0, memory.mappedNow);
+    EXPECT_EQ(0U, memory.OpenDescriptors());
+    EXPECT_EQ(0U, memory.OpenMaps());
 }
 
 TEST_F(Smbios, CutsToTheBufferAndTellsTheSize) {
@@ -181,7 +182,7 @@ TEST_F(Smbios, TellsEntryPointAndSlotSize) {
 
 TEST_F(Smbios, FailedRequestLeavesAPrivateBlockAlone) {
     ASSERT_EQ(0, Init(Server()));
-    memory.failOpen = EPERM;
+    memory.FailToOpen(EPERM);
     smbios_gettable_block block = {99, SMBIOS_TABLE_BY_HANDLE, 17, 0x1100, 7, &block, 4, 5};
     const smbios_gettable_block before = block;
     EXPECT_EQ(-5, smbios_ioctl(SMBIOS_GETTABLE, &block));
@@ -194,7 +195,7 @@ TEST_F(Smbios, StartsAgainAfterTermination) {
     for (int round = 0; round < 2; ++round) {
         EXPECT_EQ(-5, Table(SMBIOS_TABLE_BY_INDEX, 0, 0, 4).result) << "not started";
         ASSERT_EQ(0, Init(Server()));
-        memory.Clear();
+        memory.ClearMemory();
         ASSERT_EQ(0, Init_SmbiosIF()) << "runs once";
         EXPECT_EQ(8U, CountOf(17));
         Terminate_SmbiosIF();
@@ -207,16 +208,16 @@ TEST_F(Smbios, StartsAgainAfterTermination) {
 TEST_F(Smbios, FindsTheEntryPointWhereverItLies) {
     const SmbiosImage image = Server();
     for (const uint32_t offset : {0U, 1U, 0x5A3U, 0xFFE0U}) {
-        memory.Clear();
-        memory.Put(kHighTable, image.Table());
-        memory.Put(kSegment + offset, image.EntryPoint());
+        memory.ClearMemory();
+        memory.AddMemory(kHighTable, image.Table());
+        memory.AddMemory(kSegment + offset, image.EntryPoint());
         EXPECT_EQ(0, Init_SmbiosIF()) << offset;
         Terminate_SmbiosIF();
     }
-    memory.Clear();
-    memory.Put(kSegment + 0xFFE1, image.EntryPoint());
+    memory.ClearMemory();
+    memory.AddMemory(kSegment + 0xFFE1, image.EntryPoint());
     EXPECT_EQ(-6, Init_SmbiosIF()) << "cut by the end of the segment";
-    memory.failOpen = EPERM;
+    memory.FailToOpen(EPERM);
     EXPECT_EQ(-5, Init_SmbiosIF());
 }
 
@@ -233,18 +234,18 @@ TEST_F(Smbios, SkipsEntryPointsThatAreNone) {
                           Case{"intermediate anchor", 16, '-'}, Case{"length beyond the segment", 5, 0xFF}}) {
         Bytes bad = good;
         bad[c.at] = c.value;
-        memory.Clear();
-        memory.Put(kSegment + 0xFF00, bad);
+        memory.ClearMemory();
+        memory.AddMemory(kSegment + 0xFF00, bad);
         EXPECT_EQ(-6, Init_SmbiosIF()) << c.what;
-        memory.Put(kHighTable, image.Table());
-        memory.Put(kSegment + 0xFF20, good);
+        memory.AddMemory(kHighTable, image.Table());
+        memory.AddMemory(kSegment + 0xFF20, good);
         EXPECT_EQ(0, Init_SmbiosIF()) << c.what << ", and a good one behind it";
         Terminate_SmbiosIF();
     }
     Bytes overlapping = {'_', 'S', 'M'};
     overlapping.insert(overlapping.end(), good.begin(), good.end());
-    memory.Put(kSegment, overlapping);
-    memory.Put(kSegment + 0xFF20, Bytes(32));
+    memory.AddMemory(kSegment, overlapping);
+    memory.AddMemory(kSegment + 0xFF20, Bytes(32));
     EXPECT_EQ(0, Init_SmbiosIF()) << "the scan goes on 3 bytes behind a rejected anchor";
 }
 
@@ -383,8 +384,8 @@ TEST_F(Smbios, TableThatIsNotThere) {
     EXPECT_EQ(-5, Init(image)) << "goes over the end of the address space";
     image.tableAddress = 0x80000000;
     Terminate_SmbiosIF();
-    memory.Clear();
-    memory.Put(kSegment, image.EntryPoint());
+    memory.ClearMemory();
+    memory.AddMemory(kSegment, image.EntryPoint());
     EXPECT_EQ(-5, Init_SmbiosIF());
     image.claimedLength = 0;
     EXPECT_EQ(-5, Init(image));
@@ -438,26 +439,27 @@ TEST(SmbiosIndex, SortsAndFinds) {
 // ---- Physical memory ----
 
 TEST_F(Smbios, BothWaysThroughDevMemGiveTheSame) {
+    const device::Descriptor device("/dev/mem", O_RDONLY);
+    const int fd = device.Get();
     Bytes block(10'000);
     std::iota(block.begin(), block.end(), uint8_t{0});
-    memory.Put(0xFFFFD000, block);
+    memory.AddMemory(0xFFFFD000, block);
     for (const auto& [offset, length] : {std::pair<uint32_t, uint32_t>{0, 1}, {4095, 2}, {100, 9000}, {8191, 1}}) {
         const std::span<const uint8_t> part = std::span(block).subspan(offset, length);
         const Bytes expected(part.begin(), part.end());
         Bytes got(length);
-        EXPECT_EQ(length, sb_read_by_map(0, got.data(), 0xFFFFD000 + offset, length));
+        EXPECT_EQ(length, sb_read_by_map(fd, got.data(), 0xFFFFD000 + offset, length));
         EXPECT_EQ(expected, got);
         got.assign(length, 0);
-        memory.atMost = 1000;
-        memory.interruptions = 1;
-        EXPECT_EQ(length, sb_read_by_seek(0, got.data(), 0xFFFFD000 + offset, length));
+        memory.LimitReads(1000, 1);
+        EXPECT_EQ(length, sb_read_by_seek(fd, got.data(), 0xFFFFD000 + offset, length));
         EXPECT_EQ(expected, got);
     }
     Bytes got(0x3001);
-    EXPECT_EQ(0U, sb_read_by_map(0, got.data(), 0xFFFFD000, 0x3001)) << "beyond 4 GB";
-    EXPECT_EQ(0U, sb_read_by_map(0, got.data(), 0x40000000, 16)) << "no memory there";
-    EXPECT_EQ(0U, sb_read_by_seek(0, got.data(), 0x40000000, 16));
-    EXPECT_EQ(0, memory.mappedNow);
+    EXPECT_EQ(0U, sb_read_by_map(fd, got.data(), 0xFFFFD000, 0x3001)) << "beyond 4 GB";
+    EXPECT_EQ(0U, sb_read_by_map(fd, got.data(), 0x40000000, 16)) << "no memory there";
+    EXPECT_EQ(0U, sb_read_by_seek(fd, got.data(), 0x40000000, 16));
+    EXPECT_EQ(0U, memory.OpenMaps());
 }
 
 TEST(SmbiosDriver, IsUsedWhenItsModuleIsInstalled) {
@@ -466,16 +468,17 @@ TEST(SmbiosDriver, IsUsedWhenItsModuleIsInstalled) {
     RunInRoot(root, [] {
         TraceListener daemon;
         ASSERT_EQ(0, PXR_trace_init());
-        FakeMemory memory;
-        memory.Put(Server().Blocks());
+        SimulatedMemory memory;
+        memory.SetMemoryDriver(true);
+        memory.AddMemory(Server().Blocks());
         uint32_t word = 0;
         EXPECT_EQ(4U, ReadMem(&word, kHighTable, 4));
         EXPECT_EQ(0x00001800U, word);
         EXPECT_EQ(0U, ReadMem(&word, 0x40000000, 4));
-        memory.failOpen = ENOENT;
+        memory.SetMemoryDriver(false);
         EXPECT_EQ(0U, ReadMem(&word, kSegment, 4));
-        EXPECT_EQ(0, memory.opens["/dev/mem"]);
-        EXPECT_EQ(0, memory.openNow);
+        EXPECT_EQ(0U, memory.Opens("/dev/mem"));
+        EXPECT_EQ(0U, memory.OpenDescriptors());
         const auto packets = daemon.WaitFor(7);
         ASSERT_EQ(7U, packets.size());
         EXPECT_STREQ(
@@ -485,11 +488,11 @@ TEST(SmbiosDriver, IsUsedWhenItsModuleIsInstalled) {
                      packets[3].body.message.text);
         EXPECT_STREQ("Failed to open /dev/kvdrvmem.(errno=2)\n", packets[6].body.message.text);
 
-        memory.failOpen = 0;
+        memory.SetMemoryDriver(true);
         ASSERT_EQ(0, Init_SmbiosIF()) << "the whole reader works through the driver";
         EXPECT_EQ(10U, smbios_tablecnt - 1);
         Terminate_SmbiosIF();
-        EXPECT_EQ(0, memory.opens["/dev/mem"]);
+        EXPECT_EQ(0U, memory.Opens("/dev/mem"));
     });
 }
 
@@ -508,8 +511,8 @@ TEST(SmbiosKernelTable, ServesWhenMemoryShowsNothing) {
     image.minorVersion = 2;
     const std::string padded = Text(image.Table()) + std::string(100, '\x11');  // behind the end-of-table structure
     RunWithOwnSysfs([&] {
-        FakeMemory memory;
-        memory.failOpen = EPERM;
+        SimulatedMemory memory;
+        memory.FailToOpen(EPERM);
         WriteSysfs(kTableFile, padded);
         for (const Bytes& entry : {image.EntryPoint64(), image.EntryPoint()}) {
             WriteSysfs(kEntryFile, Text(entry));
@@ -542,20 +545,20 @@ TEST(SmbiosKernelTable, IsTakenOnlyWhenSound) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {badSum, table}, {badLength, table}, {good.substr(0, 23), table}, {"", table}, {good, ""}};
     RunWithOwnSysfs([&] {
-        FakeMemory memory;
+        SimulatedMemory memory;
         for (const auto& [entry, content] : cases) {
             WriteSysfs(kEntryFile, entry);
             WriteSysfs(kTableFile, content);
-            memory.failOpen = 0;
+            memory.FailToOpen(0);
             EXPECT_EQ(-6, Init_SmbiosIF());
-            memory.failOpen = EPERM;
+            memory.FailToOpen(EPERM);
             EXPECT_EQ(-5, Init_SmbiosIF()) << "what physical memory had said";
         }
         WriteSysfs(kTableFile, table);
         SmbiosImage other;
         other.Add(sim::SmbiosSystem{});
-        memory.Put(other.Blocks());
-        memory.failOpen = 0;
+        memory.AddMemory(other.Blocks());
+        memory.FailToOpen(0);
         ASSERT_EQ(0, Init_SmbiosIF());
         EXPECT_EQ(1U, smbios_tablecnt) << "memory comes first";
         Terminate_SmbiosIF();
@@ -587,14 +590,14 @@ TEST_F(Smbios, FindsPciSlots) {
     Bytes large = RoutingTable(2);
     large[7] = 0xFF;  // beyond the area
     large[31] = static_cast<uint8_t>(large[31] + 1);
-    memory.Put(kSegment + 0x100, bad);
-    memory.Put(kSegment + 0x200, small);
-    memory.Put(kSegment + 0x300, large);
+    memory.AddMemory(kSegment + 0x100, bad);
+    memory.AddMemory(kSegment + 0x200, small);
+    memory.AddMemory(kSegment + 0x300, large);
     Bytes buffer(3 * 16 + 5, 0xEE);
     smbios_getpci_block block = {99, SMBIOS_PCI_SLOTS, buffer.data(), static_cast<uint32_t>(buffer.size()), 99};
     EXPECT_EQ(-5, smbios_ioctl(SMBIOS_GETPCI, &block)) << "none of them is sound";
 
-    memory.Put(kSegment + 0xF000, RoutingTable(5));
+    memory.AddMemory(kSegment + 0xF000, RoutingTable(5));
     EXPECT_EQ(0, smbios_ioctl(SMBIOS_GETPCI, &block));
     EXPECT_EQ(0, block.status);
     EXPECT_EQ(3U, block.count) << "what the buffer holds";
@@ -603,17 +606,17 @@ TEST_F(Smbios, FindsPciSlots) {
     block.mode = 1;
     EXPECT_EQ(0, smbios_ioctl(SMBIOS_GETPCI, &block));
     EXPECT_EQ(SMBIOS_STATUS_MODE, block.status);
-    memory.failOpen = EPERM;
+    memory.FailToOpen(EPERM);
     block.mode = SMBIOS_PCI_SLOTS;
     EXPECT_EQ(-5, smbios_ioctl(SMBIOS_GETPCI, &block));
 }
 
 TEST(SmbiosPci, BadChecksumIsTheAdministratorsConcern) {
     RunInRoot(MakeTestRoot(), [] {
-        FakeMemory memory;
+        SimulatedMemory memory;
         Bytes bad = RoutingTable(2);
         bad[31] ^= 1;
-        memory.Put(kSegment, bad);
+        memory.AddMemory(kSegment, bad);
         char text[256] = "";
         FILE* const log = fmemopen(text, sizeof(text), "w");
         PXR_set_syslog_output(log);

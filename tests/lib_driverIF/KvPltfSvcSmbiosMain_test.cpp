@@ -11,7 +11,7 @@
 #include "lib_driverIF/KvLibSmbios.h"
 #include "libplatform/PXR_trace.h"
 #include "simulator/SmbiosImage.h"
-#include "tests/support/FakeMemory.h"
+#include "tests/support/SimulatedMemory.h"
 #include "tests/support/InMachineRoot.h"
 #include "tests/support/TraceListener.h"
 
@@ -32,8 +32,8 @@ protected:
 
     uint32_t Start(const SmbiosImage& image) {
         KvPsTerminateSmbios();
-        memory.Clear();
-        memory.Put(image.Blocks());
+        memory.ClearMemory();
+        memory.AddMemory(image.Blocks());
         return ktx_smbios::InitSmbiosLib() ? KvPsInitializeSmbios() : 1;
     }
 
@@ -64,7 +64,7 @@ protected:
         return result == 0 ? text : std::to_string(result);
     }
 
-    FakeMemory memory;
+    SimulatedMemory memory;
 };
 
 TEST_F(SmbiosQuery, GroupsStructuresByType) {
