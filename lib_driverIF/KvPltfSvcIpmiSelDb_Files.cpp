@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
@@ -45,10 +44,14 @@ constexpr uint8_t kLocatorRecord = 0x12;
 constexpr int kMode = 0644;
 constexpr size_t kRecordsPerWrite = 256;  // 4 KiB
 
-std::string PathOf(const FileName& name, const DEVICE_INFO& device) {
-    char path[128];
-    snprintf(path, sizeof path, KV_LOG_FOLDER "%s%02x%s%04x%s", name.prefix, device.sdrVersion, name.separator,
-             device.recordId, name.suffix);
+struct Path {
+    char text[128];
+};
+
+Path PathOf(const FileName& name, const DEVICE_INFO& device) {
+    Path path;
+    snprintf(path.text, sizeof path.text, KV_LOG_FOLDER "%s%02x%s%04x%s", name.prefix, device.sdrVersion,
+             name.separator, device.recordId, name.suffix);
     return path;
 }
 
@@ -56,8 +59,12 @@ bool HasFiles(const DEVICE_INFO& device) {
     return device.bType == kLocatorRecord;
 }
 
-FileDescriptor Open(const std::string& path, int flags) {
-    return FileDescriptor(FileOpen(path.c_str(), flags, kMode));
+FileDescriptor Open(const char* path, int flags) {
+    return FileDescriptor(FileOpen(path, flags, kMode));
+}
+
+FileDescriptor Open(const Path& path, int flags) {
+    return Open(path.text, flags);
 }
 
 bool WriteAt(int fd, off_t offset, const void* data, size_t size) {
@@ -77,13 +84,13 @@ bool WriteAt(int fd, off_t offset, const void* data, size_t size) {
 /// @param write  fills the open file @param flags  of open, besides those for a new file
 template <typename Write>
 bool ReplaceFile(const DEVICE_INFO& device, const FileName& name, int flags, Write write) {
-    const std::string temporary = PathOf(kTmp, device);
+    const Path temporary = PathOf(kTmp, device);
     FileDescriptor file = Open(temporary, O_WRONLY | O_CREAT | O_TRUNC | flags);
     if (!file) return false;
-    if (write(file.Get()) && file.Close() == 0 && rename(temporary.c_str(), PathOf(name, device).c_str()) == 0) {
+    if (write(file.Get()) && file.Close() == 0 && rename(temporary.text, PathOf(name, device).text) == 0) {
         return true;
     }
-    unlink(temporary.c_str());
+    unlink(temporary.text);
     return false;
 }
 
@@ -221,17 +228,14 @@ unsigned ReadRingIndex(int fd) {
     return header[4] == '\n' && index < kRingLines ? index : 0;
 }
 
-void AppendRingLine(std::string& lines, unsigned index, const KVPS_SEL_ENTRY& entry) {
-    char text[12];
-    snprintf(text, sizeof text, "%04X:", index);
-    lines += text;
+/// @param line  kRingLine characters, and a NUL that the next line overwrites
+void PutRingLine(char* line, unsigned index, const KVPS_SEL_ENTRY& entry) {
     std::array<uint8_t, sizeof entry> bytes;
     memcpy(bytes.data(), &entry, sizeof entry);
-    for (const uint8_t byte : bytes) {
-        snprintf(text, sizeof text, "%02X", byte);
-        lines += text;
-    }
-    lines += '\n';
+    line += sprintf(line, "%04X:", index % kRingLines);
+    for (const uint8_t byte : bytes)
+        line += sprintf(line, "%02X", byte);
+    *line = '\n';
 }
 
 bool WriteRingHeader(int fd, unsigned index) {
@@ -246,14 +250,14 @@ bool AppendSelLog(std::span<const KVPS_SEL_ENTRY> entries) {
     if (entries.empty()) return true;
     FileDescriptor file = Open(kTextLog, O_RDWR | O_CREAT);
     if (!file) return false;
+    std::array<char, kRecordsPerWrite * kRingLine + 1> lines;
     unsigned index = ReadRingIndex(file.Get());
     while (!entries.empty()) {
         const size_t run = std::min({entries.size(), kRecordsPerWrite, static_cast<size_t>(kRingLines - index)});
-        std::string lines;
         for (size_t i = 0; i < run; ++i)
-            AppendRingLine(lines, index + static_cast<unsigned>(i), entries[i]);
+            PutRingLine(&lines[i * kRingLine], index + static_cast<unsigned>(i), entries[i]);
         const auto offset = off_t{kRingHeader} + off_t{index} * off_t{kRingLine};
-        if (!WriteAt(file.Get(), offset, lines.data(), lines.size())) return false;
+        if (!WriteAt(file.Get(), offset, lines.data(), run * kRingLine)) return false;
         index = (index + static_cast<unsigned>(run)) % kRingLines;
         entries = entries.subspan(run);
     }
@@ -261,14 +265,14 @@ bool AppendSelLog(std::span<const KVPS_SEL_ENTRY> entries) {
 }
 
 void CopyFilesOfRedetection(const DEVICE_INFO& device) {
-    const auto copy = [](const std::string& from, const std::string& to) {
-        if (CreateCopyFile(from.c_str(), to.c_str(), 0)) return;
-        PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_EVENT, "The log file copy failed. FILE=%s\n", to.c_str());
+    const auto copy = [](const char* from, const char* to) {
+        if (CreateCopyFile(from, to, 0)) return;
+        PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_EVENT, "The log file copy failed. FILE=%s\n", to);
     };
     copy(kIpmiLog, kIpmiLogCopy);
     if (!HasFiles(device)) return;
-    copy(PathOf(kInf, device), PathOf(kInfCopy, device));
-    copy(PathOf(kDb, device), PathOf(kDbCopy, device));
+    copy(PathOf(kInf, device).text, PathOf(kInfCopy, device).text);
+    copy(PathOf(kDb, device).text, PathOf(kDbCopy, device).text);
 }
 
 }  // namespace ktx_ipmi

@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <string>
 
 #include "common/PXR_message_internal.h"
 #include "lib_driverIF/KvPltfSvcIpmiSelDb.h"
@@ -35,11 +34,12 @@ bool IsWanted(const Level& /*level*/) {
     return true;
 }
 
-std::string MessageText(uint32_t messageId) {
+using Text = std::unique_ptr<char, decltype(&free)>;
+
+Text MessageText(uint32_t messageId) {
     char* text = nullptr;
     GetCatMessage(kLocaleNeutral, kAgentCatalogue, kMessageSet, static_cast<int>(messageId), &text);
-    const std::unique_ptr<char, decltype(&free)> owner(text, free);
-    return text != nullptr ? text : "";
+    return {text, free};
 }
 
 }  // namespace
@@ -49,9 +49,10 @@ void PutSyslogMessage(uint32_t messageId, int priority) {
         if (level.priority != priority || !IsWanted(level)) continue;
         char head[32];
         snprintf(head, sizeof head, "WXPLG%04dA-%c", level.number, level.letter);
-        char id[48];
-        snprintf(id, sizeof id, "(ID=0x%04x:LEVEL=%s:MSG=", messageId, level.name);
-        const std::string text = std::string("An alert occured at agent. ") + id + MessageText(messageId) + ')';
-        PXR_WriteSyslogLine(priority, head, text.c_str());
+        const Text message = MessageText(messageId);
+        char line[1024];  // what a syslog daemon takes
+        snprintf(line, sizeof line, "An alert occured at agent. (ID=0x%04x:LEVEL=%s:MSG=%s)", messageId, level.name,
+                 message != nullptr ? message.get() : "");
+        PXR_WriteSyslogLine(priority, head, line);
     }
 }

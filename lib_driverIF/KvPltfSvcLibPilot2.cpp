@@ -12,7 +12,9 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <new>
 
+#include "common/PXR_syscall_internal.h"
 #include "cover/FileCover.h"
 #include "lib_driverIF/KvPltfSvcLibPilot2_Internal.h"
 #include "libplatform/KvPsSmbios.h"
@@ -37,20 +39,6 @@ std::atomic<CapabilityLogFunction> g_logFunction{nullptr};
 uint32_t dwIsVaristel = kFamilyUnknown;
 bool g_smbiosTried = false;
 char g_cSmbioscode[4] = {};
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) close(fd_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int Get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 /// The copy of SMBIOS may not have been made when the first question comes. Tried once: a machine without a System
 /// Information structure would be asked again and again, under the feet of those who read the copy.
@@ -120,28 +108,30 @@ void ExecLogFunction(int level, const char* source, int line, const char* format
 }
 
 std::optional<std::string> ReadWholeFile(const char* path) {
-    const Descriptor file(FileOpen(path, O_RDONLY, 0));
+    const FileDescriptor file(FileOpen(path, O_RDONLY, 0));
     if (file.Get() < 0) {
         LOG_CAPABILITY(kLogError, "FileOpen(rb) Error.(%s)", path);
         return std::nullopt;
     }
-    std::string content;
-    std::array<char, 4096> piece;
-    int count = 0;
-    while ((count = FileRead(file.Get(), piece.data(), piece.size())) > 0 && content.size() < kLargestFile)
-        content.append(piece.data(), static_cast<size_t>(count));
-    if (count != 0) {
-        LOG_CAPABILITY(kLogError, "FileRead Error.(%s)", path);
-        return std::nullopt;
+    try {
+        std::string content;
+        std::array<char, 4096> piece;
+        int count = 0;
+        while ((count = FileRead(file.Get(), piece.data(), piece.size())) > 0 && content.size() < kLargestFile)
+            content.append(piece.data(), static_cast<size_t>(count));
+        if (count == 0) return content;
+    } catch (const std::bad_alloc&) {  // no more of the file than there is memory for: none
     }
-    return content;
+    LOG_CAPABILITY(kLogError, "FileRead Error.(%s)", path);
+    return std::nullopt;
 }
 
 bool WriteWholeFile(const char* path, std::string_view content) {
-    const std::string temporary = std::string(path) + ".tmp";
+    char temporary[128];
+    snprintf(temporary, sizeof temporary, "%s.tmp", path);
     bool written = false;
     {
-        const Descriptor file(FileOpen(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
+        const FileDescriptor file(FileOpen(temporary, O_WRONLY | O_CREAT | O_TRUNC, 0644));
         if (file.Get() < 0) {
             LOG_CAPABILITY(kLogError, "FileOpen(wb) Error.(%s)", path);
             return false;
@@ -149,9 +139,9 @@ bool WriteWholeFile(const char* path, std::string_view content) {
         const auto length = static_cast<uint32_t>(content.size());
         written = FileWrite(file.Get(), content.data(), length) == static_cast<int>(length) && fsync(file.Get()) == 0;
     }
-    if (written && rename(temporary.c_str(), path) == 0) return true;
+    if (written && rename(temporary, path) == 0) return true;
     LOG_CAPABILITY(kLogError, "FileWrite Error.(%s)", path);
-    unlink(temporary.c_str());
+    unlink(temporary);
     return false;
 }
 

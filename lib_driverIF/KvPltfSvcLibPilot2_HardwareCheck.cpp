@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <new>
 
 #include "lib_driverIF/KvPltfSvcIpmiMain.h"
 #include "lib_driverIF/KvPltfSvcLibPilot2_Internal.h"
@@ -95,6 +96,12 @@ int CheckHardware() {
 }  // namespace
 
 int KvHardWareCheck() {
-    static const int result = CheckHardware();
+    static const int result = [] {
+        try {
+            return CheckHardware();
+        } catch (const std::bad_alloc&) {
+            return kHardwareUnknown;
+        }
+    }();
     return result;
 }
