@@ -10,7 +10,7 @@
 #include "lib_driverIF/KvLibSmbios.h"
 #include "lib_driverIF/KvPltfSvcSmbiosMain.h"
 #include "simulator/SmbiosImage.h"
-#include "tests/support/FakeMemory.h"
+#include "tests/support/SimulatedMemory.h"
 
 namespace {
 
@@ -35,8 +35,8 @@ void PerStructure(benchmark::State& state) {
 }
 
 void ReadAndIndex(benchmark::State& state) {
-    FakeMemory memory;
-    memory.Put(MakeImage(state.range(0)).Blocks());
+    SimulatedMemory memory;
+    memory.AddMemory(MakeImage(state.range(0)).Blocks());
     while (state.KeepRunning()) {
         if (Init_SmbiosIF() != 0 || smbios_tablecnt != state.range(0)) {
             state.SkipWithError("the table was not read");
@@ -49,8 +49,8 @@ void ReadAndIndex(benchmark::State& state) {
 BENCHMARK(ReadAndIndex)->Arg(100)->Arg(200)->Arg(400)->Arg(1000)->Arg(2000)->Arg(4000)->Complexity();
 
 void CopyAll(benchmark::State& state) {
-    FakeMemory memory;
-    memory.Put(MakeImage(state.range(0)).Blocks());
+    SimulatedMemory memory;
+    memory.AddMemory(MakeImage(state.range(0)).Blocks());
     bool good = Init_SmbiosIF() == 0;
     while (state.KeepRunning()) {
         good = good && KvPsInitializeSmbios() == 0 && g_dwStructCount == state.range(0);
