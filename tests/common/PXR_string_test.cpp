@@ -3,20 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cstring>
-#include <memory>
 #include <string>
+#include <type_traits>
+#include <vector>
 
 namespace {
 
 constexpr uint32_t kUntouched = 0xDEADBEEF;
-
-struct NumberCase {
-    int (*convert)(const char*, uint32_t*);
-    const char* text;
-    int result;
-    uint32_t value;
-};
 
 int SignedAsWord(const char* text, uint32_t* out) {
     auto value = static_cast<int32_t>(*out);
@@ -26,54 +19,45 @@ int SignedAsWord(const char* text, uint32_t* out) {
 }
 
 TEST(StringConvert, NumbersAreTakenWholeOrNotAtAll) {
-    const NumberCase cases[] = {
-        {PXR_str2digit, "0", 0, 0},
-        {PXR_str2digit, "4294967295", 0, 0xFFFFFFFF},
-        {PXR_str2digit, "4294967296", 1, kUntouched},
-        {PXR_str2digit, "99999999999999999999999999", 1, kUntouched},
-        {PXR_str2digit, "99999999999x", 2, kUntouched},
-        {PXR_str2digit, "", 2, kUntouched},
-        {PXR_str2digit, " 1", 2, kUntouched},
-        {PXR_str2digit, "+1", 2, kUntouched},
-        {PXR_str2uldigit, "12a", 2, kUntouched},
-        {PXR_str2hex, "fFfFFffF", 0, 0xFFFFFFFF},
-        {PXR_str2hex, "100000000", 1, kUntouched},
-        {PXR_str2hex, "0x1F", 2, kUntouched},
-        {PXR_str2ulhex, "1G", 2, kUntouched},
-        {PXR_str2oct, "37777777777", 0, 0xFFFFFFFF},
-        {PXR_str2oct, "40000000000", 1, kUntouched},
-        {PXR_str2uloct, "8", 2, kUntouched},
-        {SignedAsWord, "0x1F", 0, 31},
-        {SignedAsWord, "017", 0, 15},
-        {SignedAsWord, "-5", 0, 0xFFFFFFFB},
-        {SignedAsWord, "+2147483647", 0, 0x7FFFFFFF},
-        {SignedAsWord, "2147483648", 1, kUntouched},
-        {SignedAsWord, "-2147483648", 0, 0x80000000},
-        {SignedAsWord, "-2147483649", 1, kUntouched},
-        {SignedAsWord, "0XffffFFFF", 0, 0xFFFFFFFF},
-        {SignedAsWord, "12a", 2, kUntouched},
-        {SignedAsWord, "08", 2, kUntouched},
-        {SignedAsWord, "0x", 2, kUntouched},
-        {SignedAsWord, "+", 2, kUntouched},
-        {SignedAsWord, "-0x1F", 2, kUntouched},
-        {PXR_str2uint, "2147483648", 0, 0x80000000},
-        {PXR_str2uint, "+0", 0, 0},
-        {PXR_str2uint, "-5", 2, kUntouched},
-        {PXR_str2ulong, "0x20", 0, 32},
-        {PXR_str2ulong, "4294967296", 1, kUntouched},
-        {PXR_str2ipaddr, "192.168.0.255", 0, 0xC0A800FF},
-        {PXR_str2ipaddr, "1.2.3.256", 2, kUntouched},
-        {PXR_str2ipaddr, "1.2.3", 2, kUntouched},
-        {PXR_str2ipaddr, "1.2.3.", 2, kUntouched},
-        {PXR_str2ipaddr, "1..2.3", 2, kUntouched},
-        {PXR_str2ipaddr, "1.2.3.4.5", 2, kUntouched},
-        {PXR_str2ipaddr, "1.2.3.0x4", 2, kUntouched},
-        {PXR_str2ipaddr, "99999999999.1.1.1", 2, kUntouched},
+    using Convert = int (*)(const char*, uint32_t*);
+    struct Taken {
+        Convert convert;
+        const char* text;
+        uint32_t value;
     };
-    for (const NumberCase& c : cases) {
+    for (const auto& [convert, text, expected] :
+         {Taken{PXR_str2digit, "0", 0}, Taken{PXR_str2digit, "4294967295", 0xFFFFFFFF},
+          Taken{PXR_str2hex, "fFfFFffF", 0xFFFFFFFF}, Taken{PXR_str2oct, "37777777777", 0xFFFFFFFF},
+          Taken{SignedAsWord, "0x1F", 31}, Taken{SignedAsWord, "017", 15}, Taken{SignedAsWord, "-5", 0xFFFFFFFB},
+          Taken{SignedAsWord, "+2147483647", 0x7FFFFFFF}, Taken{SignedAsWord, "-2147483648", 0x80000000},
+          Taken{SignedAsWord, "0XffffFFFF", 0xFFFFFFFF}, Taken{PXR_str2uint, "2147483648", 0x80000000},
+          Taken{PXR_str2uint, "+0", 0}, Taken{PXR_str2ulong, "0x20", 32},
+          Taken{PXR_str2ipaddr, "192.168.0.255", 0xC0A800FF}}) {
         uint32_t value = kUntouched;
-        EXPECT_EQ(c.result, c.convert(c.text, &value)) << c.text;
-        EXPECT_EQ(c.value, value) << c.text;
+        EXPECT_EQ(0, convert(text, &value)) << text;
+        EXPECT_EQ(expected, value) << text;
+    }
+    struct Refused {
+        Convert convert;
+        int result;  // 1: too large
+        std::vector<const char*> texts;
+    };
+    for (const auto& [convert, result, texts] :
+         {Refused{PXR_str2digit, 1, {"4294967296", "99999999999999999999999999"}},
+          Refused{PXR_str2digit, 2, {"99999999999x", "", " 1", "+1"}}, Refused{PXR_str2uldigit, 2, {"12a"}},
+          Refused{PXR_str2hex, 1, {"100000000"}}, Refused{PXR_str2hex, 2, {"0x1F"}}, Refused{PXR_str2ulhex, 2, {"1G"}},
+          Refused{PXR_str2oct, 1, {"40000000000"}}, Refused{PXR_str2uloct, 2, {"8"}},
+          Refused{SignedAsWord, 1, {"2147483648", "-2147483649"}},
+          Refused{SignedAsWord, 2, {"12a", "08", "0x", "+", "-0x1F"}}, Refused{PXR_str2uint, 2, {"-5"}},
+          Refused{PXR_str2ulong, 1, {"4294967296"}},
+          Refused{PXR_str2ipaddr,
+                  2,
+                  {"1.2.3.256", "1.2.3", "1.2.3.", "1..2.3", "1.2.3.4.5", "1.2.3.0x4", "99999999999.1.1.1"}}}) {
+        for (const char* text : texts) {
+            uint32_t value = kUntouched;
+            EXPECT_EQ(result, convert(text, &value)) << text;
+            EXPECT_EQ(kUntouched, value) << text;
+        }
     }
 }
 
@@ -93,12 +77,8 @@ TEST(StringConvert, TextsAreWordsOrQuoted) {
         char untouched[] = "untouched";
         char* out = untouched;
         EXPECT_EQ(result, PXR_str2str(text, &out)) << text;
-        if (result != 0) {
-            EXPECT_STREQ("untouched", out) << text;
-        } else {
-            EXPECT_STREQ(value, out) << text;
-            free(out);
-        }
+        EXPECT_STREQ(result != 0 ? untouched : value, out) << text;
+        if (result == 0) free(out);
     }
 }
 
@@ -114,37 +94,33 @@ TEST(StringConvert, SwitchesInEitherCaseAndBack) {
     EXPECT_EQ(0, on);
 
     char text[16];
-    PXR_bool2str(text, 1);
-    EXPECT_STREQ("True", text);
-    PXR_bool2str(text, 0);
-    EXPECT_STREQ("False", text);
-    PXR_bool2str2(text, 2);
-    EXPECT_STREQ("Enabled", text);
-    PXR_bool2str2(text, 0);
-    EXPECT_STREQ("Disabled", text);
-    PXR_ipaddr2str(text, 0x0100A8C0);  // 192.168.0.1 in network byte order, as this machine reads it
-    EXPECT_STREQ("192.168.0.1", text);
-}
-
-std::string CutWith(char* (*cut)(char*), std::string text) {
-    const char* const result = cut(text.data());
-    return result != nullptr ? result : "(null)";
+    const auto printed = [&]<class Result, class Value>(Result (*print)(char*, Value),
+                                                        std::type_identity_t<Value> value) {
+        print(text, value);
+        return std::string(text);
+    };
+    EXPECT_EQ("True", printed(PXR_bool2str, 1));
+    EXPECT_EQ("False", printed(PXR_bool2str, 0));
+    EXPECT_EQ("Enabled", printed(PXR_bool2str2, 2));
+    EXPECT_EQ("Disabled", printed(PXR_bool2str2, 0));
+    EXPECT_EQ("192.168.0.1", printed(PXR_ipaddr2str, 0x0100A8C0)) << "in network byte order, as this machine reads it";
 }
 
 TEST(StringText, Cutting) {
-    EXPECT_EQ("a b", CutWith(PXR_cut_space, " \t a b \r\n"));
-    EXPECT_EQ("", CutWith(PXR_cut_space, " \t "));
-    EXPECT_EQ("\xA0", CutWith(PXR_cut_space, "\xA0"));
-    EXPECT_EQ(" why", CutWith(PXR_cut_comment, "key = 1 # why"));
-    EXPECT_EQ("(null)", CutWith(PXR_cut_comment, "key = \"#1\""));
-    EXPECT_EQ("c", CutWith(PXR_cut_comment, "key = \"#1\"#c"));
-    EXPECT_EQ("(null)", CutWith(PXR_cut_comment, "key = 1 #"));
-    EXPECT_EQ("word", CutWith(PXR_cut_str, " word\n"));
-    EXPECT_EQ("two words", CutWith(PXR_cut_str, "\"two words\" "));
-    EXPECT_EQ("(null)", CutWith(PXR_cut_str, "two words"));
-    EXPECT_EQ("(null)", CutWith(PXR_cut_str, "\"a\" b"));
-    EXPECT_EQ("(null)", CutWith(PXR_cut_str, "\"open"));
-
+    struct Case {
+        char* (*cut)(char*);
+        const char* text;
+        const char* result;
+    };
+    for (const auto& [cut, text, result] :
+         {Case{PXR_cut_space, " \t a b \r\n", "a b"}, Case{PXR_cut_space, " \t ", ""},
+          Case{PXR_cut_space, "\xA0", "\xA0"}, Case{PXR_cut_comment, "key = 1 # why", " why"},
+          Case{PXR_cut_comment, "key = \"#1\"#c", "c"}, Case{PXR_cut_comment, "key = 1 #", nullptr},
+          Case{PXR_cut_str, " word\n", "word"}, Case{PXR_cut_str, "\"two words\" ", "two words"},
+          Case{PXR_cut_str, "two words", nullptr}, Case{PXR_cut_str, "\"a\" b", nullptr},
+          Case{PXR_cut_str, "\"open", nullptr}}) {
+        EXPECT_STREQ(result, cut(std::string(text).data())) << text;
+    }
     char line[] = "key = \"a#b\"";
     EXPECT_EQ(nullptr, PXR_cut_comment(line));
     EXPECT_STREQ("key = \"a#b\"", line);
