@@ -24,19 +24,17 @@ using std::string;
 constexpr int kProcesses = 8;
 constexpr int kRounds = 500;
 
-PXR_config_file<9> table = {nullptr,
-                            "[ServerAgent%s_CRASH]",
-                            "0350",
-                            "Crash Test File",
-                            {{1, "Key1", 1, -1, 0, 0, kRounds, PXR_CFG_NUMBER, {.number = 0}, 0, {0, 0}},
-                             {2, "Key2", 1, -1, 0, 0, kRounds, PXR_CFG_NUMBER, {.number = 0}, 0, {0, 0}},
-                             {3, "Key3", 1, -1, 0, 0, kRounds, PXR_CFG_NUMBER, {.number = 0}, 0, {0, 0}},
-                             {4, "Key4", 1, -1, 0, 0, kRounds, PXR_CFG_NUMBER, {.number = 0}, 0, {0, 0}},
-                             {5, "Key5", 1, -1, 0, 0, kRounds, PXR_CFG_NUMBER, {.number = 0}, 0, {0, 0}},
-                             {6, "Key6", 1, -1, 0, 0, kRounds, PXR_CFG_NUMBER, {.number = 0}, 0, {0, 0}},
-                             {7, "Key7", 1, -1, 0, 0, kRounds, PXR_CFG_NUMBER, {.number = 0}, 0, {0, 0}},
-                             {8, "Key8", 1, -1, 0, 0, kRounds, PXR_CFG_NUMBER, {.number = 0}, 0, {0, 0}},
-                             {}}};
+constexpr const char* kNames[kProcesses] = {"Key1", "Key2", "Key3", "Key4", "Key5", "Key6", "Key7", "Key8"};
+PXR_config_file<kProcesses + 1> table = {nullptr, "[ServerAgent%s_CRASH]", "0350", "Crash Test File", {}};
+
+/// A slot for every key, all of one value.
+struct Values {
+    explicit Values(int32_t value) {
+        for (uint32_t key = 1; key <= kProcesses; ++key)
+            slots[key - 1] = {key, PXR_CFG_NUMBER, 0, 0, {value}, nullptr};
+    }
+    PXR_config_data slots[kProcesses + 1] = {};
+};
 
 string FileWith(const std::function<int(int)>& value) {
     string content = "[ServerAgent0350_CRASH]\n";
@@ -49,10 +47,21 @@ string FileWith(const std::function<int(int)>& value) {
 
 class ConfigCrash : public testing::Test {
 protected:
-    ConfigCrash() { table.path = path_.c_str(); }
+    ConfigCrash() {
+        table.path = path_.c_str();
+        for (uint32_t i = 0; i < kProcesses; ++i)
+            table.keys[i] = {i + 1, kNames[i], 1, -1, 0, 0, kRounds, PXR_CFG_NUMBER, {.number = 0}, 0, {0, 0}};
+    }
+    void Place(const string& content) const { directory_.AddFile("crash.cfg", content); }
+    /// Opens the file, locked as the flags say.
+    int Open(int flags) const {
+        const int fd = PXR_file_open(path_.c_str(), flags, nullptr);
+        EXPECT_LE(0, fd);
+        return fd;
+    }
 
     TempDirectory directory_;
-    string path_ = directory_.Path("crash.cfg");
+    const string path_ = directory_.Path("crash.cfg");
 };
 
 pid_t Fork(const std::function<int()>& body) {
@@ -70,25 +79,22 @@ int WaitFor(pid_t child) {
 /// One process: only its own key has a slot, so that every rewrite copies what the others wrote.
 int RewriteOwnKey(uint32_t key) {
     PXR_config_data own[] = {PXR_CFG_SLOT(key), PXR_CFG_SLOT(0)};
-    PXR_config_data all[] = {PXR_CFG_SLOT(1), PXR_CFG_SLOT(2), PXR_CFG_SLOT(3), PXR_CFG_SLOT(4), PXR_CFG_SLOT(5),
-                             PXR_CFG_SLOT(6), PXR_CFG_SLOT(7), PXR_CFG_SLOT(8), PXR_CFG_SLOT(0)};
     PXR_init_cfgdata(table.Table(), own);
     for (int round = 1; round <= kRounds; ++round) {
         own[0].value.number = round;
         if (PXR_write_cfgfile(table.Table(), own) != 0) return 1;
-        for (PXR_config_data& slot : all)
-            slot.value.number = -1;
-        if (PXR_read_cfgfile(table.Table(), all) != 0) return 2;
+        Values all(-1);
+        if (PXR_read_cfgfile(table.Table(), all.slots) != 0) return 2;
         for (int other = 0; other < kProcesses; ++other) {
-            if (all[other].value.number < 0) return 3;  // a line was missing
+            if (all.slots[other].value.number < 0) return 3;  // a line was missing
         }
-        if (all[key - 1].value.number != round) return 4;  // somebody wrote from what was no longer the file
+        if (all.slots[key - 1].value.number != round) return 4;  // somebody wrote from what was no longer the file
     }
     return 0;
 }
 
 TEST_F(ConfigCrash, EightProcessesLoseNothing) {
-    directory_.AddFile("crash.cfg", FileWith([](int) { return 0; }));
+    Place(FileWith([](int) { return 0; }));
     std::vector<pid_t> children;
     for (uint32_t key = 1; key <= kProcesses; ++key)
         children.push_back(Fork([=] { return RewriteOwnKey(key); }));
@@ -123,25 +129,20 @@ bool KilledAt(int stop, PXR_config_data* values) {
 TEST_F(ConfigCrash, DeathAtAnySystemCallLeavesTheOldOrTheNewFile) {
     const string before = FileWith([](int) { return 1; });
     const string after = FileWith([](int) { return 2; });
-    PXR_config_data values[] = {PXR_CFG_SLOT(1), PXR_CFG_SLOT(2), PXR_CFG_SLOT(3), PXR_CFG_SLOT(4), PXR_CFG_SLOT(5),
-                                PXR_CFG_SLOT(6), PXR_CFG_SLOT(7), PXR_CFG_SLOT(8), PXR_CFG_SLOT(0)};
-    PXR_init_cfgdata(table.Table(), values);
-    for (PXR_config_data& slot : values)
-        slot.value.number = 2;
-
+    Values values(2);
     int outcomes[2] = {};
     bool replaced = false;
     int stop = 1;
     for (;; ++stop) {
-        directory_.AddFile("crash.cfg", before);
-        if (!KilledAt(stop, values)) break;
+        Place(before);
+        if (!KilledAt(stop, values.slots)) break;
         const string left = directory_.ReadFile("crash.cfg");
         ASSERT_TRUE(left == before || left == after) << "killed at " << stop << ": " << left.size() << " bytes";
         EXPECT_FALSE(replaced && left == before) << "back to the old file at " << stop;
         replaced = left == after;
         ++outcomes[replaced ? 1 : 0];
         // What the dead process left behind stands in nobody's way.
-        ASSERT_EQ(0U, PXR_write_cfgfile(table.Table(), values));
+        ASSERT_EQ(0U, PXR_write_cfgfile(table.Table(), values.slots));
         EXPECT_EQ(after, directory_.ReadFile("crash.cfg"));
         EXPECT_FALSE(directory_.Exists("crash.tmp"));
     }
@@ -150,14 +151,13 @@ TEST_F(ConfigCrash, DeathAtAnySystemCallLeavesTheOldOrTheNewFile) {
 }
 
 TEST_F(ConfigCrash, WhoWaitedForAReplacedFileGetsTheNewOne) {
-    directory_.AddFile("crash.cfg", "old");
-    const int first = PXR_file_open(path_.c_str(), O_RDWR, nullptr);
-    ASSERT_LE(0, first);
+    Place("old");
+    const int first = Open(O_RDWR);
     std::atomic<bool> started{false};
     string seen;
     std::thread waiter([&] {
         started = true;
-        const int fd = PXR_file_open(path_.c_str(), O_RDONLY, nullptr);
+        const int fd = Open(O_RDONLY);
         char text[8] = "";
         EXPECT_EQ(3, PXR_read(fd, text, sizeof(text)));
         seen = text;
@@ -185,9 +185,8 @@ bool IsLockable(const string& path, int flags, short type) {
 }
 
 TEST_F(ConfigCrash, ReadersShareWritersExcludeAndClosingFrees) {
-    directory_.AddFile("crash.cfg", "text");
-    const int reader = PXR_file_open(path_.c_str(), O_RDONLY, nullptr);
-    ASSERT_LE(0, reader);
+    Place("text");
+    const int reader = Open(O_RDONLY);
     EXPECT_TRUE(IsLockable(path_, O_RDONLY, F_RDLCK));
     EXPECT_FALSE(IsLockable(path_, O_RDWR, F_WRLCK));
     // Another descriptor of the process, closed meanwhile, takes no lock away.
@@ -200,11 +199,9 @@ TEST_F(ConfigCrash, ReadersShareWritersExcludeAndClosingFrees) {
     kill(child, SIGKILL);
     WaitFor(child);
 
-    const int writer = PXR_file_open(path_.c_str(), O_RDWR, nullptr);
-    ASSERT_LE(0, writer);
+    const int writer = Open(O_RDWR);
     EXPECT_FALSE(IsLockable(path_, O_RDONLY, F_RDLCK));
     FILE* const stream = fdopen(writer, "r+");
-    ASSERT_NE(nullptr, stream);
     fputs("TEXT", stream);
     EXPECT_EQ(0, PXR_file_stream_close(stream));
     EXPECT_TRUE(IsLockable(path_, O_RDWR, F_WRLCK));
@@ -212,9 +209,8 @@ TEST_F(ConfigCrash, ReadersShareWritersExcludeAndClosingFrees) {
 }
 
 TEST_F(ConfigCrash, AProcessThatIsTerminatingDoesNotWaitForALock) {
-    directory_.AddFile("crash.cfg", "text");
-    const int holder = PXR_file_open(path_.c_str(), O_RDWR, nullptr);
-    ASSERT_LE(0, holder);
+    Place("text");
+    const int holder = Open(O_RDWR);
     const pid_t child = Fork([&] {
         signal(SIGALRM, [](int) { SetTerminateProcess(); });
         ualarm(5000, 0);

@@ -12,15 +12,13 @@
 #include <filesystem>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "libplatform/PXR_trace.h"
 #include "tests/support/CancelledThread.h"
 #include "tests/support/ConfigTable.h"
 #include "tests/support/InMachineRoot.h"
 #include "tests/support/TempDirectory.h"
-#include "tests/support/TraceListener.h"
+#include "tests/support/Tracing.h"
 
 namespace {
 
@@ -74,23 +72,18 @@ TEST_F(Config, EveryLineMeansOneThingAndIsReportedOnceWhenItIsBad) {
         {"  LEVEL=0x14 # hex\r\n", "20 standard on off 7f000001 4000000000 - [] []", {}},
         {"level = 024\n", "20 standard on off 7f000001 4000000000 - [] []", {}},
         {"Level = -20\n", "-20 standard on off 7f000001 4000000000 - [] []", {}},
-        {"Level = 101\n", kDefaults, {value}},
-        {"Level = -21\n", kDefaults, {value}},
-        {"Level = 4294967297\n", kDefaults, {value}},
-        {"Level = 1 2\n", kDefaults, {value}},
-        {"Level = \"20\"\n", kDefaults, {value}},
+        {"Level = 101\nLevel = -21\nLevel = 4294967297\nLevel = 1 2\nLevel = \"20\"\n", kDefaults,
+         std::vector(5, value)},
         {"Level =\nLevel\nLevel = #20\n", kDefaults, {}},
         {"Level = 1\nLevel = 2\n", "1 standard on off 7f000001 4000000000 - [] []", {key}},
         {"Level = x\nLevel = 2\n", "2 standard on off 7f000001 4000000000 - [] []", {value}},
         {"Name = plain\n", "10 plain on off 7f000001 4000000000 - [] []", {}},
-        {"Name = two words\n", kDefaults, {value}},
         {"Name = \"a b#=c\" # why\n", "10 a b#=c on off 7f000001 4000000000 - [] []", {}},
         {"Name = \"\"\n", "10 - on off 7f000001 4000000000 - [] []", {}},
-        {"Name = \"open\n", kDefaults, {value}},
-        {"Name = \"closed\" x\n", kDefaults, {value}},
+        {"Name = two words\nName = \"open\nName = \"closed\" x\n", kDefaults, std::vector(3, value)},
         {"Name = 123456789\n", "10 12345678 on off 7f000001 4000000000 - [] []", {}},
         {"Switch = FALSE\nEnable = enabled\n", "10 standard off on 7f000001 4000000000 - [] []", {}},
-        {"Switch = Enabled\nEnable = True\nSwitch = 0\n", kDefaults, {value, value, value}},
+        {"Switch = Enabled\nEnable = True\nSwitch = 0\n", kDefaults, std::vector(3, value)},
         {"Address = 10.0.0.255\n", "10 standard on off a0000ff 4000000000 - [] []", {}},
         {"Address = 10.0.0.256\n", kDefaults, {value}},
         {"Count = +4294967295\n", "10 standard on off 7f000001 4294967295 - [] []", {}},
@@ -116,27 +109,17 @@ TEST_F(Config, EveryLineMeansOneThingAndIsReportedOnceWhenItIsBad) {
     RunInRoot(root, [&] {
         const string file = "/etc/opt/velmora/lantrel/test.cfg";
         sample::table.path = file.c_str();
-        TraceListener listener;
-        ASSERT_EQ(0, PXR_trace_init());
-        size_t expected = 1;  // the connection's start
+        Tracing tracing;
         for (const Case& c : cases) {
+            SCOPED_TRACE(c.body.substr(0, 80));
             std::ofstream(file, std::ios::binary) << kHeader << c.body;
             Data data;
-            EXPECT_EQ(0U, data.Read());
-            EXPECT_EQ(c.values, data.Print()) << c.body.substr(0, 80);
-            // A marker behind the reports shows that there are no more of them.
-            PXR_trace(PXR_TRACE_MASK_LIBRARY, 0, "marker");
-            const size_t first = expected;
-            expected += c.reports.size() + 1;
-            const auto packets = listener.WaitFor(expected);
-            ASSERT_EQ(expected, packets.size()) << c.body.substr(0, 80);
-            for (size_t i = 0; i < c.reports.size(); ++i) {
-                EXPECT_EQ(c.reports[i], string(packets[first + i].body.message.text).substr(0, c.reports[i].size()))
-                    << c.body.substr(0, 80);
-            }
-            EXPECT_STREQ("marker", packets[expected - 1].body.message.text);
+            const auto reports = tracing.LinesOf([&] { EXPECT_EQ(0U, data.Read()); });
+            EXPECT_EQ(c.values, data.Print());
+            ASSERT_EQ(c.reports.size(), reports.size());
+            for (size_t i = 0; i < reports.size(); ++i)
+                EXPECT_EQ("1000 0 1 " + c.reports[i], reports[i].substr(0, 9 + c.reports[i].size()));
         }
-        PXR_trace_term();
     });
 }
 
@@ -187,15 +170,9 @@ constexpr char kAppended[] =
     "Count\t= 4000000000\nSecret\t= \nUnwanted\t= 7\nUnwanted2\t= \"x y\"\n";
 
 TEST_F(Config, RewritingKeepsWhatItDoesNotKnow) {
-    const string rest =
-        "Name\t= \"standard\"\nSwitch\t= True\nEnable\t= Disabled\nAddress\t= 127.0.0.1\nCount\t= 4000000000\n"
-        "Secret\t= \nUnwanted\t= 7\nUnwanted2\t= \"x y\"\n";
+    const string rest = string(kAppended).substr(strlen("Level\t= 10\n"));
     const string huge(1 << 20, 'h');
-    struct Case {
-        string before;
-        string after;
-    };
-    const Case cases[] = {
+    std::vector<std::pair<string, string>> cases = {
         {"", string(kHeader) + kAppended},
         {kHeader, string(kHeader) + kAppended},
         {"[ServerAgent0330_TEST]", string(kHeader) + kAppended},
@@ -203,39 +180,36 @@ TEST_F(Config, RewritingKeepsWhatItDoesNotKnow) {
         // another header stays as a line of its own
         {"[ServerAgent0350_TEST]\n#\n", kHeader + string("[ServerAgent0350_TEST]\n#\n") + kAppended},
         {"# note\nLevel = 9\n", kHeader + string("# note\nLevel\t= 10\n") + rest},  // not read: no header
-        {kHeader + string("# a\n\n  Other = 1 # b\r\n\t\nlevel=9 # why # not\n?\n"),
-         kHeader + string("# a\n\n  Other = 1 # b\r\n\t\nLevel\t= 9\t# why # not\n?\n") + rest},
-        {kHeader + string("Level=9#\nlast line without newline"),
-         kHeader + string("Level\t= 9\nlast line without newline\n") + rest},
-        {kHeader + string("Level=1\nLevel=2\nX\nLEVEL=3 #\n"), kHeader + string("Level\t= 1\nX\n") + rest},
-        {kHeader + string("Level=9\nUnwanted = 1 # kept\nunwanted = 2\n"),
-         kHeader + string("Level\t= 9\nUnwanted = 1 # kept\nunwanted = 2\nName\t= \"standard\"\nSwitch\t= True\n"
-                          "Enable\t= Disabled\nAddress\t= 127.0.0.1\nCount\t= 4000000000\nSecret\t= \n"
-                          "Unwanted2\t= \"x y\"\n")},
-        {kHeader + string("Word=a # first\n# between\nNumber=1\nWord = \"b c\" # second\nNumber=2\nLevel=9\n"),
-         kHeader +
-             string("Word\t= \"a\"\t# first\nWord\t= \"b c\"\n# between\nNumber\t= 1\nNumber\t= 2\nLevel\t= 9\n") +
-             rest},
-        {kHeader + string("Word = # to be filled in\nLevel=9\nNumber=\n"),
-         kHeader + string("# to be filled in\nLevel\t= 9\n") + rest},
-        // a word with a double quote can only be written as a word
-        {kHeader + string("Level=9\nWord=a\"b\n"), kHeader + string("Level\t= 9\nWord\t= a\"b\n") + rest},
-        {kHeader + string("Level=9\nWord=a\"b\"c#x\n"), kHeader + string("Level\t= 9\n#x\nWord\t= a\"b\"c\n") + rest},
-        // and so can one that fills the line
-        {kHeader + string("Level=9\nWord=") + string(1016, 'w') + "\nWord=" + string(1017, 'w') + "\n",
-         kHeader + string("Level\t= 9\nWord=\"") + string(1016, 'w') + "\"\nWord=" + string(1017, 'w') + "\n" + rest},
-        // nothing of a line that is copied gets lost, nor of a comment
-        {kHeader + huge + "\n#" + huge + "\nLevel=9 #" + huge,
-         kHeader + huge + "\n#" + huge + "\nLevel\t= 9\t#" + huge + "\n" + rest},
-        {kHeader + string("Level=9") + string(1015, ' ') + "#" + huge + "\n",
-         kHeader + string("Level\t= 9\t#") + huge + "\n" + rest},
     };
-    for (const Case& c : cases) {
-        const string once = Rewritten(c.before);
-        EXPECT_EQ(c.after.substr(0, 2000), once.substr(0, 2000));
-        EXPECT_TRUE(c.after == once) << c.before.substr(0, 80);
-        EXPECT_TRUE(c.before == directory_.ReadFile("test.bak")) << c.before.substr(0, 80);
-        EXPECT_TRUE(once == Rewritten(once)) << "a second rewrite changes nothing: " << c.before.substr(0, 80);
+    const std::pair<string, string> behindTheHeader[] = {
+        {"# a\n\n  Other = 1 # b\r\n\t\nlevel=9 # why # not\n?\n",
+         "# a\n\n  Other = 1 # b\r\n\t\nLevel\t= 9\t# why # not\n?\n" + rest},
+        {"Level=9#\nlast line without newline", "Level\t= 9\nlast line without newline\n" + rest},
+        {"Level=1\nLevel=2\nX\nLEVEL=3 #\n", "Level\t= 1\nX\n" + rest},
+        {"Level=9\nUnwanted = 1 # kept\nunwanted = 2\n",
+         "Level\t= 9\nUnwanted = 1 # kept\nunwanted = 2\n" + string(rest).erase(rest.find("Unwanted\t"), 13)},
+        {"Word=a # first\n# between\nNumber=1\nWord = \"b c\" # second\nNumber=2\nLevel=9\n",
+         "Word\t= \"a\"\t# first\nWord\t= \"b c\"\n# between\nNumber\t= 1\nNumber\t= 2\nLevel\t= 9\n" + rest},
+        {"Word = # to be filled in\nLevel=9\nNumber=\n", "# to be filled in\nLevel\t= 9\n" + rest},
+        // a word with a double quote can only be written as a word
+        {"Level=9\nWord=a\"b\n", "Level\t= 9\nWord\t= a\"b\n" + rest},
+        {"Level=9\nWord=a\"b\"c#x\n", "Level\t= 9\n#x\nWord\t= a\"b\"c\n" + rest},
+        // and so can one that fills the line
+        {"Level=9\nWord=" + string(1016, 'w') + "\nWord=" + string(1017, 'w') + "\n",
+         "Level\t= 9\nWord=\"" + string(1016, 'w') + "\"\nWord=" + string(1017, 'w') + "\n" + rest},
+        // nothing of a line that is copied gets lost, nor of a comment
+        {huge + "\n#" + huge + "\nLevel=9 #" + huge, huge + "\n#" + huge + "\nLevel\t= 9\t#" + huge + "\n" + rest},
+        {"Level=9" + string(1015, ' ') + "#" + huge + "\n", "Level\t= 9\t#" + huge + "\n" + rest},
+    };
+    for (const auto& [before, after] : behindTheHeader)
+        cases.emplace_back(kHeader + before, kHeader + after);
+    for (const auto& [before, after] : cases) {
+        SCOPED_TRACE(before.substr(0, 80));
+        const string once = Rewritten(before);
+        EXPECT_EQ(after.substr(0, 2000), once.substr(0, 2000));
+        EXPECT_TRUE(after == once);
+        EXPECT_TRUE(before == directory_.ReadFile("test.bak"));
+        EXPECT_TRUE(once == Rewritten(once)) << "a second rewrite changes nothing";
         EXPECT_FALSE(directory_.Exists("test.tmp"));
         std::filesystem::remove(directory_.Path("test.bak"));
     }
@@ -347,10 +321,7 @@ TEST_F(Config, OnlyRegularFilesAreOpened) {
 }
 
 TEST_F(Config, TemporaryNames) {
-    struct Case {
-        const char* path;
-        const char* name;
-    };
+    using Case = std::pair<const char*, const char*>;
     for (const auto& [path, name] :
          {Case{"/etc/trace.cfg", "/etc/trace.bak"}, Case{"/etc/a.b.cfg", "/etc/a.b.bak"},
           Case{"/etc.d/trace", "/etc.d/trace.bak"}, Case{"trace", "trace.bak"}, Case{"/etc/.cfg", "/etc/.bak"}}) {
