@@ -3,10 +3,8 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,37 +12,33 @@
 #include <chrono>
 #include <climits>
 #include <filesystem>
-#include <fstream>
 #include <functional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "common/PXR_proc_internal.h"
+#include "simulator/MachineRoot.h"
 #include "tests/support/CancelledThread.h"
+#include "tests/support/TempDirectory.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ElementsAreArray;
 using testing::HasSubstr;
 
 /// A directory of the test's own, and the children that it leaves.
 class PxrProc : public testing::Test {
 protected:
-    void SetUp() override {
-        fs::create_directories(directory_);
-        directory_ = fs::canonical(directory_);
-    }
     void TearDown() override {
         for (const pid_t child : children_) {
             kill(child, SIGKILL);
             waitpid(child, nullptr, 0);
         }
-        fs::remove_all(directory_);
     }
 
-    std::string Path(const std::string& name) const { return directory_ / name; }
+    std::string Path(const std::string& name) const { return directory_.Path(name); }
 
     /// A child that runs body and ends with what it returns.
     pid_t Fork(const std::function<int()>& body) {
@@ -55,10 +49,8 @@ protected:
     }
     /// Exit status of a child, or 256 plus its signal.
     int Join(pid_t child) {
-        int status = 0;
-        waitpid(child, &status, 0);
         std::erase(children_, child);
-        return WIFSIGNALED(status) ? 256 + WTERMSIG(status) : WEXITSTATUS(status);
+        return WaitForExit(child);
     }
     /// A process whose command is this text.
     pid_t Spawn(const std::string& command, bool ignoresTerm = false) {
@@ -76,21 +68,19 @@ protected:
         return child;
     }
     void WriteScript(const std::string& name, const std::string& text, fs::perms mode = fs::perms::owner_all) {
-        std::ofstream(Path(name)) << text;
-        fs::permissions(Path(name), mode);
+        fs::permissions(directory_.AddFile(name, text), mode);
     }
 
     const std::string self_ = std::to_string(getpid());
     const std::string unique_ = "kvproc" + self_;  // no other process of the machine is called so
-    fs::path directory_ = "proc_test." + self_;
+    const TempDirectory directory_;
     std::vector<pid_t> children_;
 };
 
 // ---- Lock files
 
 TEST_F(PxrProc, LockKeepsASecondInstanceAway) {
-    const std::string path = Path("lock");
-    std::ofstream(path) << "left over";
+    const std::string path = directory_.AddFile("lock", "left over");
     const int fd = PXR_lock_cmd(path.c_str());
     ASSERT_GE(fd, 0);
     EXPECT_EQ(0u, fs::file_size(path));
@@ -105,15 +95,13 @@ TEST_F(PxrProc, LockKeepsASecondInstanceAway) {
                   const int held = PXR_lock_cmd(path.c_str());
                   return held < 0 ? 1 : kill(getpid(), SIGKILL);
               })));
-    struct stat info {};
-    ASSERT_EQ(0, stat(path.c_str(), &info));
-    EXPECT_EQ(0600u, info.st_mode & 07777);
+    EXPECT_EQ(fs::perms{0600}, fs::status(path).permissions());
     const int again = PXR_lock_cmd(path.c_str());
     EXPECT_GE(again, 0) << "the dead holder's file is in nobody's way";
 
     // Somebody else's file under the same name stays.
     fs::remove(path);
-    std::ofstream(path) << "new";
+    directory_.AddFile("lock", "new");
     EXPECT_EQ(-1, PXR_unlock_cmd(path.c_str(), again));
     EXPECT_TRUE(fs::exists(path));
     fs::create_symlink(path, Path("link"));
@@ -167,14 +155,12 @@ TEST_F(PxrProc, FindsProcessesByCommand) {
     const pid_t byName = Spawn(unique_);
     const pid_t withWords = Spawn(unique_ + " --daemon");
     Spawn("x" + unique_);
-    std::vector<std::string> named = {std::to_string(byPath), std::to_string(byName), std::to_string(withWords)};
-    std::sort(named.begin(), named.end());
-
+    const std::set<std::string> inTextOrder = {std::to_string(byPath), std::to_string(byName),
+                                               std::to_string(withWords)};
     pid_t found[8] = {};
     ASSERT_EQ(3, PXR_getpid(unique_.c_str(), found, 8));
-    const std::vector<std::string> texts = {std::to_string(found[0]), std::to_string(found[1]),
-                                            std::to_string(found[2])};
-    EXPECT_THAT(texts, ElementsAreArray(named)) << "in text order";
+    for (int i = 0; const std::string& pid : inTextOrder)
+        EXPECT_EQ(pid, std::to_string(found[i++]));
 
     pid_t first[2] = {0, -7};
     EXPECT_EQ(3, PXR_getpid(unique_.c_str(), first, 1)) << "counts what it has no room for";
@@ -207,36 +193,28 @@ TEST_F(PxrProc, CommandLineOfAProcess) {
 
 class Companion : public PxrProc {
 protected:
-    void SetUp() override {
-        PxrProc::SetUp();
+    Companion() {
         setenv("NLSPATH", KV_BUILD_DIR "/lib/nls/%L/%N", 1);
-        path_ = Path(unique_);
         up_cmds[0].path = path_.c_str();
         PXR_set_cmdname();
     }
-    void TearDown() override {
-        up_cmds[0] = usual_;
-        PxrProc::TearDown();
-    }
+    ~Companion() override { up_cmds[0] = usual_; }
     std::string Startup() {
         testing::internal::CaptureStderr();
         PXR_startup_cmd();
         return testing::internal::GetCapturedStderr();
     }
 
-    std::string path_;
+    const std::string path_ = Path(unique_);
     const PXR_companion usual_ = up_cmds[0];
 };
 
-TEST_F(Companion, StartsWhatDoesNotRun) {
+TEST_F(Companion, StartsWhatDoesNotRunAndSignalsWhatDoes) {
     EXPECT_THAT(Startup(), HasSubstr(path_)) << "there is no such program";
     WriteScript(unique_, "#!/bin/sh\necho started > '" + Path("proof") + "'\n");
     EXPECT_EQ("", Startup());
-    EXPECT_TRUE(fs::exists(Path("proof")));
-}
+    EXPECT_TRUE(fs::remove(Path("proof"))) << "started";
 
-TEST_F(Companion, SignalsWhatRunsAlready) {
-    WriteScript(unique_, "#!/bin/sh\necho started > '" + Path("proof") + "'\n");
     const pid_t running = Spawn(path_);
     up_cmds[0].signal = SIGUSR2;
     EXPECT_THAT(Startup(), HasSubstr(path_));
@@ -264,10 +242,23 @@ TEST_F(Companion, EndsPolitelyThenByForce) {
 
 // ---- Running commands
 
+/// Arguments as a program gets them.
+class Arguments {
+public:
+    Arguments(std::initializer_list<std::string> texts) : texts_(texts) {
+        for (std::string& text : texts_)
+            pointers_.push_back(text.data());
+        pointers_.push_back(nullptr);
+    }
+    operator char* const*() const { return pointers_.data(); }
+
+private:
+    std::vector<std::string> texts_;
+    std::vector<char*> pointers_;
+};
+
 int Shell(const char* script, int priority = 0, const char* directory = nullptr) {
-    char* const argv[] = {const_cast<char*>("sh"),   const_cast<char*>("-c"),   const_cast<char*>(script),
-                          const_cast<char*>("name"), const_cast<char*>("word"), nullptr};
-    return PXR_exec_command(directory, priority, "sh", argv);
+    return PXR_exec_command(directory, priority, "sh", Arguments{"sh", "-c", script, "name", "word"});
 }
 
 TEST_F(PxrProc, ResultOfACommand) {
@@ -286,7 +277,7 @@ TEST_F(PxrProc, ResultOfACommand) {
     }
     WriteScript("plain", "exit $(($# + 40))\n");  // the shell runs it: it names no interpreter
     WriteScript("closed", "exit 0\n", fs::perms::owner_read);
-    char* const argv[] = {const_cast<char*>("plain"), const_cast<char*>("a"), const_cast<char*>("b"), nullptr};
+    const Arguments argv{"plain", "a", "b"};
     EXPECT_EQ(42, PXR_exec_command(nullptr, 0, Path("plain").c_str(), argv));
     EXPECT_EQ(40, PXR_exec_command(nullptr, 0, Path("plain").c_str(), nullptr));
     EXPECT_EQ(EACCES, PXR_exec_command(nullptr, 0, Path("closed").c_str(), argv));
@@ -321,14 +312,11 @@ TEST_F(PxrProc, StatusThatNobodyKeepsCountsAsZero) {
 TEST_F(PxrProc, CommandsThatCanBeRun) {
     WriteScript("tool", "");
     WriteScript("text", "", fs::perms::owner_read);
-    struct Case {
-        std::string name;
-        int result;
-    };
-    for (const Case& c :
+    using Case = std::pair<std::string, int>;
+    for (const auto& [name, result] :
          {Case{"/bin/sh", 0}, Case{"sh", 0}, Case{Path("tool"), 0}, Case{Path("text"), EACCES}, Case{Path(""), EACCES},
           Case{"", ENOENT}, Case{unique_, ENOENT}, Case{"no/" + unique_, ENOENT}}) {
-        EXPECT_EQ(c.result, PXR_isexist_command(c.name.c_str())) << c.name;
+        EXPECT_EQ(result, PXR_isexist_command(name.c_str())) << name;
     }
     EXPECT_EQ(2, PXR_isexist_command(nullptr));
 }
@@ -371,8 +359,7 @@ std::atomic<int> signalsSeen{0};
 /// The host's part: SIGUSR1 leads to the dispatch. The tests' main thread is the process's.
 class MainJob : public PxrProc {
 protected:
-    void SetUp() override {
-        PxrProc::SetUp();
+    MainJob() {
         __for_main__init_job();
         signalsSeen = 0;
         struct sigaction action {};
@@ -382,37 +369,20 @@ protected:
         };
         sigaction(SIGUSR1, &action, &usual_);
     }
-    void TearDown() override {
-        sigaction(SIGUSR1, &usual_, nullptr);
-        PxrProc::TearDown();
-    }
+    ~MainJob() override { sigaction(SIGUSR1, &usual_, nullptr); }
 
     /// mainjob_wait in a thread of its own.
     static int Ask(int kind, void* data, int size) {
-        struct Request {
-            int kind;
-            void* data;
-            int size;
-            int result;
-        } request{kind, data, size, -1};
-        pthread_t asker{};
-        const auto ask = [](void* argument) -> void* {
-            auto* r = static_cast<Request*>(argument);
-            r->result = mainjob_wait(r->kind, r->data, r->size);
-            return nullptr;
-        };
-        pthread_create(&asker, nullptr, ask, &request);
-        pthread_join(asker, nullptr);
-        return request.result;
+        int result = -1;
+        std::thread([&] { result = mainjob_wait(kind, data, size); }).join();
+        return result;
     }
 
     struct sigaction usual_ {};
 };
 
 TEST_F(MainJob, EveryKind) {
-    char* const argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"),
-                          const_cast<char*>("test $PPID = \"$0\" && exit 4"), const_cast<char*>(self_.c_str()),
-                          nullptr};
+    const Arguments argv{"sh", "-c", "test $PPID = \"$0\" && exit 4", self_};
     PXR_job_execute execute{"/", "sh", argv, 0};
     ASSERT_EQ(1, Ask(PXR_JOB_EXECUTE, &execute, sizeof(execute)));
     ASSERT_GT(execute.pid, 0);
@@ -475,28 +445,19 @@ TEST_F(MainJob, Refusals) {
 }
 
 TEST_F(MainJob, ManyThreadsAsk) {
-    struct Asker {
-        pthread_t thread;
-        PXR_job_shell job;
-        std::string command;
-    };
-    std::vector<Asker> askers(6);
-    const auto ask = [](void* argument) -> void* {
-        auto* asker = static_cast<Asker*>(argument);
-        for (int round = 0; round < 3; ++round) {
-            asker->job = {asker->command.c_str(), -1};
-            if (mainjob_wait(PXR_JOB_SHELL, &asker->job, sizeof(asker->job)) != 1) asker->job.result = -2;
-        }
-        return nullptr;
-    };
-    for (size_t i = 0; i < askers.size(); ++i) {
-        askers[i].command = "exit " + std::to_string(i);
-        pthread_create(&askers[i].thread, nullptr, ask, &askers[i]);
+    std::vector<std::thread> askers;
+    for (int i = 0; i < 6; ++i) {
+        askers.emplace_back([i] {
+            const std::string command = "exit " + std::to_string(i);
+            for (int round = 0; round < 3; ++round) {
+                PXR_job_shell job{command.c_str(), -1};
+                EXPECT_EQ(1, mainjob_wait(PXR_JOB_SHELL, &job, sizeof(job)));
+                EXPECT_EQ(i << 8, job.result);
+            }
+        });
     }
-    for (size_t i = 0; i < askers.size(); ++i) {
-        pthread_join(askers[i].thread, nullptr);
-        EXPECT_EQ(static_cast<int>(i) << 8, askers[i].job.result);
-    }
+    for (std::thread& asker : askers)
+        asker.join();
     EXPECT_EQ(18, signalsSeen) << "one at a time";
 }
 
