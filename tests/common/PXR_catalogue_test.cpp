@@ -1,5 +1,6 @@
 #include "libplatform/PXR_catalogue.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -13,10 +14,9 @@
 #include <thread>
 #include <vector>
 
-#include "libplatform/PXR_trace.h"
 #include "tests/support/InMachineRoot.h"
 #include "tests/support/TempDirectory.h"
-#include "tests/support/TraceListener.h"
+#include "tests/support/Tracing.h"
 
 namespace {
 
@@ -51,7 +51,6 @@ void SetLang(const char* lang) {
 
 /// Runs a body in a process of its own: the locale is kept for the life of a process.
 void InChild(const std::function<void()>& body) {
-    fflush(nullptr);
     const pid_t child = fork();
     if (child == 0) {
         body();
@@ -129,15 +128,14 @@ TEST(Locale, FollowsTheNamesOfLangAndIsDecidedOnce) {
 TEST_F(Catalogues, BothLocalesAreServedToManyThreadsAndLangStays) {
     setenv("NLSPATH", kBuiltCatalogues, 1);
     std::atomic<int> wrong = 0;
-    std::thread threads[8];
+    std::vector<std::thread> threads;
     for (int thread = 0; thread < 8; thread++) {
-        threads[thread] = std::thread([&wrong, thread] {
+        threads.emplace_back([&wrong, thread] {
             for (int i = 0; i < 100; i++) {
                 const int locale = (thread + i) % 2;
                 const char* const expected = locale == 1 ? kNormalInShiftJis : "Normal";
                 wrong += Outcome(GetCatMessage, locale, "KvAgent.cat", 3, 22) != expected;
-                const char* const lang = getenv("LANG");
-                wrong += lang == nullptr || strcmp(lang, "en_GB.UTF-8") != 0;
+                wrong += getenv("LANG") != std::string("en_GB.UTF-8");
             }
         });
     }
@@ -196,17 +194,11 @@ TEST_F(Catalogues, MessagesThatShareASlotOrAreMissing) {
         Write("m", Compiled({{3, 1, "a"}, {3, 0x80000, "b"}, {4, 1, ""}, {3, 0x7FFFFFFF, "c"}}, bigEndian));
         EXPECT_EQ("abc", ForLang("m", 3, 1) + ForLang("m", 3, 0x80000) + ForLang("m", 3, 0x7FFFFFFF));
     }
-    struct Case {
-        const char* name;
-        int set;
-        int number;
-    };
-    const Case cases[] = {{"m", 4, 1},    {"m", 3, 2}, {"m", 5, 1},          {"m", -1, 1},
-                          {"m", 3, -1},   {"m", 0, 0}, {"m", 0x7FFFFFFF, 1}, {"absent", 3, 1},
-                          {"fifo", 3, 1}, {".", 3, 1}, {"/dev/zero", 3, 1},  {nullptr, 3, 1}};
-    for (const auto& [name, set, number] : cases) {
+    const std::tuple<const char*, int, int> cases[] = {
+        {"m", 4, 1},          {"m", 3, 2},      {"m", 5, 1},    {"m", -1, 1}, {"m", 3, -1},        {"m", 0, 0},
+        {"m", 0x7FFFFFFF, 1}, {"absent", 3, 1}, {"fifo", 3, 1}, {".", 3, 1},  {"/dev/zero", 3, 1}, {nullptr, 3, 1}};
+    for (const auto& [name, set, number] : cases)
         EXPECT_EQ(kMissing, ForLang(name, set, number)) << set << ", " << number;
-    }
     EXPECT_EQ(0x61824201u, GetCatMessage(0, "m", 3, 1, nullptr));
 }
 
@@ -225,31 +217,22 @@ TEST_F(Catalogues, ThatLieGiveTheCodeAndNeverLeadOutOfTheFile) {
         Write("m", std::string(good).replace(at, bytes.size(), bytes));
         return ForLang("m", 1, 1);
     };
-    struct Case {
-        size_t word;
-        uint32_t value;
-    };
-    const Case cases[] = {{0, 0x960408DF}, {1, 0}, {2, 0}, {1, 0xFFFFFFFF}, {2, 0xFFFFFFFF}, {1, 0x10000},
-                          {2, 0x15555556}, {2, 3}, {5, 4}, {8, 4},          {5, 0xFFFFFFFF}, {8, 0xFFFFFFF0}};
+    const std::pair<size_t, uint32_t> cases[] = {{0, 0x960408DF}, {1, 0},       {2, 0},          {1, 0xFFFFFFFF},
+                                                 {2, 0xFFFFFFFF}, {1, 0x10000}, {2, 0x15555556}, {2, 3},
+                                                 {5, 4},          {8, 4},       {5, 0xFFFFFFFF}, {8, 0xFFFFFFF0}};
     for (const auto& [word, value] : cases)
         EXPECT_EQ(kMissing, fetchWith(word * 4, Words({value}))) << "word " << word << " = " << value;
     for (size_t at = 0; at < good.size(); at++) {
-        for (const char value : {'\x00', '\x01', '\x7F', '\xFF'}) {
-            const std::string text = fetchWith(at, {value});
-            EXPECT_LT(text.size(), good.size()) << "byte " << at;
-        }
+        for (const char value : {'\x00', '\x01', '\x7F', '\xFF'})
+            EXPECT_LT(fetchWith(at, {value}).size(), good.size()) << "byte " << at;
     }
 }
 
 TEST(InsertInsMessage, ReplacesPlaceholders) {
-    struct Case {
-        const char* text;
-        std::vector<const char*> inserts;
-        const char* fallback;
-        const char* expected;
-    };
-    const std::vector<const char*> twelve = {"1", "2", "3", "4", "5", "6", "7", "8", "9", "ten", "11", "twelve"};
-    for (const Case& c : std::initializer_list<Case>{
+    using Inserts = std::vector<const char*>;
+    using Case = std::tuple<const char*, Inserts, const char*, const char*>;
+    const Inserts twelve = {"1", "2", "3", "4", "5", "6", "7", "8", "9", "ten", "11", "twelve"};
+    for (auto [text, inserts, fallback, expected] : std::initializer_list<Case>{
              {"%1 %2 %3", {"a", "b"}, nullptr, "a b %3"},
              {"%1 %2 %3", {"a", "b"}, "", "a b "},
              {"%2%1%2 %3", {"a", "b"}, "none", "bab none"},
@@ -262,9 +245,8 @@ TEST(InsertInsMessage, ReplacesPlaceholders) {
              {"%4294967297 %18446744073709551617", {"a"}, nullptr, "%4294967297 %18446744073709551617"},
              {"", {"a"}, "f", ""},
              {nullptr, {"a"}, "f", "(null)"}}) {
-        const int count = static_cast<int>(c.inserts.size());
-        std::vector<const char*> inserts = c.inserts;
-        EXPECT_EQ(c.expected, Outcome(InsertInsMessage, c.text, count, inserts.data(), c.fallback));
+        const int count = static_cast<int>(inserts.size());
+        EXPECT_EQ(expected, Outcome(InsertInsMessage, text, count, inserts.data(), fallback));
     }
     EXPECT_EQ("-", Outcome(InsertInsMessage, "%1", -1, nullptr, "-"));
     EXPECT_EQ(0x61834201u, InsertInsMessage("", 0, nullptr, nullptr, nullptr));
@@ -303,17 +285,15 @@ TEST(CatalogueFailures, AreTracedWithNoLockHeldAndNlspathGetsItsDefault) {
         EXPECT_EQ("the system's", Outcome(GetCatMessage, 0, "other.cat", 1, 1));
         EXPECT_EQ(nullptr, getenv("LANG"));
 
-        TraceListener daemon;
-        ASSERT_EQ(0, PXR_trace_init());
+        Tracing tracing;
         SetLang("xx");
-        EXPECT_EQ(kMissing, Outcome(GetCatMessage, 1, "KvAgent.cat", 3, 0xFFFFF));
-        EXPECT_EQ("Unknown", Outcome(GetCatMessageCollectLocale, "KvAgent.cat", 3, 1));
-        const auto packets = daemon.WaitFor(3);  // the connection's start and the two failures
-        ASSERT_EQ(3u, packets.size());
+        const auto lines = tracing.LinesOf([] {
+            EXPECT_EQ(kMissing, Outcome(GetCatMessage, 1, "KvAgent.cat", 3, 0xFFFFF));
+            EXPECT_EQ("Unknown", Outcome(GetCatMessageCollectLocale, "KvAgent.cat", 3, 1));
+        });
         const std::string report = "QNTR 61303-C 182 AGT_ACCESS_CAT_FILE CatFile=KvAgent.cat SetId=0x00000003 MesId=";
-        EXPECT_EQ(report + "0x000fffff\n", packets[1].body.message.text);
-        EXPECT_EQ(report + "0x00000001\n", packets[2].body.message.text);
-        PXR_trace_term();
+        EXPECT_THAT(lines, testing::ElementsAre(testing::EndsWith(report + "0x000fffff\n"),
+                                                testing::EndsWith(report + "0x00000001\n")));
     });
 }
 
