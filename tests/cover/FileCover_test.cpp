@@ -4,16 +4,16 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <memory>
+#include <map>
 #include <thread>
 
 #include "cover/ErrorCover.h"
+#include "simulator/MachineRoot.h"
 #include "tests/support/CancelledThread.h"
 #include "tests/support/TempDirectory.h"
 
@@ -22,11 +22,10 @@ namespace {
 namespace fs = std::filesystem;
 
 std::string FullPath(const std::string& path) {
-    struct Freed {
-        void operator()(char* text) const { free(text); }
-    };
-    const std::unique_ptr<char, Freed> full(_fullpath(nullptr, path.c_str(), 0));
-    return full != nullptr ? full.get() : "(failed)";
+    char* const full = _fullpath(nullptr, path.c_str(), 0);
+    const std::string copy = full != nullptr ? full : "(failed)";
+    free(full);
+    return copy;
 }
 
 TEST(FullPath, IsCanonical) {
@@ -88,27 +87,20 @@ TEST(Copy, KeepsContentAndMode) {
 TEST(Copy, LeavesNothingWhenThereIsNoRoom) {
     const TempDirectory directory;
     const std::string source = directory.AddFile("source", std::string(4'000'000, 'c'));
-    struct Case {
-        decltype(RLIMIT_FSIZE) resource;
-        int error;
-    };
-    for (const Case& c : {
-             Case{RLIMIT_FSIZE, EFBIG},
+    std::map<decltype(RLIMIT_FSIZE), int> limits = {{RLIMIT_FSIZE, EFBIG}};
 #ifndef __SANITIZE_ADDRESS__  // the sanitizer itself needs the address space
-             Case{RLIMIT_AS, ENOMEM},
+    limits[RLIMIT_AS] = ENOMEM;
 #endif
-         }) {
+    for (const auto& [resource, error] : limits) {
         const pid_t child = fork();
         if (child == 0) {
             signal(SIGXFSZ, SIG_IGN);
             const rlimit small = {4096, 4096};
-            setrlimit(c.resource, &small);
+            setrlimit(resource, &small);
             const bool failed = CreateCopyFile(source.c_str(), directory.Path("copy").c_str(), 0) == 0;
-            _exit(failed && GetRecentErrno() == c.error ? 0 : 1);
+            _exit(failed && GetRecentErrno() == error ? 0 : 1);
         }
-        int status = 0;
-        waitpid(child, &status, 0);
-        EXPECT_EQ(0, status) << c.error;
+        EXPECT_EQ(0, WaitForExit(child)) << error;
         EXPECT_FALSE(directory.Exists("copy"));
     }
 }

@@ -16,6 +16,7 @@
 #include "cover/ErrorCover.h"
 #include "cover/SignalCover.h"
 #include "cover/TimerCover.h"
+#include "simulator/MachineRoot.h"
 #include "tests/support/CancelledThread.h"
 #include "tests/support/RecordingClock.h"
 #include "tests/support/TempDirectory.h"
@@ -83,12 +84,9 @@ bool IsFree(_FLKHANDLE* handle) {
 
 TEST_F(FileLock, FileIsMadeWithItsDirectories) {
     const mode_t before = umask(027);
-    const Lock lock = Open();
+    EXPECT_NE(nullptr, Open());
     umask(before);
-    ASSERT_NE(nullptr, lock);
-    struct stat status = {};
-    ASSERT_EQ(0, stat(directory.Path("tmp/deep/lock").c_str(), &status));
-    EXPECT_EQ(0640U, status.st_mode & 0777U);
+    EXPECT_EQ(std::filesystem::perms{0640}, std::filesystem::status(directory.Path("tmp/deep/lock")).permissions());
     EXPECT_EQ(nullptr, OpenFLock((directory.Path("tmp/deep/lock") + "/below").c_str()));
     EXPECT_EQ(nullptr, OpenFLock(nullptr));
 }
@@ -114,12 +112,10 @@ TEST_F(FileLock, EndlessWaitGetsItWhenTheHolderIsKilled) {
     const Lock lock = Open();
     std::atomic<bool> taken = false;
     std::thread waiter([&] {
-        EXPECT_EQ(1, LockFLock(lock.get(), kInfinite));
-        taken = true;
+        taken = TakeForEver(lock.get());
         EXPECT_EQ(1, UnlockFLock(lock.get()));
     });
-    for (int i = 0; i < 5; ++i)
-        Sleep(1);
+    Sleep(5);
     EXPECT_FALSE(taken);
     KillProcess();
     waiter.join();
@@ -145,16 +141,11 @@ TEST_F(FileLock, CancelledWaiterLeavesNothingLocked) {
 #endif
     StartProcess(TakeForEver);
     const Lock lock = Open();
-    pthread_t waiter = {};
-    const auto wait = [](void* handle) -> void* {
-        LockFLock(static_cast<_FLKHANDLE*>(handle), kInfinite);
-        return nullptr;
-    };
-    ASSERT_EQ(0, pthread_create(&waiter, nullptr, wait, lock.get()));
-    pthread_cancel(waiter);
-    void* result = nullptr;
-    pthread_join(waiter, &result);
-    EXPECT_EQ(PTHREAD_CANCELED, result);
+    bool taken = false;
+    std::thread waiter([&] { taken = LockFLock(lock.get(), kInfinite) == 1; });
+    pthread_cancel(waiter.native_handle());
+    waiter.join();
+    EXPECT_FALSE(taken);
     KillProcess();
     EXPECT_TRUE(IsFree(lock.get()));
     EXPECT_FALSE(FinishesWhenCancelled([&] { LockFLock(lock.get(), 1000); })) << "pauses after a first try";
@@ -178,9 +169,7 @@ TEST_F(FileLock, PendingSignalEndsALongWait) {
         const bool taken = LockFLock(lock.get(), 5000) == 1;
         _exit(leftToTheHost && begun && hostsOwn && shortGoesOn && longEnds && taken ? 0 : 1);
     }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(0, status);
+    EXPECT_EQ(0, WaitForExit(child));
 }
 
 TEST_F(FileLock, RefusesWhatIsNoLock) {
