@@ -20,13 +20,11 @@ public:
     std::vector<int> Priorities();
 
 private:
-    void Serve();
-    void Settle();
+    void TakeAll();
 
     int socket_ = -1;
     std::thread thread_;
     std::mutex mutex_;  // guards what is below
     std::vector<std::string> lines_;
     std::vector<int> priorities_;
-    size_t settled_ = 0;
 };
