@@ -4,11 +4,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <vector>
 
-#include "cover/TimerCover.h"
 #include "lib_driverIF/KvLibIpmi.h"
+#include "tests/support/RecordingClock.h"
 
 namespace {
 
@@ -24,23 +23,6 @@ int WriteNothing(uint16_t /*reg*/, uint8_t /*value*/) {
     return 0;
 }
 constexpr IpmiRegisterTable kInput = {WriteNothing, ReadNext};
-
-class FreeClock : public TimerClock {
-public:
-    uint64_t Now() override { return now_; }
-    int SleepFor(uint64_t microseconds) override {
-        now_ += std::max<uint64_t>(microseconds, 1);
-        return 0;
-    }
-    bool WaitUntil(std::condition_variable& /*wake*/, std::unique_lock<std::mutex>& /*lock*/,
-                   uint64_t deadline) override {
-        now_ = std::max(now_, deadline);
-        return false;
-    }
-
-private:
-    uint64_t now_ = 0;
-};
 
 void Require(bool holds, const char* what) {
     if (holds) return;
@@ -94,8 +76,8 @@ void Bridge(const uint8_t* data, uint32_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static FreeClock clock;
-    SetTimerClock(&clock);
+    static RecordingClock clock;
+    clock.pauses.clear();
     if (size == 0) return 0;
     const uint8_t choice = data[0];
     g_next = data + 1;

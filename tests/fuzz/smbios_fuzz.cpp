@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
-#include <string>
 
 #include "lib_driverIF/KvLibSmbios.h"
 #include "lib_driverIF/KvPltfSvcSmbiosMain.h"
