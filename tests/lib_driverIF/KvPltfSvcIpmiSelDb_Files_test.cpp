@@ -17,29 +17,38 @@ using testing::IsEmpty;
 using testing::SizeIs;
 using testing::StartsWith;
 
-class SelDbFiles : public SelMachine {};
+using namespace std::string_literals;
+
+class SelDbFiles : public SelMachine {
+public:
+    static void Remove(const char* name) { std::filesystem::remove(Path(name)); }
+    /// It can be opened to read, but that is all.
+    static void ReplaceByDirectory(const char* name) {
+        Remove(name);
+        std::filesystem::create_directory(Path(name));
+    }
+    /// It cannot be opened.
+    static void ReplaceByLoop(const char* name) {
+        Remove(name);
+        std::filesystem::create_symlink(name, Path(name));
+    }
+};
 
 TEST_F(SelDbFiles, TheTextLogIsARing) {
     constexpr size_t kFull = 5 + 0x2800 * 38;
-    struct Case {
-        std::string header;
-        unsigned events;
-        std::string after;
-        std::vector<unsigned> lines;
-    };
-    Run([&] {
+    Run([this] {
         StartWith(0);
         for (const auto& [header, events, after, lines] : {
-                 Case{"27FF\n", 1, "0000\n", {0x27FF}},
-                 Case{"27FE\n", 3, "0001\n", {0x27FE, 0x27FF, 0}},
-                 Case{"00FF\n", 2, "0101\n", {0x00FF, 0x0100}},
-                 Case{"2800\n", 1, "0001\n", {0}},
-                 Case{"FFFF\n", 1, "0001\n", {0}},
-                 Case{"00g0\n", 1, "0001\n", {0}},
-                 Case{"00f0\n", 1, "0001\n", {0}},
-                 Case{"0100:", 1, "0001\n", {0}},
-                 Case{"00", 1, "0001\n", {0}},
-                 Case{std::string(5, '\0'), 1, "0001\n", {0}},
+                 std::tuple{"27FF\n"s, 1U, "0000\n", Numbers{0x27FF}},
+                 {"27FE\n"s, 3U, "0001\n", {0x27FE, 0x27FF, 0}},
+                 {"00FF\n"s, 2U, "0101\n", {0x00FF, 0x0100}},
+                 {"2800\n"s, 1U, "0001\n", {0}},
+                 {"FFFF\n"s, 1U, "0001\n", {0}},
+                 {"00g0\n"s, 1U, "0001\n", {0}},
+                 {"00f0\n"s, 1U, "0001\n", {0}},
+                 {"0100:"s, 1U, "0001\n", {0}},
+                 {"00"s, 1U, "0001\n", {0}},
+                 {"\0\0\0\0\0"s, 1U, "0001\n", {0}},
              }) {
             std::string ring = header;
             if (header.size() == 5) ring.resize(kFull, '.');
@@ -56,8 +65,7 @@ TEST_F(SelDbFiles, TheTextLogIsARing) {
                 EXPECT_EQ('\n', content.at(5 + line * 38 + 37));
             }
         }
-        std::filesystem::remove(Path(kRing));
-        std::filesystem::create_directory(Path(kRing));
+        ReplaceByDirectory(kRing);
         Log(1);
         EXPECT_THAT(Poll(), SizeIs(1)) << "a log that cannot be written keeps nothing back";
     });
@@ -67,33 +75,17 @@ TEST_F(SelDbFiles, ADatabaseThatFailsIsToldOnceAndKeepsNothingBack) {
     const struct {
         const char* what;
         std::function<void()> damage;
-        bool mended = true;  // by the next entry
-        unsigned known = 3;  // of the three old entries
+        bool mended;     // by the next entry
+        unsigned known;  // of the three old entries
     } cases[] = {
         {"cut short", [] { truncate(Path(kDb).c_str(), 2 * 16 + 3); }, true, 1},
         {"empty", [] { Write(kDb, ""); }, true, 0},
-        {"an id out of its place",
-         [&] {
-             std::string misplaced = Read(kDb);
-             misplaced[2 * 16] = 8;
-             Write(kDb, misplaced);
-         },
-         true, 2},
-        {"cannot be read",
-         [] {
-             std::filesystem::remove(Path(kDb));
-             std::filesystem::create_directory(Path(kDb));
-         },
-         false, 0},
-        {"cannot be opened",
-         [] {
-             std::filesystem::remove(Path(kDb));
-             std::filesystem::create_symlink(kDb, Path(kDb));
-         },
-         false, 0},
+        {"an id out of its place", [] { Write(kDb, Read(kDb).replace(2 * 16, 1, "\x08")); }, true, 2},
+        {"cannot be read", [] { ReplaceByDirectory(kDb); }, false, 0},
+        {"cannot be opened", [] { ReplaceByLoop(kDb); }, false, 0},
     };
     for (const auto& [what, damage, mended, known] : cases) {
-        Run([&, what = what, mended = mended, known = known] {
+        Run([&] {
             unsigned long count = 0;
             KVDF_ALERT* alerts = nullptr;
             StartWith(3);
@@ -150,24 +142,22 @@ TEST_F(SelDbFiles, TheAlertOfAFailedDatabaseJoinsTheOthers) {
     unsetenv("LANG");
 }
 
-TEST_F(SelDbFiles, ADatabaseThatIsGoneIsMadeAnewFromWhatWasTaken) {
-    Run([this] {
-        StartWith(3);
-        std::filesystem::remove(Path(kDb));
-        Log(2);
-        Start();
-        EXPECT_THAT(Poll(), ElementsAre(4, 5)) << "logged while nobody polled";
-        EXPECT_EQ(1U, NumberOf(ReadDb(1)));
-        EXPECT_EQ(5U, NumberOf(ReadDb(5)));
-        std::filesystem::remove(Path(kDb));
-        ClearAndLog(2);
-        Start();
-        EXPECT_THAT(Poll(), ElementsAre(6, 7));
-        EXPECT_EQ(kSelDbGood, g_eSelDbFileStat);
-    });
+TEST_ON_MACHINE(SelDbFiles, ADatabaseThatIsGoneIsMadeAnewFromWhatWasTaken) {
+    StartWith(3);
+    Remove(kDb);
+    Log(2);
+    Start();
+    EXPECT_THAT(Poll(), ElementsAre(4, 5)) << "logged while nobody polled";
+    EXPECT_EQ(1U, NumberOf(ReadDb(1)));
+    EXPECT_EQ(5U, NumberOf(ReadDb(5)));
+    Remove(kDb);
+    ClearAndLog(2);
+    Start();
+    EXPECT_THAT(Poll(), ElementsAre(6, 7));
+    EXPECT_EQ(kSelDbGood, g_eSelDbFileStat);
 }
 
-TEST_F(SelDbFiles, AFullDisk) {
+TEST_F(SelDbFiles, AFullDiskOrAFolderThatCannotBeWrittenKeepsNothingBack) {
     Run([this] {
         StartWith(3);
         const std::string inf = Read(kInf);
@@ -185,6 +175,15 @@ TEST_F(SelDbFiles, AFullDisk) {
         EXPECT_EQ(5U, NumberOf(ReadDb(5))) << "the entries too";
         Start();
         EXPECT_THAT(Poll(), IsEmpty());
+
+        ASSERT_EQ(0, mount("sel", kFolder, "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr));
+        Log(2);
+        EXPECT_THAT(Poll(), ElementsAre(6, 7));
+        EXPECT_EQ(kSelDbFailed, g_eSelDbFileStat);
+        ASSERT_EQ(0, mount("sel", kFolder, "tmpfs", MS_REMOUNT, nullptr));
+        Log(1);
+        EXPECT_THAT(Poll(), ElementsAre(8));
+        EXPECT_EQ(8, ReadInf().selCount);
     });
     Run([this] {
         const FullDisk full;
@@ -195,30 +194,13 @@ TEST_F(SelDbFiles, AFullDisk) {
     });
 }
 
-TEST_F(SelDbFiles, ADirectoryThatCannotBeWritten) {
-    Run([this] {
-        StartWith(3);
-        ASSERT_EQ(0, mount("sel", kFolder, "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr));
-        Log(2);
-        EXPECT_THAT(Poll(), ElementsAre(4, 5));
-        EXPECT_EQ(kSelDbFailed, g_eSelDbFileStat);
-        ASSERT_EQ(0, mount("sel", kFolder, "tmpfs", MS_REMOUNT, nullptr));
-        Log(1);
-        EXPECT_THAT(Poll(), ElementsAre(6));
-        EXPECT_EQ(6, ReadInf().selCount);
-    });
-}
-
 TEST_F(SelDbFiles, TheStateIsTakenOverForTheSameDeviceOnly) {
     const auto record = [](uint8_t address, uint8_t lun, uint8_t id, uint8_t version, uint8_t type, uint8_t count) {
         const uint8_t bytes[16] = {address, lun, id, 0, version, type, 1, 0, count, 0, count, 0, 9, 9, 9, 9};
         return std::string(reinterpret_cast<const char*>(bytes), sizeof bytes);
     };
     const std::string own = record(0x20, 0, 0x0A, 0x51, 0x12, 3);
-    const struct {
-        std::string inf;
-        unsigned count;
-    } cases[] = {
+    const std::pair<std::string, unsigned> cases[] = {
         {own, 3},
         {record(0x22, 0, 0x0A, 0x51, 0x12, 3), 0},
         {record(0x20, 1, 0x0A, 0x51, 0x12, 3), 0},
@@ -241,12 +223,9 @@ TEST_F(SelDbFiles, TheStateIsTakenOverForTheSameDeviceOnly) {
         EXPECT_THAT(Poll(), IsEmpty()) << "met for the first time";
         EXPECT_EQ(5, ReadInf().selCount);
 
-        std::filesystem::remove(Path(kInf));
-        EXPECT_EQ(0U, Start());
-        std::filesystem::create_directory(Path(kInf));
+        ReplaceByDirectory(kInf);
         EXPECT_EQ(0x605CB302U, Start(true, 2)) << "the other device is loaded all the same";
-        std::filesystem::remove(Path(kInf));
-        std::filesystem::create_symlink(kInf, Path(kInf));
+        ReplaceByLoop(kInf);
         EXPECT_EQ(0x605CB301U, Start());
     });
 }
@@ -255,13 +234,10 @@ TEST_F(SelDbFiles, ReplacedHardwareStartsAnew) {
     SetProduct("Tessark R2");
     root.AddFile("/opt/velmora/lantrel/rc/HWCheck",
                  "echo 00:11:22:33:44:55 > /var/opt/velmora/lantrel/dat/HWCheckList.dat\n");
-    SimulatedMachine::Run([this] {  // the files stay
-        StartWith(3);
-        EXPECT_EQ(3, ReadInf().selCount);
-    });
+    SimulatedMachine::Run([this] { StartWith(3); });  // the files stay
     SimulatedMachine::Run([this] { EXPECT_EQ(0U, Start()) << "the same hardware"; });
     root.AddFile("/var/opt/velmora/lantrel/dat/HWList.dat", "66:77:88:99:aa:bb\n");
-    SimulatedMachine::Run([this] {  // the files stay
+    SimulatedMachine::Run([this] {
         EXPECT_EQ(0x605CB11DU, Start());
         Log(5);
         EXPECT_THAT(Poll(), IsEmpty());

@@ -6,6 +6,7 @@
 #include <sys/mount.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -124,8 +125,20 @@ public:
         return entry;
     }
 
-    uint32_t result = 0;  ///< of the last poll
+    std::atomic<uint32_t> result = 0;  ///< of the last poll
 
 private:
     unsigned logged_ = 0;
 };
+
+/// A test all of which runs on a machine as the fixture makes it; its body is a member of the fixture.
+#define TEST_ON_MACHINE(Fixture, name)                                                                                 \
+    struct name : Fixture {                                                                                            \
+        void OnMachine();                                                                                              \
+        void TestBody() override {                                                                                     \
+            Run([this] { OnMachine(); });                                                                              \
+        }                                                                                                              \
+    };                                                                                                                 \
+    testing::TestInfo* const name##Test = testing::RegisterTest(#Fixture, #name, nullptr, nullptr, __FILE__, __LINE__, \
+                                                                []() -> Fixture* { return new name; });                \
+    void name::OnMachine()
