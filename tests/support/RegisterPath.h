@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <thread>
+#include <vector>
 
 #include "lib_driverIF/KvLibIpmi.h"
 #include "simulator/SimulatedServer.h"
@@ -27,6 +28,8 @@ public:
 
 class RegisterPathTest : public testing::Test {
 public:
+    using Bytes = std::vector<uint8_t>;
+
     static constexpr uint16_t kKcsData = 0xCA2;
     static constexpr uint16_t kKcsStatus = 0xCA3;
     static constexpr uint16_t kSmicControl = 0xCAA;
@@ -41,17 +44,57 @@ public:
     }
 
     /// Lets a command be answered with so many bytes 0, 1, 2 ..., the completion code included.
-    void AnswerWith(uint8_t command, size_t length) {
-        server.OnCommand(sim::netfn::kApp, command, [length](const sim::Request&, const auto&) {
-            sim::Response response;
-            for (size_t i = 1; i < length; ++i)
-                response.data.push_back(static_cast<uint8_t>(i));
-            return response;
+    void AnswerWith(uint8_t command, size_t bytes) {
+        server.OnCommand(sim::netfn::kApp, command, [bytes](const sim::Request&, const auto&) {
+            sim::Response answer;
+            for (size_t i = 1; i < bytes; ++i)
+                answer.data.push_back(static_cast<uint8_t>(i));
+            return answer;
         });
+    }
+
+    /// A request and its response on the interface that is in use.
+    int Write(Bytes request = {0x18, 0x01, 0xAA, 0xBB}) {
+        return IPMI_WRITE.load()(request.data(), static_cast<uint32_t>(request.size()), &status);
+    }
+    int Read(uint32_t capacity = kIpmiMaxMessage) {
+        response.assign(capacity + kBehind.size(), 0xEE);
+        length = capacity;
+        const int result = IPMI_READ.load()(response.data(), &length, &status);
+        EXPECT_EQ(kBehind, Bytes(response.end() - 4, response.end())) << "written behind the capacity";
+        return result;
+    }
+    Bytes Head(size_t bytes) { return {response.begin(), response.begin() + static_cast<ptrdiff_t>(bytes)}; }
+
+    /// What a call came to.
+    struct Called {
+        int result = 0;
+        uint8_t status = 0xEE;
+        uint32_t length = 0;
+        Bytes response;
+    };
+    /// Sends a request to a controller as the services do: Get Device ID.
+    static Called Call(uint8_t target, uint32_t capacity = 64, Bytes request = {0x18, 0x01}) {
+        Called called;
+        called.response.assign(capacity + kBehind.size(), 0xEE);
+        KvIpmiExecBlock block = {
+            called.status,          target, 0, static_cast<uint32_t>(request.size()), capacity, request.data(),
+            called.response.data(), 0};
+        called.result = ipmi_ioctl(IPMI_EXECCMD, reinterpret_cast<unsigned long>(&block));
+        called.status = block.status;
+        called.length = block.responseLength;
+        EXPECT_EQ(kBehind, Bytes(called.response.end() - 4, called.response.end())) << "written behind the capacity";
+        return called;
     }
 
     uint64_t SleptMs() { return clock.Slept() / 1000; }
 
     PolledClock clock;
     sim::SimulatedServer server{clock};
+    Bytes response;
+    uint32_t length = 0;
+    uint8_t status = 0xEE;
+
+private:
+    static inline const Bytes kBehind = Bytes(4, 0xEE);
 };
