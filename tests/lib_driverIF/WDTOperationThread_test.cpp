@@ -3,7 +3,6 @@
 #include "lib_driverIF/WDTOperationThread.h"
 
 #include <gmock/gmock.h>
-#include <pthread.h>
 
 #include <array>
 #include <cerrno>
@@ -12,10 +11,10 @@
 #include <stdexcept>
 #include <vector>
 
-#include "libplatform/PXR_trace.h"
 #include "simulator/SimulatedServer.h"
+#include "tests/support/CancelledThread.h"
 #include "tests/support/InMachineRoot.h"
-#include "tests/support/TraceListener.h"
+#include "tests/support/Tracing.h"
 
 namespace {
 
@@ -57,6 +56,7 @@ public:
         EXPECT_EQ(Bytes(4, 0xEE), Bytes(response.end() - 4, response.end())) << "written behind the capacity";
         return result;
     }
+    void Silence() { server.GetBmc().Silence(sim::netfn::kApp, 0x01); }
     void Delay(std::chrono::milliseconds delay) { server.GetBmc().Delay(sim::netfn::kApp, 0x01, delay); }
 
     static OperationThreadTest* self;
@@ -103,38 +103,33 @@ TEST_F(OperationThreadTest, RefusesBadArguments) {
     uint8_t bytes[300] = {};
     uint16_t room = 16;
     uint16_t none = 0;
-    struct Case {
-        uint16_t dataLength;
-        const uint8_t* data;
-        uint16_t* responseLength;
-        uint8_t* response;
+    const auto refused = [&](uint16_t size, const uint8_t* data, uint16_t* capacity, uint8_t* out) {
+        EXPECT_EQ(-1, path.IPMI_ExecCommand(0x01, 0x06, size, data, capacity, out));
     };
-    for (const Case& bad :
-         {Case{0, nullptr, nullptr, bytes}, Case{0, nullptr, &room, nullptr}, Case{0, nullptr, &none, bytes},
-          Case{1, nullptr, &room, bytes}, Case{273, bytes, &room, bytes}})
-        EXPECT_EQ(-1, path.IPMI_ExecCommand(0x01, 0x06, bad.dataLength, bad.data, bad.responseLength, bad.response));
+    refused(0, nullptr, nullptr, bytes);
+    refused(0, nullptr, &room, nullptr);
+    refused(0, nullptr, &none, bytes);
+    refused(1, nullptr, &room, bytes);
+    refused(273, bytes, &room, bytes);
     EXPECT_TRUE(messageIds.empty());
     EXPECT_EQ(16, room);
 }
 
 TEST_F(OperationThreadTest, SilentDeviceTakesHalfASecond) {
-    for (const bool poll : {true, false}) {
-        server.Kernel().SetPollSupported(poll);
-        server.GetBmc().Silence(sim::netfn::kApp, 0x01);
-        EXPECT_EQ(-1, Execute()) << poll;
-        EXPECT_EQ(500U, took) << poll;
-    }
-    // Poll answers at once whatever is there.
-    onWait = [] { return 1; };
-    server.GetBmc().Silence(sim::netfn::kApp, 0x01);
+    Silence();
     EXPECT_EQ(-1, Execute());
     EXPECT_EQ(500U, took);
-}
-
-TEST_F(OperationThreadTest, WithoutPollAnAnswerIsFoundAtTheNextTry) {
     server.Kernel().SetPollSupported(false);
+    Silence();
+    EXPECT_EQ(-1, Execute());
+    EXPECT_EQ(500U, took);
     Delay(450ms);
-    EXPECT_EQ(0, Execute());
+    EXPECT_EQ(0, Execute()) << "found at the next try";
+    EXPECT_EQ(500U, took);
+    // Poll answers at once whatever is there.
+    onWait = [] { return 1; };
+    Silence();
+    EXPECT_EQ(-1, Execute());
     EXPECT_EQ(500U, took);
 }
 
@@ -172,14 +167,11 @@ TEST_F(OperationThreadTest, DeviceThatNeverStopsTalkingIsGivenUp) {
     EXPECT_GE(1000U, receives);
 }
 
-TEST_F(OperationThreadTest, TruncatedAnswerCounts) {
+TEST_F(OperationThreadTest, TruncatedAnswerCountsAndAnEmptyOneIsAFailure) {
     EXPECT_EQ(0, Execute(3));
     EXPECT_EQ(3U, length);
     EXPECT_EQ(0x20, response[1]);
-}
-
-TEST_F(OperationThreadTest, EmptyAnswerIsAFailure) {
-    server.Kernel().PutBeforeNextAnswer({1, 1, 0x07, 0x01, {}, 0});
+    server.Kernel().PutBeforeNextAnswer({1, 2, 0x07, 0x01, {}, 0});
     EXPECT_EQ(-1, Execute());
     EXPECT_EQ(64U, length);
 }
@@ -195,7 +187,7 @@ TEST_F(OperationThreadTest, ReceiveIsTriedFiveTimes) {
 TEST_F(OperationThreadTest, IdsGoOnWhateverHappens) {
     server.Kernel().FailIoctl(sim::kIpmiSendCommand, EIO);
     EXPECT_EQ(-1, Execute());
-    server.GetBmc().Silence(sim::netfn::kApp, 0x01);
+    Silence();
     EXPECT_EQ(-1, Execute());
     onIoctl = [](unsigned long, void*) { throw std::runtime_error("fault"); };
     EXPECT_EQ(-1, Execute());
@@ -209,21 +201,10 @@ TEST_F(OperationThreadTest, CancelledThreadUnwindsThrough) {
     GTEST_SKIP() << "the sanitizer does not see a cancelled thread leave its frames";
 #endif
     onWait = [] {
-        pthread_cancel(pthread_self());
         pthread_testcancel();
         return 1;
     };
-    pthread_t thread = {};
-    ASSERT_EQ(0, pthread_create(
-                     &thread, nullptr,
-                     [](void*) -> void* {
-                         self->Execute();
-                         return nullptr;
-                     },
-                     nullptr));
-    void* result = nullptr;
-    ASSERT_EQ(0, pthread_join(thread, &result));
-    EXPECT_EQ(PTHREAD_CANCELED, result);
+    EXPECT_FALSE(FinishesWhenCancelled([this] { Execute(); }));
     onWait = {};
     EXPECT_EQ(0, Execute());
     EXPECT_EQ((std::vector<int32_t>{1, 2}), messageIds);
@@ -241,30 +222,11 @@ TEST_F(OperationThreadTest, OpenAndClose) {
     EXPECT_EQ(0, Execute());
 }
 
-TEST(OperationThreadTrace, SaysWhatFailed) {
-    RunInRoot(MakeTestRoot(), [] {
-        sim::ScopedVirtualClock clock;
-        sim::SimulatedServer server(clock);
-        KvSetDeviceOps(server.Ops());
-        TraceListener daemon;
-        ASSERT_EQ(0, PXR_trace_init());
-
-        CWDTOperationThread path;
-        uint8_t response[16];
-        uint16_t length = sizeof response;
-        server.FailOpen("/dev/ipmi0", ENODEV);
-        path.LOGG_IPMIInit();
-        path.LOGG_IPMIInit();
-        path.LOGG_IPMIInit();
-        path.IPMI_ExecCommand(1, 6, 0, nullptr, &length, nullptr);
-        server.Kernel().PutBeforeNextAnswer({1, 1, 0x07, 0x01, {}, 0});
-        path.IPMI_ExecCommand(1, 6, 0, nullptr, &length, response);
-        server.Kernel().FailIoctl(sim::kIpmiReceiveTrunc, EIO, 5);
-        path.IPMI_ExecCommand(1, 6, 0, nullptr, &length, response);
-
+TEST_F(OperationThreadTest, TraceSaysWhatFailed) {
+    RunInRoot(MakeTestRoot(), [this] {
         std::vector<std::string> expected = {
-            "Failed to IPMI open. The return value is -1 and error number is 19.",
             "Allready ipmi driver open.",
+            "Failed to IPMI open. The return value is -1 and error number is 19.",
             "Function input parameters are invalid.",
             "The length of the IPMI response data is 0.",
         };
@@ -274,18 +236,20 @@ TEST(OperationThreadTrace, SaysWhatFailed) {
             expected.push_back(std::string("Retrying to get the response from IPMI. Retry count is ") + count + ".");
         }
         expected.push_back(failed);
-
-        std::vector<std::string> traced;
-        for (const PXR_trace_packet& packet : daemon.WaitFor(expected.size() + 1)) {
-            if (packet.type != 2) continue;
-            EXPECT_EQ(0x2000U, packet.body.message.mask);
-            EXPECT_EQ(5U, packet.body.message.level);
-            traced.emplace_back(packet.body.message.text, packet.body.message.length);
-        }
-        EXPECT_EQ(expected, traced);
-        PXR_trace_term();
-        path.LOGG_IPMIClose();
-        KvSetDeviceOps(nullptr);
+        for (std::string& line : expected)
+            line.insert(0, "2000 5 1 ");
+        EXPECT_EQ(expected, Tracing().LinesOf([this] {
+            path.LOGG_IPMIInit();
+            path.LOGG_IPMIClose();
+            server.FailOpen("/dev/ipmi0", ENODEV);
+            path.LOGG_IPMIInit();
+            path.LOGG_IPMIInit();
+            path.IPMI_ExecCommand(1, 6, 0, nullptr, &length, nullptr);
+            server.Kernel().PutBeforeNextAnswer({1, 1, 0x07, 0x01, {}, 0});
+            Execute();
+            server.Kernel().FailIoctl(sim::kIpmiReceiveTrunc, EIO, 5);
+            Execute();
+        }));
     });
 }
 
