@@ -8,32 +8,24 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 
 #include "tests/support/InMachineRoot.h"
 
 namespace {
-
-std::string Content(const char* path) {
-    std::ostringstream out;
-    out << std::ifstream(path).rdbuf();
-    return out.str();
-}
 
 TEST(MachineRoot, HoldsItsOwnFilesAndTheKernelsOwnLists) {
     MachineRoot root = MakeTestRoot();
     root.AddFile("/etc/opt/velmora/lantrel/trace.cfg", "of this machine");
     root.ReplaceProc("/proc/ioports", "0000-001f : ours\n");
     RunInRoot(root, [] {
-        EXPECT_EQ("of this machine", Content("/etc/opt/velmora/lantrel/trace.cfg"));
-        EXPECT_EQ("0000-001f : ours\n", Content("/proc/ioports"));
-        EXPECT_NE(std::string::npos, Content("/proc/self/status").find("Pid:"));
-        EXPECT_EQ(0, std::system("echo ab | grep -q a && test \"$(echo ab | sed s/a/x/)\" = xb"));
+        EXPECT_EQ(0, std::system("grep -q 'of this machine' /etc/opt/velmora/lantrel/trace.cfg"));
+        EXPECT_EQ(0, std::system("test \"$(sed s/ours/x/ /proc/ioports)\" = '0000-001f : x'"));
+        EXPECT_EQ(0, access("/proc/self/status", R_OK)) << "the kernel's other files are there";
         EXPECT_EQ(0, access("/opt/velmora/lantrel/lib/libplatform.so.1.0.0", R_OK));
         std::ofstream("/var/opt/velmora/lantrel/log/made") << "inside";
     });
     EXPECT_EQ("inside", root.ReadFile("/var/opt/velmora/lantrel/log/made"));
-    EXPECT_NE("0000-001f : ours\n", Content("/proc/ioports"));
+    EXPECT_NE(0, std::system("grep -q ours /proc/ioports"));
 }
 
 TEST(MachineRoot, NothingLeaksOutAndNothingStays) {
