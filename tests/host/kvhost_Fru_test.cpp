@@ -1,7 +1,7 @@
 // "kvhost fru": what it makes of FRU images, sound ones and others.
 
 #include <numeric>
-#include <string>
+#include <tuple>
 
 #include "host/kvhost_FruImage.h"
 #include "simulator/FruStore.h"
@@ -62,20 +62,13 @@ TEST(FruImage, EveryAreaWithItsFields) {
 }
 
 TEST(FruImage, TextsInEveryCoding) {
-    struct Case {
-        const char* what;
-        uint8_t language;
-        Bytes field;  ///< type/length byte and what follows
-        const char* text;
-    };
-    for (const auto& [what, language, field, text] : {
-             Case{"no text", 25, {0x02, 0xAB, 0x01}, "ab 01"},
-             Case{"BCD plus", 25, {0x42, 0x21, 0xB3}, "123-"},
-             Case{"6-bit ASCII", 25, {0x83, 0x29, 0xDC, 0xA6}, "IPMI"},
-             Case{"Latin-1", 25, {0xC3, 'R', 0xE9, ' '}, "R\u00e9"},
-             Case{"two bytes a character", 0x11, {0xC4, 0x63, 0x6B, 0x38, 0x5E}, "\u6b63\u5e38"},
-             Case{"a control character", 0, {0xC2, 'a', 0x1B}, "a?"},
-         }) {
+    using Case = std::tuple<const char*, uint8_t, Bytes, const char*>;
+    for (const auto& [what, language, field, text] :
+         {Case{"no text", 25, {0x02, 0xAB, 0x01}, "ab 01"}, Case{"BCD plus", 25, {0x42, 0x21, 0xB3}, "123-"},
+          Case{"6-bit ASCII", 25, {0x83, 0x29, 0xDC, 0xA6}, "IPMI"},
+          Case{"Latin-1", 25, {0xC3, 'R', 0xE9, ' '}, "R\u00e9"},
+          Case{"two bytes a character", 0x11, {0xC4, 0x63, 0x6B, 0x38, 0x5E}, "\u6b63\u5e38"},
+          Case{"a control character", 0, {0xC2, 'a', 0x1B}, "a?"}}) {
         Bytes image = sim::FruImage{.product = {"12345678"}}.Encode();
         const size_t fields = 3;
         for (size_t i = 0; i < field.size(); ++i)
@@ -88,11 +81,7 @@ TEST(FruImage, TextsInEveryCoding) {
 
 TEST(FruImage, DamageIsTold) {
     const Bytes sound = WholeImage();
-    struct Case {
-        const char* problem;
-        size_t area;
-        Bytes image;
-    };
+    using Case = std::tuple<const char*, size_t, Bytes>;
     const auto with = [&](size_t position, uint8_t value) {
         Bytes image = sound;
         image[position] = value;
@@ -101,19 +90,15 @@ TEST(FruImage, DamageIsTold) {
     const auto cutTo = [&](size_t size) { return Bytes(sound.begin(), sound.begin() + static_cast<ptrdiff_t>(size)); };
     const size_t product = Begin(sound, 4);
     const size_t records = Begin(sound, 5);
-    for (const auto& [problem, area, image] : {
-             Case{"the image is too short for it", 0, cutTo(7)},
-             Case{"unknown format version", 0, Bytes(64, 0xFF)},
-             Case{"wrong checksum", 0, with(7, static_cast<uint8_t>(sound[7] + 1))},
-             Case{"lies outside of the image", 2, cutTo(product)},
-             Case{"ends behind the image", 2, cutTo(product + 20)},
-             Case{"unknown format version", 2, with(product, 0)},
-             Case{"wrong checksum", 2, with(product + 4, 'X')},
-             Case{"wrong checksum", 2, with(product + 1, 0)},
-             Case{"no record header where one should be", 3, with(records + 5 + 2, 0xC0)},
-             Case{"wrong checksum of a record", 3, with(records + 5, 9)},
-             Case{"a record ends behind the image", 3, cutTo(records + 6)},
-         }) {
+    for (const auto& [problem, area, image] :
+         {Case{"the image is too short for it", 0, cutTo(7)}, Case{"unknown format version", 0, Bytes(64, 0xFF)},
+          Case{"wrong checksum", 0, with(7, static_cast<uint8_t>(sound[7] + 1))},
+          Case{"lies outside of the image", 2, cutTo(product)}, Case{"ends behind the image", 2, cutTo(product + 20)},
+          Case{"unknown format version", 2, with(product, 0)}, Case{"wrong checksum", 2, with(product + 4, 'X')},
+          Case{"wrong checksum", 2, with(product + 1, 0)},
+          Case{"no record header where one should be", 3, with(records + 5 + 2, 0xC0)},
+          Case{"wrong checksum of a record", 3, with(records + 5, 9)},
+          Case{"a record ends behind the image", 3, cutTo(records + 6)}}) {
         const std::vector<FruArea> areas = DecodeFru(image);
         ASSERT_LT(area, areas.size()) << problem;
         EXPECT_EQ(problem, areas[area].problem);
@@ -136,12 +121,10 @@ TEST(FruImage, NoByteMakesTheDecoderLeaveTheImage) {
     }
 }
 
-class KvhostFru : public KvhostProgram {
-protected:
-    void SetUp() override { UseRackServer(); }
-};
+using KvhostFru = KvhostProgram;
 
 TEST_F(KvhostFru, ShowsTheUnitsOfAServer) {
+    UseRackServer();
     const json areas = Json("fru");
     ASSERT_EQ(5u, areas.size());
     EXPECT_EQ("product", areas[2]["area"]);
@@ -149,9 +132,6 @@ TEST_F(KvhostFru, ShowsTheUnitsOfAServer) {
     EXPECT_EQ("first own record", areas[4]["area"]);
     EXPECT_THAT(areas[4]["fields"], testing::Contains(json{{"field", "field 14"}, {"value", "02 00 5e 10 00 01"}}));
     EXPECT_THAT(Output("fru 1"), HasSubstr("product name   PS800 Platinum"));
-}
-
-TEST_F(KvhostFru, AUnitThatIsNotThereIsAnError) {
     const Outcome absent = Run("fru 9");
     EXPECT_EQ(1, absent.status);
     EXPECT_THAT(absent.output, StartsWith("kvhost: QNTR 6B2CB-C 3F6"));

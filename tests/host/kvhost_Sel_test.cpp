@@ -1,7 +1,6 @@
 // "kvhost sel" on a simulated server.
 
 #include <algorithm>
-#include <string>
 
 #include "tests/support/KvhostProgram.h"
 

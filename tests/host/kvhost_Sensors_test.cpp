@@ -22,11 +22,10 @@ TEST_F(KvhostSensors, ShowsEverySensorWithItsReading) {
 }
 
 TEST_F(KvhostSensors, ShowsTheRecordsAsTheyAreKept) {
-    const json records = Json("sensors --packed");
-    ASSERT_GT(records.size(), 40U);
-    EXPECT_EQ("full", records[0]["kind"]);
-    EXPECT_EQ("55.1", records[0]["entity"]);
-    EXPECT_EQ(29U, records[0]["conversion"].get<std::string>().size());
+    const json record = Json("sensors --packed")[0];
+    EXPECT_EQ("full", record["kind"]);
+    EXPECT_EQ("55.1", record["entity"]);
+    EXPECT_EQ(29U, record["conversion"].get<std::string>().size());
 }
 
 TEST_F(KvhostSensors, AMachineWithoutSensorsSaysSo) {

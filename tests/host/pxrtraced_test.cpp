@@ -1,7 +1,5 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -11,8 +9,6 @@
 #include <ctime>
 #include <filesystem>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "libplatform/PXR_proc.h"
 #include "libplatform/trace_protocol.h"
@@ -51,13 +47,7 @@ protected:
         return argv;
     }
     pid_t Launch(const std::vector<std::string>& arguments) {
-        return root_.Start([&] {
-            std::vector<char*> argv{const_cast<char*>(kProgram)};
-            for (const auto& argument : arguments)
-                argv.push_back(const_cast<char*>(argument.c_str()));
-            argv.push_back(nullptr);
-            return execv(kProgram, argv.data());
-        });
+        return root_.Start([&] { return execv(kProgram, Argv(arguments).data()); });
     }
     void Start(const std::vector<std::string>& arguments = {}) {
         pid_ = Launch(arguments);
@@ -252,9 +242,7 @@ TEST_F(Pxrtraced, TakesOverASocketThatADeadDaemonLeft) {
     EXPECT_EQ(256 + SIGKILL, Stop(SIGKILL));
     EXPECT_TRUE(std::filesystem::exists(root_.Outside(PXR_TRACE_SOCKET)));
     Start();
-    struct stat status {};
-    EXPECT_EQ(0, stat(root_.Outside(PXR_TRACE_SOCKET).c_str(), &status));
-    EXPECT_EQ(0600U, status.st_mode & 07777U);
+    EXPECT_EQ(std::filesystem::perms{0600}, std::filesystem::status(root_.Outside(PXR_TRACE_SOCKET)).permissions());
     EXPECT_EQ(1, WaitForExit(Launch({}))) << "a second daemon";
     EXPECT_EQ(1, WaitForExit(Launch({"--socket", "/no/such/place"})));
     LogAfter(Connect());
@@ -275,8 +263,7 @@ TEST_F(Pxrtraced, ManyClientsComeAndGo) {
 
 // The runtime starts its companion commands without arguments and waits for them.
 TEST_F(Pxrtraced, GoesIntoTheBackgroundForItsUsers) {
-    const std::vector<std::vector<std::string>> ways = {{}, {"--daemon"}};
-    for (const auto& arguments : ways) {
+    for (const auto& arguments : std::vector<std::vector<std::string>>{{}, {"--daemon"}}) {
         RunInRoot(root_, [&] { ASSERT_EQ(0, PXR_exec_command(nullptr, 0, kProgram, Argv(arguments).data())); });
         Send(Connect(), PXR_trace_packet{});  // the daemon's remark tells its process id
         const std::string remark = LogUntil("connection closed").back();
