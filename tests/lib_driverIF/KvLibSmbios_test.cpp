@@ -13,17 +13,14 @@
 #include <numeric>
 #include <random>
 #include <span>
-#include <string>
-#include <utility>
-#include <vector>
+#include <tuple>
 
 #include "cover/DeviceCover.h"
 #include "libplatform/PXR_message.h"
-#include "libplatform/PXR_trace.h"
 #include "simulator/SmbiosImage.h"
 #include "tests/support/InMachineRoot.h"
 #include "tests/support/SimulatedMemory.h"
-#include "tests/support/TraceListener.h"
+#include "tests/support/Tracing.h"
 
 namespace {
 
@@ -31,6 +28,7 @@ using sim::Bytes;
 using sim::SmbiosImage;
 using sim::SmbiosStructure;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 
 constexpr uint32_t kSegment = 0xF0000;
@@ -106,11 +104,11 @@ SmbiosImage Server() {
 TEST_F(Smbios, AnswersByIndexInHandleOrder) {
     ASSERT_EQ(0, Init(Server()));
     EXPECT_EQ(8U, CountOf(17));
-    for (uint16_t i = 1; i <= 8; ++i) {
-        const Bytes expected = SmbiosStructure(17, static_cast<uint16_t>(0x1100 + i - 1), 0x1C)
-                                   .String(0x10, "DIMM" + std::to_string(i - 1))
-                                   .Encode();
-        EXPECT_EQ(Bytes(expected.begin(), expected.end() - 1), Structure(17, i)) << "up to the last string's NUL";
+    for (int i = 0; i < 8; ++i) {
+        const auto handle = static_cast<uint16_t>(0x1100 + i);
+        Bytes expected = SmbiosStructure(17, handle, 0x1C).String(0x10, "DIMM" + std::to_string(i)).Encode();
+        expected.pop_back();
+        EXPECT_EQ(expected, Structure(17, static_cast<uint16_t>(i + 1))) << "up to the last string's NUL";
     }
     EXPECT_EQ(SMBIOS_STATUS_INDEX, Table(SMBIOS_TABLE_BY_INDEX, 17, 9, 100).status);
     EXPECT_EQ(SMBIOS_STATUS_TYPE, Table(SMBIOS_TABLE_BY_INDEX, 200, 0, 4).status);
@@ -122,22 +120,17 @@ TEST_F(Smbios, AnswersByIndexInHandleOrder) {
 
 TEST_F(Smbios, CutsToTheBufferAndTellsTheSize) {
     ASSERT_EQ(0, Init(Server()));
-    const Reply cut = Table(SMBIOS_TABLE_BY_INDEX, 17, 3, 5);
-    EXPECT_EQ((Bytes{17, 0x1C, 2, 0x11, 0}), cut.buffer);
-    EXPECT_EQ(0x1CU + 6, cut.size);
+    for (const auto& [mode, which] : {std::pair(SMBIOS_TABLE_BY_INDEX, 6), std::pair(SMBIOS_TABLE_BY_HANDLE, 0x1105)}) {
+        const Reply cut = Table(mode, 17, static_cast<uint16_t>(which), 5);
+        EXPECT_EQ((Bytes{17, 0x1C, 5, 0x11, 0}), cut.buffer);
+        EXPECT_EQ(0x1CU + 6, cut.size);
+    }
+    EXPECT_EQ(SMBIOS_STATUS_INDEX, Table(SMBIOS_TABLE_BY_HANDLE, 17, 0x2000, 100).status);
+    EXPECT_EQ(SMBIOS_STATUS_TYPE, Table(SMBIOS_TABLE_BY_HANDLE, 2, 0x2000, 100).status);
     smbios_gettable_block null = {0, SMBIOS_TABLE_BY_INDEX, 17, 1, 0, nullptr, 10, 0};
     EXPECT_EQ(-22, smbios_ioctl(SMBIOS_GETTABLE, &null));
     EXPECT_EQ(-22, smbios_ioctl(SMBIOS_GETTABLE, nullptr));
     EXPECT_EQ(-22, smbios_ioctl(3, &null));
-}
-
-TEST_F(Smbios, AnswersByHandle) {
-    ASSERT_EQ(0, Init(Server()));
-    const Reply found = Table(SMBIOS_TABLE_BY_HANDLE, 17, 0x1105, 100);
-    EXPECT_EQ(0, found.status);
-    EXPECT_EQ(0x1105, sb_u16(found.buffer, 2));
-    EXPECT_EQ(SMBIOS_STATUS_INDEX, Table(SMBIOS_TABLE_BY_HANDLE, 17, 0x2000, 100).status);
-    EXPECT_EQ(SMBIOS_STATUS_TYPE, Table(SMBIOS_TABLE_BY_HANDLE, 2, 0x2000, 100).status);
 }
 
 TEST_F(Smbios, FillsSlots) {
@@ -224,22 +217,19 @@ TEST_F(Smbios, FindsTheEntryPointWhereverItLies) {
 TEST_F(Smbios, SkipsEntryPointsThatAreNone) {
     const SmbiosImage image = Server();
     const Bytes good = image.EntryPoint();
-    struct Case {
-        const char* what;
-        size_t at;
-        uint8_t value;
-    };
-    for (const Case& c : {Case{"checksum", 4, static_cast<uint8_t>(good[4] + 1)},
-                          Case{"intermediate checksum", 21, static_cast<uint8_t>(good[21] + 1)},
-                          Case{"intermediate anchor", 16, '-'}, Case{"length beyond the segment", 5, 0xFF}}) {
+    using Case = std::tuple<const char*, size_t, uint8_t>;
+    for (const auto& [what, at, value] :
+         {Case{"checksum", 4, static_cast<uint8_t>(good[4] + 1)},
+          Case{"intermediate checksum", 21, static_cast<uint8_t>(good[21] + 1)}, Case{"intermediate anchor", 16, '-'},
+          Case{"length beyond the segment", 5, 0xFF}}) {
         Bytes bad = good;
-        bad[c.at] = c.value;
+        bad[at] = value;
         memory.ClearMemory();
         memory.AddMemory(kSegment + 0xFF00, bad);
-        EXPECT_EQ(-6, Init_SmbiosIF()) << c.what;
+        EXPECT_EQ(-6, Init_SmbiosIF()) << what;
         memory.AddMemory(kHighTable, image.Table());
         memory.AddMemory(kSegment + 0xFF20, good);
-        EXPECT_EQ(0, Init_SmbiosIF()) << c.what << ", and a good one behind it";
+        EXPECT_EQ(0, Init_SmbiosIF()) << what << ", and a good one behind it";
         Terminate_SmbiosIF();
     }
     Bytes overlapping = {'_', 'S', 'M'};
@@ -250,25 +240,10 @@ TEST_F(Smbios, SkipsEntryPointsThatAreNone) {
 }
 
 TEST(SmbiosSearch, ComparesKernelsByNumber) {
-    for (const auto& [release, modern] : {std::pair<const char*, bool>{"2.4.37", false},
-                                          {"2.5", false},
-                                          {"2.6", true},
-                                          {"2.6.18-8.el5", true},
-                                          {"2.10.1", true},
-                                          {"10.0", true},
-                                          {"6.1.0-13-amd64", true},
-                                          {"1.9", false},
-                                          {"2", false},
-                                          {"", true}}) {
-        EXPECT_EQ(modern, sb_is_kernel26(release)) << release;
-    }
-}
-
-TEST(SmbiosSearch, ParameterNamesAreExact) {
-    char text[] = "ACPI=0x1\nSMBIOS3=0xf05b0\nXSMBIOS=1\nSMBIOS=0xf0\nSMBIOS=2";
-    EXPECT_STREQ("0xf0", GetParameter(text, "SMBIOS", "="));
-    char other[] = "SMBIOS3=0xf05b0\nSMBIOS\n";
-    EXPECT_EQ(nullptr, GetParameter(other, "SMBIOS", "="));
+    for (const char* const modern : {"2.6", "2.6.18-8.el5", "2.10.1", "10.0", "6.1.0-13-amd64", ""})
+        EXPECT_TRUE(sb_is_kernel26(modern)) << modern;
+    for (const char* const old : {"2.4.37", "2.5", "1.9", "2"})
+        EXPECT_FALSE(sb_is_kernel26(old)) << old;
 }
 
 /// Runs body in a machine whose /sys is empty, and its own.
@@ -286,13 +261,9 @@ void WriteSysfs(const std::filesystem::path& name, const std::string& content) {
 }
 
 TEST(SmbiosSearch, TakesTheAddressOfTheSystemTable) {
-    struct Case {
-        const char* table;
-        uint32_t address;
-        const char* complaint;
-    };
+    using Case = std::tuple<const char*, uint32_t, const char*>;
     const std::vector<Case> cases = {
-        {"SMBIOS3=0x1\nSMBIOS=0xCF7B8000\n", 0xCF7B8000, nullptr},
+        {"SMBIOS3=0x1\nXSMBIOS=2\nSMBIOS=0xCF7B8000\nSMBIOS=3\n", 0xCF7B8000, nullptr},
         {"SMBIOS=\t 917504", 917504, nullptr},
         {"SMBIOS=03400000\n", 0xE0000, nullptr},
         {"SMBIOS=0xFFFFFFFF\n", 0xFFFFFFFF, nullptr},
@@ -303,44 +274,27 @@ TEST(SmbiosSearch, TakesTheAddressOfTheSystemTable) {
         {"SMBIOS=-1\n", kSegment, "invalid char=0x2D, index=0)"},
         {"SMBIOS=\nSMBIOS=0xE0000\n", kSegment, " : SMBIOS Data Error(leng=0)\n"},
         {"SMBIOS=  \n", kSegment, " : SMBIOS Data Error(blank leng=2)\n"},
-        {"SMBIOS3=0xE0000\n", kSegment, " : GetParameter Error(ret=NULL)\n"},
+        {"SMBIOS3=0xE0000\nSMBIOS\n", kSegment, " : GetParameter Error(ret=NULL)\n"},
     };
     RunWithOwnSysfs([&] {
         EXPECT_EQ(kSegment, GetSbBaseAddr());
         EXPECT_EQ(0x10000U, sb_get_search_length());
-        TraceListener daemon;
-        ASSERT_EQ(0, PXR_trace_init());
-        size_t lines = 1;
-        for (const Case& c : cases) {
-            WriteSysfs("efi/systab", c.table);
-            EXPECT_EQ(c.address, GetSbBaseAddr()) << c.table;
+        Tracing tracing;
+        for (const auto& [table, address, complaint] : cases) {
+            WriteSysfs("efi/systab", table);
+            const auto lines = tracing.LinesOf([&] { EXPECT_EQ(address, GetSbBaseAddr()) << table; });
             EXPECT_EQ(32U, sb_get_search_length());
-            if (c.complaint == nullptr) continue;
-            const auto packets = daemon.WaitFor(++lines);
-            ASSERT_EQ(lines, packets.size()) << c.table;
-            EXPECT_THAT(packets.back().body.message.text, HasSubstr(c.complaint));
+            if (complaint == nullptr) continue;
+            EXPECT_THAT(lines, ElementsAre(HasSubstr(complaint)));
         }
     });
 }
 
 // ---- The walk over the table ----
 
-TEST_F(Smbios, MeasuresStructures) {
-    Bytes table = SmbiosStructure(2, 1, 9).Encode();  // no strings: the next one begins two bytes behind it
-    const Bytes second = SmbiosStructure(1, 2, 6).String(4, "ab").String(5, "c").Encode();
-    table.insert(table.end(), second.begin(), second.end());
-    ASSERT_EQ(0, InitRaw(table, 2));
-    EXPECT_THAT(Index(), ElementsAre(std::pair(1, 6 + 3 + 2), std::pair(2, 9)));
-}
-
 TEST_F(Smbios, WalkEndsWhereTheTableStopsMakingSense) {
     const Bytes good = SmbiosStructure(1, 2, 6).String(4, "ab").Encode();
-    struct Case {
-        const char* what;
-        Bytes tail;
-        uint16_t count;
-        std::vector<std::pair<uint32_t, uint32_t>> rest;
-    };
+    using Case = std::tuple<const char*, Bytes, uint16_t, std::vector<std::pair<uint32_t, uint32_t>>>;
     const std::vector<Case> cases = {
         {"count below the truth", good, 1, {}},
         {"count above the truth", {}, 0xFFFF, {}},
@@ -354,13 +308,13 @@ TEST_F(Smbios, WalkEndsWhereTheTableStopsMakingSense) {
         {"no NUL at all", {9, 4, 0, 0}, 9, {{9, 4}}},
         {"one NUL", {9, 4, 0, 0, 0}, 9, {{9, 5}}},
     };
-    for (const Case& c : cases) {
+    for (const auto& [what, tail, count, rest] : cases) {
         Bytes table = good;
-        table.insert(table.end(), c.tail.begin(), c.tail.end());
-        ASSERT_EQ(0, InitRaw(table, c.count)) << c.what;
+        table.insert(table.end(), tail.begin(), tail.end());
+        ASSERT_EQ(0, InitRaw(table, count)) << what;
         std::vector<std::pair<uint32_t, uint32_t>> expected = {{1, 9}};
-        expected.insert(expected.end(), c.rest.begin(), c.rest.end());
-        EXPECT_EQ(expected, Index()) << c.what;
+        expected.insert(expected.end(), rest.begin(), rest.end());
+        EXPECT_EQ(expected, Index()) << what;
     }
 }
 
@@ -466,27 +420,24 @@ TEST(SmbiosDriver, IsUsedWhenItsModuleIsInstalled) {
     const MachineRoot root(".");
     root.AddFile("/opt/velmora/lantrel/lib/KvDrvMem.o", "");
     RunInRoot(root, [] {
-        TraceListener daemon;
-        ASSERT_EQ(0, PXR_trace_init());
+        Tracing tracing;
         SimulatedMemory memory;
         memory.SetMemoryDriver(true);
         memory.AddMemory(Server().Blocks());
-        uint32_t word = 0;
-        EXPECT_EQ(4U, ReadMem(&word, kHighTable, 4));
-        EXPECT_EQ(0x00001800U, word);
-        EXPECT_EQ(0U, ReadMem(&word, 0x40000000, 4));
-        memory.SetMemoryDriver(false);
-        EXPECT_EQ(0U, ReadMem(&word, kSegment, 4));
-        EXPECT_EQ(0U, memory.Opens("/dev/mem"));
+        const auto lines = tracing.LinesOf([&] {
+            uint32_t word = 0;
+            EXPECT_EQ(4U, ReadMem(&word, kHighTable, 4));
+            EXPECT_EQ(0x00001800U, word);
+            EXPECT_EQ(0U, ReadMem(&word, 0x40000000, 4));
+            memory.SetMemoryDriver(false);
+            EXPECT_EQ(0U, ReadMem(&word, kSegment, 4));
+        });
         EXPECT_EQ(0U, memory.OpenDescriptors());
-        const auto packets = daemon.WaitFor(7);
-        ASSERT_EQ(7U, packets.size());
-        EXPECT_STREQ(
-            "The file /opt/velmora/lantrel/lib/KvDrvMem.o is found, so SMBIOS data will be read by the driver.",
-            packets[1].body.message.text);
-        EXPECT_STREQ("Failed to read the data from /dev/kvdrvmem using ioctl.(errno=14)\n",
-                     packets[3].body.message.text);
-        EXPECT_STREQ("Failed to open /dev/kvdrvmem.(errno=2)\n", packets[6].body.message.text);
+        ASSERT_EQ(6U, lines.size());
+        EXPECT_THAT(lines[0], EndsWith(" The file /opt/velmora/lantrel/lib/KvDrvMem.o is found, so SMBIOS data will be "
+                                       "read by the driver."));
+        EXPECT_THAT(lines[2], EndsWith(" Failed to read the data from /dev/kvdrvmem using ioctl.(errno=14)\n"));
+        EXPECT_THAT(lines[5], EndsWith(" Failed to open /dev/kvdrvmem.(errno=2)\n"));
 
         memory.SetMemoryDriver(true);
         ASSERT_EQ(0, Init_SmbiosIF()) << "the whole reader works through the driver";
@@ -518,7 +469,6 @@ TEST(SmbiosKernelTable, ServesWhenMemoryShowsNothing) {
             WriteSysfs(kEntryFile, Text(entry));
             ASSERT_EQ(0, Init_SmbiosIF());
             EXPECT_EQ(11U, smbios_tablecnt);
-            EXPECT_EQ(31, smbios_headsize);
             EXPECT_TRUE(sb_is_sum_zero(std::span(smbios_header).first(31)));
             EXPECT_THAT(std::span(smbios_header).subspan(6, 2), ElementsAre(3, 2));
             EXPECT_EQ(padded.size(), sb_u16(smbios_header, 22));
@@ -581,7 +531,6 @@ Bytes RoutingTable(size_t slots) {
 }
 
 TEST_F(Smbios, FindsPciSlots) {
-    PXR_disable_syslog_output();
     Bytes bad = RoutingTable(2);
     bad[31] ^= 1;
     Bytes small = RoutingTable(0);
@@ -593,38 +542,29 @@ TEST_F(Smbios, FindsPciSlots) {
     memory.AddMemory(kSegment + 0x100, bad);
     memory.AddMemory(kSegment + 0x200, small);
     memory.AddMemory(kSegment + 0x300, large);
-    Bytes buffer(3 * 16 + 5, 0xEE);
-    smbios_getpci_block block = {99, SMBIOS_PCI_SLOTS, buffer.data(), static_cast<uint32_t>(buffer.size()), 99};
-    EXPECT_EQ(-5, smbios_ioctl(SMBIOS_GETPCI, &block)) << "none of them is sound";
-
-    memory.AddMemory(kSegment + 0xF000, RoutingTable(5));
-    EXPECT_EQ(0, smbios_ioctl(SMBIOS_GETPCI, &block));
-    EXPECT_EQ(0, block.status);
-    EXPECT_EQ(3U, block.count) << "what the buffer holds";
-    EXPECT_EQ(3, buffer[2 * 16 + 14]);
-    EXPECT_EQ(0xEE, buffer[3 * 16]);
-    block.mode = 1;
-    EXPECT_EQ(0, smbios_ioctl(SMBIOS_GETPCI, &block));
-    EXPECT_EQ(SMBIOS_STATUS_MODE, block.status);
-    memory.FailToOpen(EPERM);
-    block.mode = SMBIOS_PCI_SLOTS;
-    EXPECT_EQ(-5, smbios_ioctl(SMBIOS_GETPCI, &block));
-}
-
-TEST(SmbiosPci, BadChecksumIsTheAdministratorsConcern) {
-    RunInRoot(MakeTestRoot(), [] {
-        SimulatedMemory memory;
-        Bytes bad = RoutingTable(2);
-        bad[31] ^= 1;
-        memory.AddMemory(kSegment, bad);
+    RunInRoot(MakeTestRoot(), [&] {
         char text[256] = "";
         FILE* const log = fmemopen(text, sizeof(text), "w");
         PXR_set_syslog_output(log);
-        smbios_getpci_block block = {0, SMBIOS_PCI_SLOTS, nullptr, 0, 0};
-        EXPECT_EQ(-5, smbios_ioctl(SMBIOS_GETPCI, &block));
+        Bytes buffer(3 * 16 + 5, 0xEE);
+        smbios_getpci_block block = {99, SMBIOS_PCI_SLOTS, buffer.data(), static_cast<uint32_t>(buffer.size()), 99};
+        EXPECT_EQ(-5, smbios_ioctl(SMBIOS_GETPCI, &block)) << "none of them is sound";
         PXR_set_syslog_output(nullptr);
         fclose(log);
-        EXPECT_THAT(text, HasSubstr("PCIBIOS"));
+        EXPECT_THAT(text, HasSubstr("PCIBIOS")) << "a bad checksum is the administrator's concern";
+
+        memory.AddMemory(kSegment + 0xF000, RoutingTable(5));
+        EXPECT_EQ(0, smbios_ioctl(SMBIOS_GETPCI, &block));
+        EXPECT_EQ(0, block.status);
+        EXPECT_EQ(3U, block.count) << "what the buffer holds";
+        EXPECT_EQ(3, buffer[2 * 16 + 14]);
+        EXPECT_EQ(0xEE, buffer[3 * 16]);
+        block.mode = 1;
+        EXPECT_EQ(0, smbios_ioctl(SMBIOS_GETPCI, &block));
+        EXPECT_EQ(SMBIOS_STATUS_MODE, block.status);
+        memory.FailToOpen(EPERM);
+        block.mode = SMBIOS_PCI_SLOTS;
+        EXPECT_EQ(-5, smbios_ioctl(SMBIOS_GETPCI, &block));
     });
 }
 

@@ -1,16 +1,14 @@
 // The walks over the sensor data repository, on good and on damaged repositories.
 
-#include "lib_driverIF/KvPltfSvcIpmiMain_IdString.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_Sdr.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_IdString.h"
 
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <string>
 #include <thread>
 #include <tuple>
-#include <vector>
 
 #include "tests/support/SimulatedMachine.h"
 
@@ -113,26 +111,24 @@ TEST_F(Repository, SharedRecordsStandForARunOfSensors) {
     auto letters = Shared(10, "Drive ", 2, 3);
     letters.modifierAlpha = true;
     const auto bare = WithByte(Shared(10, "Fan", 2).EncodeCompact(), 23, 2 | 2 << 4);
-    struct Case {
-        Bytes record;
-        Sensors sensors;
-    };
-    for (const Case& each : {Case{dimms.EncodeCompact(), {{10, 1, "DIMM1"}, {11, 2, "DIMM2"}, {12, 3, "DIMM3"}}},
-                             Case{letters.EncodeEventOnly(), {{10, 1, "Drive D"}, {11, 1, "Drive E"}}},
-                             Case{bare, {{10, 1, "Fan"}, {11, 1, "Fan"}}},
-                             Case{Shared(10, "Lid", 0, 9).EncodeEventOnly(), {{10, 1, "Lid9"}}},
-                             Case{Shared(253, "Edge", 15).EncodeCompact(), {{253, 1, "Edge0"}, {254, 1, "Edge1"}}},
-                             Case{Shared(255, "None", 1).EncodeCompact(), {}}}) {
+    using Case = std::tuple<Bytes, Sensors>;
+    for (const auto& [record, expected] :
+         {Case{dimms.EncodeCompact(), {{10, 1, "DIMM1"}, {11, 2, "DIMM2"}, {12, 3, "DIMM3"}}},
+          Case{letters.EncodeEventOnly(), {{10, 1, "Drive D"}, {11, 1, "Drive E"}}},
+          Case{bare, {{10, 1, "Fan"}, {11, 1, "Fan"}}},
+          Case{Shared(10, "Lid", 0, 9).EncodeEventOnly(), {{10, 1, "Lid9"}}},
+          Case{Shared(253, "Edge", 15).EncodeCompact(), {{253, 1, "Edge0"}, {254, 1, "Edge1"}}},
+          Case{Shared(255, "None", 1).EncodeCompact(), {}}}) {
         Run([&] {
-            Add(each.record);
+            Add(record);
             EXPECT_EQ(0U, KvPsInitializeIpmi());
             Sensors sensors;
             ForEachSdr([&](const SDR& sdr) {
                 sensors.emplace_back(sdr.number, sdr.entityInstance, sdr.name);
                 EXPECT_THAT(sdr.conversion, testing::Each(0xFF));
-                EXPECT_EQ(each.record[3], sdr.recordType);
+                EXPECT_EQ(record[3], sdr.recordType);
             });
-            EXPECT_EQ(each.sensors, sensors);
+            EXPECT_EQ(expected, sensors);
         });
     }
 }
@@ -147,12 +143,8 @@ TEST(IdStrings, AreDecodedByTheirCoding) {
     const std::string twenty = "A sensor's long name";
     const std::string longest(31, 'x');
     const auto eightBit = [](const std::string& text) { return sim::IdString(text); };
-    struct Case {
-        Bytes coded;
-        uint32_t size;
-        std::string text;
-    };
-    for (const Case& each :
+    using Case = std::tuple<Bytes, uint32_t, std::string>;
+    for (const auto& [coded, size, expected] :
          {Case{eightBit(twenty), 64, twenty}, Case{eightBit(longest), 64, longest},
           Case{eightBit(longest), 8, "xxxxxxx"}, Case{{0xC0}, 64, ""}, Case{{0x84, 0x29, 0xDC, 0xA6}, 64, "IPMI"},
           Case{{0x85, 0x29, 0xDC, 0xA6, 0x3F}, 64, "IPMI_"},
@@ -160,63 +152,49 @@ TEST(IdStrings, AreDecodedByTheirCoding) {
           Case{{0x03, 'U', 0, 0xAC, 0x20, '1', 0}, 64, "U?1"}}) {  // no euro sign in the C locale
         char text[64];
         memset(text, '#', sizeof text);
-        GetIdString(each.coded.data(), text, each.size);
-        EXPECT_EQ(each.text, text);
-        EXPECT_TRUE(each.size == sizeof text || text[each.size] == '#') << "nothing behind the buffer";
+        GetIdString(coded.data(), text, size);
+        EXPECT_EQ(expected, text);
+        EXPECT_TRUE(size == sizeof text || text[size] == '#') << "nothing behind the buffer";
     }
 }
 
 TEST_F(Repository, NamesEndWithTheirRecord) {
     for (const auto coding : {sim::TextCoding::kBcdPlus, sim::TextCoding::kSixBit, sim::TextCoding::kEightBit}) {
+        Bmc().Sdr()->Clear();
         sim::FullRecord record = Full(1, "123456");
         record.coding = coding;
-        const Bytes coded = sim::IdString("123456", coding);
-        const uint8_t claim = coded[0] | 0x1F;
-        Run([&] {
-            Add(WithByte(record.Encode(), 47, claim));
-            EXPECT_EQ(0U, KvPsInitializeIpmi());
-            EXPECT_THAT(Names(), SizeIs(1));
-            EXPECT_EQ(0, strncmp("123456", Names()[0].second.c_str(), 6));
-            EXPECT_EQ((coded.size() - 1) * 8 /
-                          (coding == sim::TextCoding::kBcdPlus  ? 4
-                           : coding == sim::TextCoding::kSixBit ? 6
-                                                                : 8),
-                      Names()[0].second.size());
-        });
+        const Bytes encoded = record.Encode();
+        Add(WithByte(encoded, 47, encoded[47] | 0x1F));  // claims more
+        ExpectNames({"123456"});
     }
     Bytes nameless = Full(2).Encode();
     nameless.resize(47);
     nameless[4] = 42;
+    Bmc().Sdr()->Clear();
     Add(nameless);
     ExpectNames({""});
 }
 
 TEST_F(Repository, DamageEndsTheWalkAndKeepsWhatWasRead) {
-    struct Case {
-        const char* damage;
-        uint32_t result;
-        std::vector<std::string> names;
-        std::function<void(sim::SdrRepository&)> inflict;
-    };
-    for (const Case& each :
-         {Case{
-              "the last leads to the first", 0, {"Sens1", "Sens2", "Sens3"}, [](auto& sdr) { sdr.LieAboutNext(3, 1); }},
-          Case{"a record leads to itself", 0, {"Sens1", "Sens2"}, [](auto& sdr) { sdr.LieAboutNext(2, 2); }},
-          Case{"a record leads to the beginning", 0, {"Sens1", "Sens2"}, [](auto& sdr) { sdr.LieAboutNext(2, 0); }},
+    using Case = std::tuple<const char*, uint32_t, std::vector<std::string>, std::function<void(sim::SdrRepository&)>>;
+    using Sdr = sim::SdrRepository;
+    const std::vector<std::string> all = {"Sens1", "Sens2", "Sens3"};
+    const std::vector<std::string> two = {"Sens1", "Sens2"};
+    for (const auto& [damage, result, names, inflict] :
+         {Case{"the last leads to the first", 0, all, [](Sdr& sdr) { sdr.LieAboutNext(3, 1); }},
+          Case{"a record leads to itself", 0, two, [](Sdr& sdr) { sdr.LieAboutNext(2, 2); }},
+          Case{"a record leads to the beginning", 0, two, [](Sdr& sdr) { sdr.LieAboutNext(2, 0); }},
+          Case{"a record leads nowhere", 0x603BB2CB, two, [](Sdr& sdr) { sdr.LieAboutNext(2, 0x1234); }},
           Case{
-              "a record leads nowhere", 0x603BB2CB, {"Sens1", "Sens2"}, [](auto& sdr) { sdr.LieAboutNext(2, 0x1234); }},
-          Case{"a length overruns",
-               0x6038B2C9,
-               {"Sens1"},
-               [](auto& sdr) { sdr.Replace(2, WithByte(Full(2).Encode(), 4, 0xFF)); }},
-          Case{"a sensor's record is nothing but a header", 0, {"Sens1", "Sens3"}, [](auto& sdr) {
+              "too long", 0x6038B2C9, {"Sens1"}, [](Sdr& sdr) { sdr.Replace(2, WithByte(Full(2).Encode(), 4, 0xFF)); }},
+          Case{"only a header", 0, {"Sens1", "Sens3"}, [](Sdr& sdr) {
                    sdr.Replace(2, {0, 0, 0x51, 1, 0});
                }}}) {
-        SCOPED_TRACE(each.damage);
+        SCOPED_TRACE(damage);
         Bmc().Sdr()->Clear();
         AddSensors(3);
-        each.inflict(*Bmc().Sdr());
-        ExpectNames(each.names, each.result);
+        inflict(*Bmc().Sdr());
+        ExpectNames(names, result);
     }
 }
 
@@ -225,31 +203,25 @@ TEST_F(Repository, ACircleIsWalkedOnce) {
     Run([this] {
         ASSERT_EQ(0U, KvPsInitializeIpmi());
         const size_t straight = Bmc().Count(kStorage, kGetSdr);
-        Bmc().ResetCounts();
         Bmc().Sdr()->LieAboutNext(3, 1);
         ASSERT_EQ(0U, KvPsInitializeIpmi());
-        EXPECT_EQ(straight, Bmc().Count(kStorage, kGetSdr));
+        EXPECT_EQ(2 * straight, Bmc().Count(kStorage, kGetSdr));
     });
 }
 
-TEST_F(Repository, AnEmptyPieceIsAFailure) {
-    AddSensors(2);
-    server.OnCommand(kStorage, kGetSdr, [](const sim::Request& request, const auto& answer) {
-        sim::Response response = answer();
-        if (request.data[4] > 16) response.data.resize(2);
-        return response;
-    });
-    ExpectNames({}, 0x6000B100);
-}
-
-TEST_F(Repository, ShortPiecesArePutTogether) {
+TEST_F(Repository, ShortPiecesArePutTogetherAndAnEmptyOneIsAFailure) {
     AddSensors(1);
-    server.OnCommand(kStorage, kGetSdr, [](const sim::Request& request, const auto& answer) {
-        sim::Response response = answer();
-        if (request.data[4] > 0 && response.data.size() > 5) response.data.resize(5);
-        return response;
-    });
+    const auto cutTo = [this](size_t length, uint8_t behind) {
+        server.OnCommand(kStorage, kGetSdr, [=](const sim::Request& request, const auto& answer) {
+            sim::Response response = answer();
+            if (request.data[4] > behind && response.data.size() > length) response.data.resize(length);
+            return response;
+        });
+    };
+    cutTo(5, 0);
     ExpectNames({"Sens1"});
+    cutTo(2, 16);
+    ExpectNames({}, 0x6000B100);
 }
 
 TEST_F(Repository, TablesHoldOneHundredAndTwentySevenDevices) {
@@ -288,14 +260,11 @@ TEST_F(Repository, KeepersOfEventLogsAreFound) {
         EXPECT_EQ(0U, g_stSelDev[0].lastTimeStamp);
     });
     Bmc().Refuse(kStorage, 0x40, sim::cc::kInvalidCommand, 2);
-    Run([] {
-        KvPsInitializeIpmi();
-        EXPECT_EQ(0, g_stSelDev[0].reserve);
-    });
     SetProduct("Server Varistel Q52 M2");
     Run([&] {
         KvPsInitializeIpmi();
         EXPECT_THAT(addresses(), ElementsAre(0x52, 0x24, 0x26));
+        EXPECT_EQ(0, g_stSelDev[1].reserve);
     });
 }
 
@@ -333,11 +302,8 @@ TEST_F(Repository, AFailedReservationSpendsAPass) {
     AddSensors(1);
     Run([this] {
         Bmc().Refuse(kStorage, kReserve, sim::cc::kInvalidCommand, 3);
-        EXPECT_EQ(0U, KvPsInitializeIpmi());
-        EXPECT_THAT(Names(), SizeIs(1));
-    });
-    Run([this] {
         ASSERT_EQ(0U, KvPsInitializeIpmi());
+        EXPECT_THAT(Names(), SizeIs(1));
         Bmc().Refuse(kStorage, kReserve, sim::cc::kInvalidCommand, 4);
         EXPECT_EQ(0x6037B2C1U, GetAllSdr());
         FailToOpen();
@@ -400,7 +366,7 @@ TEST_F(Repository, AProcessThatIsToldToEndStopsWalking) {
             body();
             sigset_t pending;
             sigpending(&pending);
-            EXPECT_EQ(1, sigismember(&pending, SIGTERM) | sigismember(&pending, SIGINT)) << "left for the host";
+            EXPECT_FALSE(sigisemptyset(&pending)) << "left for the host";
         });
     };
     runWithSignalBlocked([this] {

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include <array>
+#include <tuple>
 
 #include "libplatform/KvPsBmc.h"
 #include "tests/support/SimulatedMachine.h"
@@ -16,16 +17,10 @@ using Watchdog = SimulatedMachine;
 TEST_F(Watchdog, IsSetAndStarted) {
     Run([this] {
         EXPECT_EQ(0x603DB280U, KvPsResetWatchdogTimerIpmi()) << "not set yet";
-        struct Case {
-            uint8_t action;
-            uint16_t count;
-            std::array<uint8_t, 6> settings;
-        };
-        for (const auto& [action, count, settings] : {
-                 Case{0x01, 600, {0x04, 0x01, 0, 0x10, 0x58, 0x02}},
-                 Case{0x83, 0xFFFF, {0x05, 0x03, 0, 0x10, 0xFF, 0xFF}},
-                 Case{0x7F, 1, {0x04, 0x07, 0, 0x10, 1, 0}},
-             }) {
+        using Case = std::tuple<uint8_t, uint16_t, std::array<uint8_t, 6>>;
+        for (const auto& [action, count, settings] :
+             {Case{0x01, 600, {0x04, 0x01, 0, 0x10, 0x58, 0x02}}, Case{0x83, 0xFFFF, {0x05, 0x03, 0, 0x10, 0xFF, 0xFF}},
+              Case{0x7F, 1, {0x04, 0x07, 0, 0x10, 1, 0}}}) {
             EXPECT_EQ(0U, KvPsSetWatchdogTimerIpmi(action, count));
             EXPECT_EQ(settings, Bmc().Watchdog()->settings);
         }
@@ -47,7 +42,7 @@ TEST_F(Watchdog, IsServedInsideAnOpenConversation) {
 
 TEST_F(Watchdog, FailuresHaveTheirNumbers) {
     Run([this] {
-        server.FailOpen("/dev/ipmi0", ENODEV, 2);
+        server.FailOpen("/dev/ipmi0", ENODEV, 2);  // one attempt each
         EXPECT_EQ(0x604DB104U, KvPsSetWatchdogTimerIpmi(1, 10));
         EXPECT_EQ(0x604EB104U, KvPsResetWatchdogTimerIpmi());
         Bmc().Refuse(kApp, 0x24, 0xC1);
@@ -62,21 +57,20 @@ TEST_F(Watchdog, FailuresHaveTheirNumbers) {
 
 TEST_F(Watchdog, TheTwoFlagsAreKeptApart) {
     Run([] {
+        const auto flags = [] {
+            std::array<uint8_t, 2> values{9, 9};
+            EXPECT_EQ(0U, KvPsGetWatchDogStatusIpmi(&values[0]));
+            EXPECT_EQ(0U, KvPsGetWatchDogReceiveIpmi(&values[1]));
+            return values;
+        };
         uint8_t one = 1;
-        uint8_t status = 9;
-        uint8_t receive = 9;
-        EXPECT_EQ(0U, KvPsGetWatchDogStatusIpmi(&status));
-        EXPECT_EQ(0U, status);
-        EXPECT_EQ(0U, KvPsSetWatchDogStatusIpmi(&one));
-        EXPECT_EQ(0U, KvPsGetWatchDogStatusIpmi(&status));
-        EXPECT_EQ(0U, KvPsGetWatchDogReceiveIpmi(&receive));
-        EXPECT_THAT((std::array{status, receive}), ElementsAre(1, 0));
         uint8_t zero = 0;
+        EXPECT_THAT(flags(), ElementsAre(0, 0));
+        EXPECT_EQ(0U, KvPsSetWatchDogStatusIpmi(&one));
+        EXPECT_THAT(flags(), ElementsAre(1, 0));
         EXPECT_EQ(0U, KvPsSetWatchDogReceiveIpmi(&one));
         EXPECT_EQ(0U, KvPsSetWatchDogStatusIpmi(&zero));
-        EXPECT_EQ(0U, KvPsGetWatchDogStatusIpmi(&status));
-        EXPECT_EQ(0U, KvPsGetWatchDogReceiveIpmi(&receive));
-        EXPECT_THAT((std::array{status, receive}), ElementsAre(0, 1));
+        EXPECT_THAT(flags(), ElementsAre(0, 1));
         EXPECT_EQ(0x6000B10BU, KvPsGetWatchDogStatusIpmi(nullptr));
         ktx_ipmi::TerminateIpmiLib();
         EXPECT_EQ(0x6000B10BU, KvPsSetWatchDogReceiveIpmi(&one));
