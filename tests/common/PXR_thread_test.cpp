@@ -5,11 +5,15 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <ctime>
 #include <functional>
 #include <list>
+#include <map>
+#include <mutex>
 #include <numeric>
+#include <thread>
 #include <vector>
 
 #include "common/PXR_thread_internal.h"
@@ -24,30 +28,20 @@ using testing::ElementsAre;
 /// Opened once for each pass. (A semaphore would do; the checker of data races loses track of those.)
 class Gate {
 public:
-    Gate() = default;
-    ~Gate() {
-        pthread_cond_destroy(&opened_);
-        pthread_mutex_destroy(&lock_);
-    }
-    Gate(const Gate&) = delete;
-    Gate& operator=(const Gate&) = delete;
     void Open() {
-        pthread_mutex_lock(&lock_);
+        const std::lock_guard lock(mutex_);
         ++open_;
-        pthread_cond_signal(&opened_);
-        pthread_mutex_unlock(&lock_);
+        opened_.notify_one();
     }
     void Pass() {
-        pthread_mutex_lock(&lock_);
-        while (open_ == 0)
-            pthread_cond_wait(&opened_, &lock_);
+        std::unique_lock lock(mutex_);
+        opened_.wait(lock, [this] { return open_ > 0; });
         --open_;
-        pthread_mutex_unlock(&lock_);
     }
 
 private:
-    pthread_mutex_t lock_ = PTHREAD_MUTEX_INITIALIZER;
-    pthread_cond_t opened_ = PTHREAD_COND_INITIALIZER;
+    std::mutex mutex_;
+    std::condition_variable opened_;
     int open_ = 0;
 };
 
@@ -113,15 +107,16 @@ TEST(PxrThread, ActionsOfABusyWorkerArriveInOrder) {
 
 // A ring that grows keeps its order wherever its oldest action lies.
 TEST(PxrThread, QueueGrowsFromEveryPosition) {
-    struct Case {
-        const char* name;
-        std::vector<int> steps;  // wake-ups (positive) and takes (negative) before the last 800 wake-ups
-    };
-    for (const Case& c :
-         {Case{"not wrapped", {}}, Case{"front part shorter", {100, -100}}, Case{"equal halves", {128, -128}},
-          Case{"back part shorter", {200, -200}}, Case{"front part of 256 slots", {600, -600, 424, -424}},
-          Case{"front part longer than 256", {600, -600, 468, -468}}, Case{"empty slot last", {255, -255, 1, -1}}}) {
-        SCOPED_TRACE(c.name);
+    // wake-ups (positive) and takes (negative) before the last 800 wake-ups
+    const std::map<std::string, std::vector<int>> cases = {{"not wrapped", {}},
+                                                           {"front part shorter", {100, -100}},
+                                                           {"equal halves", {128, -128}},
+                                                           {"back part shorter", {200, -200}},
+                                                           {"front part of 256 slots", {600, -600, 424, -424}},
+                                                           {"front part longer than 256", {600, -600, 468, -468}},
+                                                           {"empty slot last", {255, -255, 1, -1}}};
+    for (const auto& [name, steps] : cases) {
+        SCOPED_TRACE(name);
         Gate end;
         TestWorker worker([&](PXR_thread* self) { WaitForGate(self, end); });
         ASSERT_EQ(0u, worker.Start());
@@ -135,7 +130,7 @@ TEST(PxrThread, QueueGrowsFromEveryPosition) {
                 ASSERT_EQ(++taken, PXR_thread_get_action(&worker.object));
             pthread_mutex_unlock(&worker.object.lock);
         };
-        for (const int count : c.steps)
+        for (const int count : steps)
             step(count);
         step(800);
         EXPECT_EQ(1024u, worker.object.capacity);
@@ -199,16 +194,11 @@ TEST(PxrThread, WakeUpAfterAStopRequestIsIgnored) {
         slept += PXR_thread_sleep(self);
     });
     ASSERT_EQ(0u, worker.Start());
-    pthread_t owner{};
-    const auto destroy = [](void* object) -> void* {
-        PXR_thread_destroy(static_cast<PXR_thread*>(object));
-        return nullptr;
-    };
-    ASSERT_EQ(0, pthread_create(&owner, nullptr, destroy, &worker.object));
+    std::thread owner([&] { PXR_thread_destroy(&worker.object); });
     stopSeen.Pass();
     EXPECT_EQ(0u, PXR_thread_wakeup(&worker.object, 77));
     woken.Open();
-    pthread_join(owner, nullptr);
+    owner.join();
     EXPECT_EQ(-2, slept) << "both sleeps end with -1";
     EXPECT_EQ(0u, action);
 }
@@ -289,29 +279,30 @@ TEST(PxrThread, StopEndsAWorkerThatIsBlocked) {
     ASSERT_EQ(0, pipe(pipeEnds));
     Gate created;
     Gate there;
-    const auto readForEver = [&](PXR_thread* self) {
+    const auto readForEver = [&] {
         char byte = 0;
-        WaitForGate(self, created);
-        there.Open();  // and keeps the lock
         EXPECT_EQ(0, read(pipeEnds[0], &byte, 1));
     };
-    const auto sleepForEver = [&](PXR_thread* self) {
-        there.Open();
-        SleepUntilStopped(self);
-    };
-    const auto sleepInSteps = [&](PXR_thread* self) {
-        PXR_timeval hour{3600, 0};
-        there.Open();
-        PXR_thread_sleep_time(self, &hour);
-    };
-    const auto readWithoutLock = [&](PXR_thread* self) {
-        char byte = 0;
-        there.Open();
-        pthread_mutex_unlock(&self->lock);
-        EXPECT_EQ(0, read(pipeEnds[0], &byte, 1));
-    };
-    for (const std::function<void(PXR_thread*)>& body :
-         {std::function<void(PXR_thread*)>(readForEver), {sleepForEver}, {sleepInSteps}, {readWithoutLock}}) {
+    const std::function<void(PXR_thread*)> bodies[] = {[&](PXR_thread* self) {
+                                                           WaitForGate(self, created);
+                                                           there.Open();  // and keeps the lock
+                                                           readForEver();
+                                                       },
+                                                       [&](PXR_thread* self) {
+                                                           there.Open();
+                                                           SleepUntilStopped(self);
+                                                       },
+                                                       [&](PXR_thread* self) {
+                                                           PXR_timeval hour{3600, 0};
+                                                           there.Open();
+                                                           PXR_thread_sleep_time(self, &hour);
+                                                       },
+                                                       [&](PXR_thread* self) {
+                                                           there.Open();
+                                                           pthread_mutex_unlock(&self->lock);
+                                                           readForEver();
+                                                       }};
+    for (const auto& body : bodies) {
         TestWorker worker(body);
         ASSERT_EQ(0u, worker.Start());
         created.Open();
