@@ -7,12 +7,9 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -25,6 +22,7 @@
 #include "tests/support/InMachineRoot.h"
 #include "tests/support/SyslogListener.h"
 #include "tests/support/TraceListener.h"
+#include "tests/support/Tracing.h"
 
 namespace {
 
@@ -36,16 +34,8 @@ using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
 
-// The machine's byte order is the protocol's.
-template <typename T>
-T Field(const PXR_trace_packet& packet, size_t offset) {
-    T value;
-    memcpy(&value, reinterpret_cast<const char*>(&packet) + offset, sizeof value);
-    return value;
-}
-
-std::string Bytes(const PXR_trace_packet& packet, size_t offset, size_t count) {
-    return {reinterpret_cast<const char*>(&packet) + offset, count};
+std::string Bytes(const void* object, size_t count) {
+    return {static_cast<const char*>(object), count};
 }
 
 std::string Padded(std::string text, size_t size) {
@@ -53,8 +43,17 @@ std::string Padded(std::string text, size_t size) {
     return text;
 }
 
+/// The begin of a packet, and words behind it. The machine's byte order is the protocol's.
+std::string Packet(char type, std::initializer_list<uint32_t> words) {
+    return "\x12\x34\x56\x78" + Padded({type}, 4) + Bytes(words.begin(), words.size() * 4);
+}
+
+std::string WithoutTime(const PXR_trace_packet& packet) {
+    return Bytes(&packet, sizeof packet).erase(8, 8);
+}
+
 std::string TextOf(const PXR_trace_packet& packet) {
-    return Bytes(packet, 64, Field<uint32_t>(packet, 28));
+    return Bytes(packet.body.message.text, packet.body.message.length);
 }
 
 std::string Content(const std::string& path) {
@@ -71,16 +70,12 @@ std::vector<std::string> Lines(const std::string& content) {
     return lines;
 }
 
-/// Descriptor flags of every connection to the daemon.
-std::vector<int> FlagsOfConnections() {
-    std::vector<int> flags;
-    for (int fd = 0; fd < 100; ++fd) {
-        sockaddr_un peer{};
-        socklen_t size = sizeof peer;
-        if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) != 0) continue;
-        if (strcmp(peer.sun_path, PXR_TRACE_SOCKET) == 0) flags.push_back(fcntl(fd, F_GETFD));
-    }
-    return flags;
+/// How many descriptors a child would inherit.
+int Inherited() {
+    int count = 0;
+    for (int fd = 0; fd < 100; ++fd)
+        count += fcntl(fd, F_GETFD) == 0 ? 1 : 0;
+    return count;
 }
 
 void SetName(const char* name) {
@@ -119,35 +114,24 @@ TEST(PxrTrace, PacketsAreExact) {
         const int64_t after = time(nullptr);
         ASSERT_EQ(3U, packets.size());
         for (const auto& packet : packets) {
-            EXPECT_EQ("\x12\x34\x56\x78", Bytes(packet, 0, 4));
-            EXPECT_EQ(std::string(3, '\0'), Bytes(packet, 5, 3));
-            EXPECT_LE(before, Field<int64_t>(packet, 8));
-            EXPECT_GE(after, Field<int64_t>(packet, 8));
+            int64_t time = 0;
+            memcpy(&time, Bytes(&packet, 16).data() + 8, sizeof time);
+            EXPECT_LE(before, time);
+            EXPECT_GE(after, time);
         }
-        const auto& start = packets[0];
-        EXPECT_EQ(1, Field<uint8_t>(start, 4));
-        EXPECT_EQ(static_cast<uint32_t>(getpid()), Field<uint32_t>(start, 16));
-        EXPECT_EQ(1U, Field<uint32_t>(start, 20));
-        EXPECT_EQ(Padded("a-command-name-of-more-than-31-", 488), Bytes(start, 24, 488));
-        const auto& message = packets[1];
+        EXPECT_EQ(Packet(1, {static_cast<uint32_t>(getpid()), 1}) + Padded("a-command-name-of-more-than-31-", 488),
+                  WithoutTime(packets[0]));
         const std::string text = "[IN ]GetVersion() (0000001D)";
-        EXPECT_EQ(2, Field<uint8_t>(message, 4));
-        EXPECT_EQ(0x2000U, Field<uint32_t>(message, 16));
-        EXPECT_EQ(5U, Field<uint32_t>(message, 20));
-        EXPECT_EQ(1U, Field<uint32_t>(message, 24));
-        EXPECT_EQ(text.size(), Field<uint32_t>(message, 28));
-        EXPECT_EQ(Padded("collector", 32), Bytes(message, 32, 32));
-        EXPECT_EQ(Padded(text, 448), Bytes(message, 64, 448));
-        const auto& cut = packets[2];
-        EXPECT_EQ(0U, Field<uint32_t>(cut, 24));
-        EXPECT_EQ(256U, Field<uint32_t>(cut, 28));
-        EXPECT_EQ(std::string(32, '\0'), Bytes(cut, 32, 32));
-        EXPECT_EQ(Padded(std::string(256, 'x'), 448), Bytes(cut, 64, 448));
+        EXPECT_EQ(Packet(2, {0x2000, 5, 1, text.size()}) + Padded("collector", 32) + Padded(text, 448),
+                  WithoutTime(packets[1]));
+        EXPECT_EQ(Packet(2, {0xA000, 80, 0, 256}) + Padded("", 32) + Padded(std::string(256, 'x'), 448),
+                  WithoutTime(packets[2]));
     });
 }
 
 TEST(PxrTrace, SilentUntilInitSucceedsAndAfterTerm) {
     RunInRoot(MakeTestRoot(), [] {
+        const int inherited = Inherited();
         EXPECT_EQ(-1, PXR_trace_init()) << "nobody listens";
         TraceListener daemon;
         errno = EXDEV;
@@ -160,35 +144,31 @@ TEST(PxrTrace, SilentUntilInitSucceedsAndAfterTerm) {
         PXR_trace(0x1000, 0, "on");
         EXPECT_EQ(3U, daemon.WaitFor(3).size());
         EXPECT_EQ("on", TextOf(daemon.Connections().at(1).at(1)));
-        EXPECT_EQ(std::vector<int>{FD_CLOEXEC}, FlagsOfConnections()) << "which no child inherits";
+        EXPECT_EQ(inherited, Inherited()) << "not the connection";
     });
 }
 
 TEST(PxrTrace, DumpsHaveTheirTableWithoutHeaders) {
     RunInRoot(MakeTestRoot(), [] {
-        TraceListener daemon;
-        ASSERT_EQ(0, PXR_trace_init());
+        Tracing tracing;
         const uint8_t data[20] = {'A', '~', 0x7F, 0x1F, ' ', 0xFF, 0, 'z', 1, 2, 3, 4, 5, 6, 7, 8, '9', 10, 11, 12};
-        PXR_mem_trace(0x1000, 60, "100% title\n", data, 20);
-        PXR_mem_trace(0x1000, 60, "nothing\n", data, 0);
-        const auto packets = daemon.WaitFor(8);
-        ASSERT_EQ(8U, packets.size());
-        char address[2][11];
-        for (int i = 0; i < 2; ++i)
-            snprintf(address[i], sizeof address[i], "0x%08lX",
-                     reinterpret_cast<unsigned long>(data) + 16UL * static_cast<unsigned>(i));
-        const std::string blanks(3UL * 12, ' ');
-        EXPECT_EQ("100% title\n", TextOf(packets[1]));
-        EXPECT_EQ(" address   +0 +1 +2 +3 +4 +5 +6 +7 +8 +9 +A +B +C +D +E +F    0123456789ABCDEF\n",
-                  TextOf(packets[2]));
-        EXPECT_EQ(std::string(78, '-') + "\n", TextOf(packets[3]));
-        EXPECT_EQ(address[0] + std::string(" 41 7E 7F 1F 20 FF 00 7A 01 02 03 04 05 06 07 08    A~.. ..z........\n"),
-                  TextOf(packets[4]));
-        EXPECT_EQ(address[1] + std::string(" 39 0A 0B 0C ") + blanks + "   9...\n", TextOf(packets[5]));
-        EXPECT_EQ("\n", TextOf(packets[6]));
-        for (size_t i = 1; i < packets.size(); ++i) {
-            EXPECT_EQ(i == 1 || i == 7 ? 1U : 0U, Field<uint32_t>(packets[i], 24)) << i;
-        }
+        const auto row = [&](size_t offset, const std::string& bytes) {
+            char begin[32];
+            snprintf(begin, sizeof begin, "1000 60 0 0x%08lX", reinterpret_cast<unsigned long>(data + offset));
+            return begin + bytes;
+        };
+        const auto lines = tracing.LinesOf([&] {
+            PXR_mem_trace(0x1000, 60, "100% title\n", data, 20);
+            PXR_mem_trace(0x1000, 60, "nothing\n", data, 0);
+        });
+        const std::string plain = "1000 60 0 ";
+        EXPECT_THAT(lines, ElementsAre("1000 60 1 100% title\n",
+                                       plain + " address   +0 +1 +2 +3 +4 +5 +6 +7 +8 +9 +A +B +C +D +E +F    " +
+                                           "0123456789ABCDEF\n",
+                                       plain + std::string(78, '-') + "\n",
+                                       row(0, " 41 7E 7F 1F 20 FF 00 7A 01 02 03 04 05 06 07 08    A~.. ..z........\n"),
+                                       row(16, " 39 0A 0B 0C " + std::string(36, ' ') + "   9...\n"), plain + "\n",
+                                       "1000 60 1 nothing\n"));
     });
 }
 
@@ -206,13 +186,11 @@ TEST(PxrTrace, BinaryDataAreCutBehindTheMarker) {
         const auto packets = daemon.WaitFor(3);
         ASSERT_EQ(3U, packets.size());
         const std::string sent = "@Qel_01-01_@" + data;
-        const std::string pieces[] = {sent.substr(0, 432), sent.substr(432)};
-        for (size_t i = 0; i < 2; ++i) {
-            EXPECT_EQ(16, Field<uint8_t>(packets[i + 1], 4));
-            EXPECT_EQ(Padded(std::string(63, 'n'), 64), Bytes(packets[i + 1], 8, 64));
-            EXPECT_EQ(i == 0 ? 432U : 80U, Field<uint32_t>(packets[i + 1], 72));
-            EXPECT_EQ(Padded(pieces[i], 432), Bytes(packets[i + 1], 80, 432));
-        }
+        const std::string name = Packet(16, {}) + Padded(std::string(63, 'n'), 64);
+        EXPECT_EQ(name + Bytes("\xB0\1\0", 4), Bytes(&packets[1], 76));
+        EXPECT_EQ(name + Bytes("\x50\0\0", 4), Bytes(&packets[2], 76));
+        EXPECT_EQ(sent.substr(0, 432), Bytes(&packets[1], 512).substr(80));
+        EXPECT_EQ(Padded(sent.substr(432), 432), Bytes(&packets[2], 512).substr(80));
     });
 }
 
@@ -298,17 +276,14 @@ TEST(PxrTrace, NeverWritesIntoAConnectionThatReusesTheNumber) {
             if (!Eventually([] { return PXR_trace_init() == 0; })) _exit(1);
             close_range(3, ~0U, 0);
             int pairs[10][2];
-            for (auto& pair : pairs) {
-                if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) _exit(2);
-            }
+            int failed = 0;
+            for (auto& pair : pairs)
+                failed += socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0 ? 1 : 0;
             PXR_trace(0x1000, 0, "after");
-            for (const auto& pair : pairs) {
-                char byte;
-                for (const int fd : pair) {
-                    if (recv(fd, &byte, 1, MSG_DONTWAIT) >= 0) _exit(3);
-                }
-            }
-            _exit(0);
+            char byte;
+            for (const auto& [one, other] : pairs)
+                failed += recv(one, &byte, 1, MSG_DONTWAIT) >= 0 || recv(other, &byte, 1, MSG_DONTWAIT) >= 0 ? 1 : 0;
+            _exit(failed);
         }
         TraceListener daemon;
         EXPECT_EQ(0, WaitForExit(child));
@@ -337,56 +312,40 @@ TEST(PxrTrace, ACancelledThreadFinishesItsCall) {
 
 TEST(PxrTrace, RasLogNamesItsLevels) {
     RunInRoot(MakeTestRoot(), [] {
-        TraceListener daemon;
-        ASSERT_EQ(0, PXR_trace_init());
-        for (int level = -1; level <= 4; ++level)
-            KvRasLog(level, "KvAlert.cpp", 42, "%d%% of %s", level, "%n%s");
-        PXR_trace(0x1000, 0, "end");
-        const auto packets = daemon.WaitFor(5);
-        ASSERT_EQ(5U, packets.size());
-        const char* const texts[] = {"[Error] 1% of %n%s (KvAlert.cpp@42)", "[Trace] 2% of %n%s (KvAlert.cpp@42)",
-                                     "[Debug] 3% of %n%s (KvAlert.cpp@42)"};
-        const uint32_t levels[] = {5, 10, 30};
-        for (size_t i = 0; i < 3; ++i) {
-            EXPECT_EQ(texts[i], TextOf(packets[i + 1]));
-            EXPECT_EQ(levels[i], Field<uint32_t>(packets[i + 1], 20));
-            EXPECT_EQ(0x1000U, Field<uint32_t>(packets[i + 1], 16));
-        }
+        Tracing tracing;
+        const auto lines = tracing.LinesOf([] {
+            for (int level = -1; level <= 4; ++level)
+                KvRasLog(level, "KvAlert.cpp", 42, "%d%% of %s", level, "%n%s");
+        });
+        EXPECT_THAT(lines, ElementsAre("1000 5 1 [Error] 1% of %n%s (KvAlert.cpp@42)",
+                                       "1000 10 1 [Trace] 2% of %n%s (KvAlert.cpp@42)",
+                                       "1000 30 1 [Debug] 3% of %n%s (KvAlert.cpp@42)"));
     });
 }
 
 TEST(PxrTrace, ConfigurationHasTwoKindsOfDefaults) {
-    struct Case {
-        std::string file;
-        uint32_t level, size;
-        int network, packet;
-        std::string packetFile;
-        uint32_t packetSize;
-    };
     const std::string usual = "/var/opt/velmora/lantrel/log/agt_pt_linux.log";
     const std::string longest(400, 'p');
-    const Case cases[] = {
-        {"", 20, 5120, 1, 0, usual, 1024},  // no file
-        {"[OtherProduct0330]\nTraceLevel = 3\n", 20, 5120, 1, 0, usual, 1024},
-        {Config(""), 10, 5120, 1, 1, usual, 1024},
-        {Config("TraceLevel=100\nTraceSize=1048577\nPacketTraceSize=0x10\n"), 100, 5120, 1, 1, usual, 16},
+    const std::pair<std::string, std::string> cases[] = {
+        // level, size, network, packet: mode, file, size
+        {"", "20 5120 1 0 " + usual + " 1024"},  // no file
+        {"[OtherProduct0330]\nTraceLevel = 3\n", "20 5120 1 0 " + usual + " 1024"},
+        {Config(""), "10 5120 1 1 " + usual + " 1024"},
+        {Config("TraceLevel=100\nTraceSize=1048577\nPacketTraceSize=0x10\n"), "100 5120 1 1 " + usual + " 16"},
         {Config("NetworkLogMode=False\nPacketTraceMode=False\nTraceLevel=101\nTraceSize=0\nPacketTraceFile=" + longest +
                 "p\n"),
-         10, 0, 0, 0, longest, 1024},
-    };
+         "10 0 0 0 " + longest + " 1024"}};
     EXPECT_EQ(0x61B84201U, PXR_trace_read_config(nullptr));
-    for (const Case& c : cases) {
+    for (const auto& [file, expected] : cases) {
         const MachineRoot root = MakeTestRoot();
-        if (!c.file.empty()) root.AddFile(kConfigPath, c.file);
+        if (!file.empty()) root.AddFile(kConfigPath, file);
         RunInRoot(root, [&] {
-            PXR_trace_config config;
-            EXPECT_EQ(c.file.find("ServerAgent") == std::string::npos, PXR_trace_read_config(&config) != 0) << c.file;
-            EXPECT_EQ(c.level, config.traceLevel) << c.file;
-            EXPECT_EQ(c.size, config.traceSize) << c.file;
-            EXPECT_EQ(c.network, config.networkLogMode) << c.file;
-            EXPECT_EQ(c.packet, config.packetTraceMode) << c.file;
-            EXPECT_EQ(c.packetFile, config.packetTraceFile) << c.file;
-            EXPECT_EQ(c.packetSize, config.packetTraceSize) << c.file;
+            PXR_trace_config c;
+            EXPECT_EQ(file.find("ServerAgent") == std::string::npos, PXR_trace_read_config(&c) != 0) << file;
+            std::ostringstream values;
+            values << c.traceLevel << ' ' << c.traceSize << ' ' << +c.networkLogMode << ' ' << +c.packetTraceMode << ' '
+                   << c.packetTraceFile << ' ' << c.packetTraceSize;
+            EXPECT_EQ(expected, values.str()) << file;
         });
     }
 }
@@ -511,9 +470,8 @@ void GrowAndCheck(const char* path, uint32_t limitKiB, int count, size_t padding
         if (size > before && n % checkEvery != 0) continue;
         int expected = n;
         const auto lines = Lines(Content(path));
-        for (auto it = lines.rbegin(); it != lines.rend(); ++it, --expected) {
+        for (auto it = lines.rbegin(); it != lines.rend(); ++it, --expected)
             ASSERT_EQ(std::to_string(expected) + std::string(padding + static_cast<size_t>(expected) % 7, '.'), *it);
-        }
     }
 }
 
