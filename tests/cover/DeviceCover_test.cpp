@@ -9,10 +9,10 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
-#include <thread>
+#include <memory>
 #include <utility>
 
+#include "tests/support/CancelledThread.h"
 #include "tests/support/TempDirectory.h"
 
 namespace {
@@ -43,16 +43,8 @@ TEST(DeviceCover, DefaultTalksToTheSystem) {
 
 // A destructor that a cancelled thread leaves would end the process.
 TEST(DeviceCover, ACancelledThreadClosesItsDevice) {
-    bool closed = false;
-    std::thread([&] {
-        {
-            const device::Descriptor memory("/dev/null", O_RDONLY);
-            pthread_cancel(pthread_self());
-        }
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-        closed = true;
-    }).join();
-    EXPECT_TRUE(closed);
+    auto memory = std::make_unique<device::Descriptor>("/dev/null", O_RDONLY);
+    EXPECT_TRUE(FinishesWhenCancelled([&] { memory.reset(); }));
 }
 
 TEST(DeviceCover, MappingBehindAPlainFileFailsInsteadOfKilling) {
