@@ -51,6 +51,7 @@ void SetLang(const char* lang) {
 
 /// Runs a body in a process of its own: the locale is kept for the life of a process.
 void InChild(const std::function<void()>& body) {
+    fflush(nullptr);
     const pid_t child = fork();
     if (child == 0) {
         body();
