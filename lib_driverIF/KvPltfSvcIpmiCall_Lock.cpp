@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <condition_variable>
-#include <list>
 #include <mutex>
 #include <utility>
 
@@ -51,46 +50,53 @@ public:
     public:
         Place(Queue& queue, const TimeLimit* limit) : Place(queue) {
             std::unique_lock lock(queue_.mutex_);
-            while (queue_.waiting_.front() != this) {
+            while (queue_.first_ != this) {
                 if (limit == nullptr) {
                     queue_.moved_.wait(lock);
                 } else {
                     queue_.moved_.wait_for(lock, std::chrono::milliseconds(20));
-                    if (queue_.waiting_.front() != this && LimitPassed(*limit)) return;
+                    if (queue_.first_ != this && LimitPassed(*limit)) return;
                 }
             }
-            first_ = true;
+            itsTurn_ = true;
         }
         ~Place() {
             const std::lock_guard lock(queue_.mutex_);
-            queue_.waiting_.erase(self_);
+            Place** link = &queue_.first_;
+            while (*link != this)
+                link = &(*link)->next_;
+            *link = next_;
+            if (queue_.end_ == &next_) queue_.end_ = link;
             queue_.moved_.notify_all();
         }
         Place(const Place&) = delete;
         Place& operator=(const Place&) = delete;
         /// False: the time ran out before it was this thread's turn.
-        explicit operator bool() const { return first_; }
+        explicit operator bool() const { return itsTurn_; }
 
     private:
         explicit Place(Queue& queue) : queue_(queue) {
             const std::lock_guard lock(queue_.mutex_);
-            self_ = queue_.waiting_.insert(queue_.waiting_.end(), this);
+            *queue_.end_ = this;
+            queue_.end_ = &next_;
         }
 
         Queue& queue_;
-        std::list<const Place*>::iterator self_;
-        bool first_ = false;
+        Place* next_ = nullptr;  // the one behind; guarded by the queue's mutex
+        bool itsTurn_ = false;
     };
 
     bool Empty() {
         const std::lock_guard lock(mutex_);
-        return waiting_.empty();
+        return first_ == nullptr;
     }
 
 private:
     std::mutex mutex_;
     std::condition_variable moved_;
-    std::list<const Place*> waiting_;  // guarded by mutex_
+    // Guarded by mutex_. The places link themselves: standing in line takes no memory.
+    Place* first_ = nullptr;
+    Place** end_ = &first_;
 };
 
 Queue& g_queue = *new Queue;  // never destroyed: threads may wait when the process ends
