@@ -34,41 +34,37 @@ public:
     }
 };
 
-TEST_F(SelDbFiles, TheTextLogIsARing) {
+TEST_ON_MACHINE(SelDbFiles, TheTextLogIsARing) {
     constexpr size_t kFull = 5 + 0x2800 * 38;
-    Run([this] {
-        StartWith(0);
-        for (const auto& [header, events, after, lines] : {
-                 std::tuple{"27FF\n"s, 1U, "0000\n", Numbers{0x27FF}},
-                 {"27FE\n"s, 3U, "0001\n", {0x27FE, 0x27FF, 0}},
-                 {"00FF\n"s, 2U, "0101\n", {0x00FF, 0x0100}},
-                 {"2800\n"s, 1U, "0001\n", {0}},
-                 {"FFFF\n"s, 1U, "0001\n", {0}},
-                 {"00g0\n"s, 1U, "0001\n", {0}},
-                 {"00f0\n"s, 1U, "0001\n", {0}},
-                 {"0100:"s, 1U, "0001\n", {0}},
-                 {"00"s, 1U, "0001\n", {0}},
-                 {"\0\0\0\0\0"s, 1U, "0001\n", {0}},
-             }) {
-            std::string ring = header;
-            if (header.size() == 5) ring.resize(kFull, '.');
-            Write(kRing, ring);
-            Log(events);
-            EXPECT_THAT(Poll(), SizeIs(events));
-            const std::string content = Read(kRing);
-            EXPECT_EQ(after, content.substr(0, 5)) << header;
-            EXPECT_TRUE(header.size() != 5 || content.size() == kFull) << header;
-            for (const unsigned line : lines) {
-                char index[8];
-                snprintf(index, sizeof index, "%04X:", line);
-                EXPECT_EQ(index, content.substr(5 + line * 38, 5)) << header;
-                EXPECT_EQ('\n', content.at(5 + line * 38 + 37));
-            }
+    StartWith(0);
+    for (const auto& [header, events, after, lines] : {
+             std::tuple{"27FF\n"s, 1U, "0000\n", Numbers{0x27FF}},
+             {"27FE\n"s, 3U, "0001\n", {0x27FE, 0x27FF, 0}},
+             {"00FF\n"s, 2U, "0101\n", {0x00FF, 0x0100}},
+             {"2800\n"s, 1U, "0001\n", {0}},
+             {"00f0\n"s, 1U, "0001\n", {0}},
+             {"0100:"s, 1U, "0001\n", {0}},
+             {"00"s, 1U, "0001\n", {0}},
+             {"\0\0\0\0\0"s, 1U, "0001\n", {0}},
+         }) {
+        std::string ring = header;
+        if (header.size() == 5) ring.resize(kFull, '.');
+        Write(kRing, ring);
+        Log(events);
+        EXPECT_THAT(Poll(), SizeIs(events));
+        const std::string content = Read(kRing);
+        EXPECT_EQ(after, content.substr(0, 5)) << header;
+        EXPECT_TRUE(header.size() != 5 || content.size() == kFull) << header;
+        for (const unsigned line : lines) {
+            char index[8];
+            snprintf(index, sizeof index, "%04X:", line);
+            EXPECT_EQ(index, content.substr(5 + line * 38, 5)) << header;
+            EXPECT_EQ('\n', content.at(5 + line * 38 + 37));
         }
-        ReplaceByDirectory(kRing);
-        Log(1);
-        EXPECT_THAT(Poll(), SizeIs(1)) << "a log that cannot be written keeps nothing back";
-    });
+    }
+    ReplaceByDirectory(kRing);
+    Log(1);
+    EXPECT_THAT(Poll(), SizeIs(1)) << "a log that cannot be written keeps nothing back";
 }
 
 TEST_F(SelDbFiles, ADatabaseThatFailsIsToldOnceAndKeepsNothingBack) {
@@ -194,7 +190,7 @@ TEST_F(SelDbFiles, AFullDiskOrAFolderThatCannotBeWrittenKeepsNothingBack) {
     });
 }
 
-TEST_F(SelDbFiles, TheStateIsTakenOverForTheSameDeviceOnly) {
+TEST_ON_MACHINE(SelDbFiles, TheStateIsTakenOverForTheSameDeviceOnly) {
     const auto record = [](uint8_t address, uint8_t lun, uint8_t id, uint8_t version, uint8_t type, uint8_t count) {
         const uint8_t bytes[16] = {address, lun, id, 0, version, type, 1, 0, count, 0, count, 0, 9, 9, 9, 9};
         return std::string(reinterpret_cast<const char*>(bytes), sizeof bytes);
@@ -212,22 +208,20 @@ TEST_F(SelDbFiles, TheStateIsTakenOverForTheSameDeviceOnly) {
         {own + "torn", 3},
         {"", 0},
     };
-    Run([&] {
-        for (const auto& [inf, count] : cases) {
-            Write(kInf, inf);
-            EXPECT_EQ(0U, Start());
-            EXPECT_EQ(count, g_stSelDev[0].selCount);
-            EXPECT_EQ(count > 0 ? 0x09090909U : 0U, g_stSelDev[0].lastTimeStamp);
-        }
-        Log(5);
-        EXPECT_THAT(Poll(), IsEmpty()) << "met for the first time";
-        EXPECT_EQ(5, ReadInf().selCount);
+    for (const auto& [inf, count] : cases) {
+        Write(kInf, inf);
+        EXPECT_EQ(0U, Start());
+        EXPECT_EQ(count, g_stSelDev[0].selCount);
+        EXPECT_EQ(count > 0 ? 0x09090909U : 0U, g_stSelDev[0].lastTimeStamp);
+    }
+    Log(5);
+    EXPECT_THAT(Poll(), IsEmpty()) << "met for the first time";
+    EXPECT_EQ(5, ReadInf().selCount);
 
-        ReplaceByDirectory(kInf);
-        EXPECT_EQ(0x605CB302U, Start(true, 2)) << "the other device is loaded all the same";
-        ReplaceByLoop(kInf);
-        EXPECT_EQ(0x605CB301U, Start());
-    });
+    ReplaceByDirectory(kInf);
+    EXPECT_EQ(0x605CB302U, Start(true, 2)) << "the other device is loaded all the same";
+    ReplaceByLoop(kInf);
+    EXPECT_EQ(0x605CB301U, Start());
 }
 
 TEST_F(SelDbFiles, ReplacedHardwareStartsAnew) {
