@@ -167,21 +167,11 @@ TEST_F(OperationThreadTest, DeviceThatNeverStopsTalkingIsGivenUp) {
     EXPECT_GE(1000U, receives);
 }
 
-TEST_F(OperationThreadTest, TruncatedAnswerCountsAndAnEmptyOneIsAFailure) {
+TEST_F(OperationThreadTest, TruncatedAnswerCountsAndAFifthTry) {
+    server.Kernel().FailIoctl(sim::kIpmiReceiveTrunc, EIO, 4);
     EXPECT_EQ(0, Execute(3));
     EXPECT_EQ(3U, length);
     EXPECT_EQ(0x20, response[1]);
-    server.Kernel().PutBeforeNextAnswer({1, 2, 0x07, 0x01, {}, 0});
-    EXPECT_EQ(-1, Execute());
-    EXPECT_EQ(64U, length);
-}
-
-TEST_F(OperationThreadTest, ReceiveIsTriedFiveTimes) {
-    server.Kernel().FailIoctl(sim::kIpmiReceiveTrunc, EIO, 4);
-    EXPECT_EQ(0, Execute());
-    server.Kernel().FailIoctl(sim::kIpmiReceiveTrunc, EIO, 5);
-    EXPECT_EQ(-1, Execute());
-    EXPECT_EQ(0, Execute()) << "the answer that stayed behind is not taken";
 }
 
 TEST_F(OperationThreadTest, IdsGoOnWhateverHappens) {
@@ -210,19 +200,7 @@ TEST_F(OperationThreadTest, CancelledThreadUnwindsThrough) {
     EXPECT_EQ((std::vector<int32_t>{1, 2}), messageIds);
 }
 
-TEST_F(OperationThreadTest, OpenAndClose) {
-    EXPECT_EQ(0, path.LOGG_IPMIInit());
-    EXPECT_EQ(1U, server.Opens("/dev/ipmi0"));
-    path.LOGG_IPMIClose();
-    path.LOGG_IPMIClose();
-    EXPECT_EQ(-1, Execute()) << "closed";
-    server.FailOpen("/dev/ipmi0", EBUSY);
-    EXPECT_EQ(-1, path.LOGG_IPMIInit());
-    EXPECT_EQ(0, path.LOGG_IPMIInit());
-    EXPECT_EQ(0, Execute());
-}
-
-TEST_F(OperationThreadTest, TraceSaysWhatFailed) {
+TEST_F(OperationThreadTest, TraceSaysWhatFailedAndTheNextCommandIsFree) {
     RunInRoot(MakeTestRoot(), [this] {
         std::vector<std::string> expected = {
             "Allready ipmi driver open.",
@@ -239,16 +217,21 @@ TEST_F(OperationThreadTest, TraceSaysWhatFailed) {
         for (std::string& line : expected)
             line.insert(0, "2000 5 1 ");
         EXPECT_EQ(expected, Tracing().LinesOf([this] {
-            path.LOGG_IPMIInit();
+            EXPECT_EQ(0, path.LOGG_IPMIInit());
+            EXPECT_EQ(1U, server.Opens("/dev/ipmi0"));
             path.LOGG_IPMIClose();
+            path.LOGG_IPMIClose();
+            EXPECT_EQ(-1, Execute()) << "closed";
             server.FailOpen("/dev/ipmi0", ENODEV);
-            path.LOGG_IPMIInit();
-            path.LOGG_IPMIInit();
-            path.IPMI_ExecCommand(1, 6, 0, nullptr, &length, nullptr);
-            server.Kernel().PutBeforeNextAnswer({1, 1, 0x07, 0x01, {}, 0});
-            Execute();
+            EXPECT_EQ(-1, path.LOGG_IPMIInit());
+            EXPECT_EQ(0, path.LOGG_IPMIInit());
+            EXPECT_EQ(-1, path.IPMI_ExecCommand(1, 6, 0, nullptr, &length, nullptr));
+            server.Kernel().PutBeforeNextAnswer({1, 2, 0x07, 0x01, {}, 0});
+            EXPECT_EQ(-1, Execute());
+            EXPECT_EQ(64U, length);
             server.Kernel().FailIoctl(sim::kIpmiReceiveTrunc, EIO, 5);
-            Execute();
+            EXPECT_EQ(-1, Execute());
+            EXPECT_EQ(0, Execute()) << "the answer that stayed behind is not taken";
         }));
     });
 }
