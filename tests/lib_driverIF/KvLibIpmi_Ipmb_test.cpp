@@ -5,6 +5,7 @@
 #include <chrono>
 #include <memory>
 #include <new>
+#include <span>
 #include <thread>
 #include <vector>
 
@@ -282,8 +283,8 @@ TEST_F(IpmbTest, EndWhileSixteenThreadsAreBridging) {
         EXPECT_TRUE(Eventually([&] { return satellite.Count() >= outstanding; }, 20s));
         Terminate_IpmiIF();
         waiting.threads.clear();
-        for (unsigned i = 0; i < 16; ++i)
-            EXPECT_TRUE(waiting.results[i] == -110 || waiting.results[i] == -1) << waiting.results[i];
+        for (const int result : std::span(waiting.results).first(16))
+            EXPECT_TRUE(result == -110 || result == -1) << result;
         EXPECT_EQ(nullptr, ipmb_reqqent_free);
         SetTimerClock(&clock);
         ASSERT_EQ(0, Init_IpmiIF());
