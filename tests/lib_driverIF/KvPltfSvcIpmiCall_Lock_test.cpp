@@ -82,20 +82,20 @@ void Contend(Shared& shared, int rounds, int microseconds) {
 void RunContenders(Shared& shared, int rounds, int microseconds) {
     constexpr int kEach = 4;
     const MachineRoot root = MakeTestRoot();
-    std::vector<pid_t> children;
-    for (int i = 0; i < kEach; ++i) {
-        children.push_back(root.Start([&] {
+    std::vector<pid_t> children(kEach);
+    for (pid_t& child : children) {
+        child = root.Start([&] {
             CountingTransport device;
             EXPECT_TRUE(OpenIpmiLock());
             for (++shared.ready; shared.ready < kEach;)
                 std::this_thread::yield();
-            std::vector<std::jthread> contenders;
-            for (int t = 0; t < kEach; ++t)
-                contenders.emplace_back(Contend, std::ref(shared), rounds, microseconds);
+            std::vector<std::jthread> contenders(kEach);
+            for (std::jthread& contender : contenders)
+                contender = std::jthread(Contend, std::ref(shared), rounds, microseconds);
             contenders.clear();
             CloseIpmiLock();
             return testing::Test::HasFailure() ? 1 : 0;
-        }));
+        });
     }
     for (const pid_t child : children)
         EXPECT_EQ(0, WaitForExit(child));
@@ -122,15 +122,19 @@ void AwaitAtLeast(const std::atomic<int>& count, int n) {
     std::this_thread::sleep_for(std::chrono::milliseconds(30));  // from there into the wait
 }
 
-/// Runs body in a machine root of its own, with the lock open.
-void WithLock(const std::function<void(CountingTransport&)>& body) {
-    RunInRoot(MakeTestRoot(), [&] {
-        CountingTransport device;
-        ASSERT_TRUE(OpenIpmiLock());
-        body(device);
-        CloseIpmiLock();
-    });
-}
+class IpmiLock : public testing::Test {
+public:
+    /// Runs body in a machine root of its own, with the lock open.
+    void Run(const std::function<void()>& body) {
+        RunInRoot(MakeTestRoot(), [&] {
+            ASSERT_TRUE(OpenIpmiLock());
+            body();
+            CloseIpmiLock();
+        });
+    }
+
+    CountingTransport device;
+};
 
 bool CanTake() {
     int handle = kInvalidHandle;
@@ -143,35 +147,33 @@ void ExpectFreeForOthers() {
     std::thread([] { EXPECT_TRUE(CanTake()) << "another thread of this process"; }).join();
 }
 
-TEST(IpmiLock, NeverLetsTwoConversationsOverlap) {
+TEST_F(IpmiLock, NeverLetsTwoConversationsOverlap) {
     RunContenders(*MakeShared(), 200, 0);
 }
 
-TEST(IpmiLock, NobodyStarves) {
+TEST_F(IpmiLock, NobodyStarves) {
     Shared* shared = MakeShared();
     RunContenders(*shared, 40, 1000);
     // Each of the 16 at most once before any other; a few more, for who was about to be asleep when his turn came.
     EXPECT_LE(shared->longestWait, 16 + 8);
 }
 
-TEST(IpmiLock, OnlyAFullDiskCostsAPause) {
-    WithLock([](CountingTransport&) {
-        const auto start = steady_clock::now();
-        for (int i = 0; i < 100; ++i)
-            EXPECT_TRUE(IpmiBracket());
-        EXPECT_LT(steady_clock::now() - start, std::chrono::milliseconds(100));
-        sim::ScopedVirtualClock clock;
-        {
-            const FullDisk full;
-            EXPECT_TRUE(IpmiBracket());
-            EXPECT_EQ(100'000U, clock.Slept()) << "time for others to come in";
-        }
+TEST_ON_MACHINE(IpmiLock, OnlyAFullDiskCostsAPause) {
+    const auto start = steady_clock::now();
+    for (int i = 0; i < 100; ++i)
         EXPECT_TRUE(IpmiBracket());
-        EXPECT_EQ(100'000U, clock.Slept()) << "they stand in line again";
-    });
+    EXPECT_LT(steady_clock::now() - start, std::chrono::milliseconds(100));
+    sim::ScopedVirtualClock clock;
+    {
+        const FullDisk full;
+        EXPECT_TRUE(IpmiBracket());
+        EXPECT_EQ(100'000U, clock.Slept()) << "time for others to come in";
+    }
+    EXPECT_TRUE(IpmiBracket());
+    EXPECT_EQ(100'000U, clock.Slept()) << "they stand in line again";
 }
 
-TEST(IpmiLock, WhoIsKilledOrCancelledLeavesTheLineAsIfHeHadNeverCome) {
+TEST_F(IpmiLock, WhoIsKilledOrCancelledLeavesTheLineAsIfHeHadNeverCome) {
     const MachineRoot root = MakeTestRoot();
     Shared* shared = MakeShared();
     const pid_t holder = StartHolder(root, *shared);
@@ -179,7 +181,6 @@ TEST(IpmiLock, WhoIsKilledOrCancelledLeavesTheLineAsIfHeHadNeverCome) {
     const pid_t waiter = StartHolder(root, *shared);
     AwaitAtLeast(shared->ready, 2);
     RunInRoot(root, [&] {
-        CountingTransport device;
         ASSERT_TRUE(OpenIpmiLock());
 #ifndef __SANITIZE_ADDRESS__  // which does not see a cancelled thread leave its frames
         std::thread inLine([] { const IpmiBracket bracket; });
@@ -208,107 +209,96 @@ TEST(IpmiLock, WhoIsKilledOrCancelledLeavesTheLineAsIfHeHadNeverCome) {
     WaitForExit(waiter);
 }
 
-TEST(IpmiLock, ACancelledThreadGivesBackWhatItHolds) {
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "the sanitizer does not see a cancelled thread leave its frames";
+#ifndef __SANITIZE_ADDRESS__
+TEST_ON_MACHINE(IpmiLock, ACancelledThreadGivesBackWhatItHolds) {
+    device.cancels = true;
+    std::thread([] {
+        const IpmiBracket bracket;
+        pthread_testcancel();
+        ADD_FAILURE() << "goes on";
+    }).join();
+    std::thread([] {
+        int handle = kInvalidHandle;
+        OpenIpmiDriverPriority(&handle, kInfinite);
+        { const DeviceInBracket open; }
+        CloseIpmiDriverPriority(handle);
+    }).join();
+    device.cancels = false;
+    EXPECT_EQ(device.opened, device.closed);
+    ExpectFreeForOthers();
+}
 #endif
-    WithLock([](CountingTransport& device) {
-        device.cancels = true;
-        std::thread([] {
-            const IpmiBracket bracket;
-            pthread_testcancel();
-            ADD_FAILURE() << "goes on";
-        }).join();
-        std::thread([] {
-            int handle = kInvalidHandle;
-            OpenIpmiDriverPriority(&handle, kInfinite);
-            { const DeviceInBracket open; }
-            CloseIpmiDriverPriority(handle);
-        }).join();
-        device.cancels = false;
-        EXPECT_EQ(device.opened, device.closed);
-        ExpectFreeForOthers();
-    });
-}
 
-TEST(IpmiLock, BracketsNestAndOnlyTheOutermostOpens) {
-    WithLock([](CountingTransport& device) {
+TEST_ON_MACHINE(IpmiLock, BracketsNestAndOnlyTheOutermostOpens) {
+    {
+        IpmiBracket outer;
+        ASSERT_TRUE(outer);
         {
-            IpmiBracket outer;
-            ASSERT_TRUE(outer);
-            {
-                IpmiBracket inner;
-                EXPECT_EQ(outer.Handle(), inner.Handle());
-                int priority = 0;
-                EXPECT_TRUE(OpenIpmiDriverPriority(&priority, 100));
-                EXPECT_TRUE(DeviceInBracket());
-                CloseIpmiDriverPriority(priority);
-                EXPECT_TRUE(inner.LetOthersIn());
-            }
-            EXPECT_TRUE(outer.LetOthersIn()) << "nobody waits";
-            EXPECT_EQ(1, device.opened);
-            EXPECT_EQ(0, device.closed);
-        }
-        EXPECT_EQ(1, device.closed);
-        {
+            IpmiBracket inner;
+            EXPECT_EQ(outer.Handle(), inner.Handle());
             int priority = 0;
-            ASSERT_TRUE(OpenIpmiDriverPriority(&priority, kInfinite));
-            EXPECT_EQ(1, device.opened) << "the lock alone";
+            EXPECT_TRUE(OpenIpmiDriverPriority(&priority, 100));
             EXPECT_TRUE(DeviceInBracket());
-            EXPECT_EQ(2, device.opened);
-            EXPECT_EQ(2, device.closed);
             CloseIpmiDriverPriority(priority);
+            EXPECT_TRUE(inner.LetOthersIn());
         }
-    });
+        EXPECT_TRUE(outer.LetOthersIn()) << "nobody waits";
+        EXPECT_EQ(1, device.opened);
+        EXPECT_EQ(0, device.closed);
+    }
+    EXPECT_EQ(1, device.closed);
+    {
+        int priority = 0;
+        ASSERT_TRUE(OpenIpmiDriverPriority(&priority, kInfinite));
+        EXPECT_EQ(1, device.opened) << "the lock alone";
+        EXPECT_TRUE(DeviceInBracket());
+        EXPECT_EQ(2, device.opened);
+        EXPECT_EQ(2, device.closed);
+        CloseIpmiDriverPriority(priority);
+    }
 }
 
-TEST(IpmiLock, ALockNotOpenOrADeviceThatWillNotOpenLeavesNothingHeld) {
-    WithLock([](CountingTransport& device) {
-        device.refuse = -1;
-        for (const int opened : {3, 3}) {
-            int handle = 0;
-            EXPECT_FALSE(OpenIpmiDriver(&handle, kInfinite));
-            EXPECT_EQ(kInvalidHandle, handle);
-            EXPECT_EQ(opened, device.opened);
-            CloseIpmiLock();  // the second time round it is closed
-        }
-        ASSERT_TRUE(OpenIpmiLock());
-        device.refuse = 0;
-        ExpectFreeForOthers();
-    });
+TEST_ON_MACHINE(IpmiLock, WhatWillNotOpenLeavesNothingHeld) {
+    int handle = 0;
+    device.refuse = -1;
+    EXPECT_FALSE(OpenIpmiDriver(&handle, kInfinite));
+    EXPECT_EQ(kInvalidHandle, handle);
+    EXPECT_EQ(3, device.opened);
+    device.refuse = 0;
+    ExpectFreeForOthers();
+    CloseIpmiLock();
+    handle = 0;
+    EXPECT_FALSE(OpenIpmiDriver(&handle, kInfinite)) << "the lock is not open";
+    EXPECT_EQ(kInvalidHandle, handle);
 }
 
-TEST(IpmiLock, LettingOthersInHandsTheLockOver) {
-    WithLock([](CountingTransport&) {
-        std::atomic<bool> served{false};
-        {
-            IpmiBracket walk;
-            ASSERT_TRUE(walk);
-            std::thread other([&] {
-                const IpmiBracket bracket;
-                served = true;
-            });
-            // The waiter shows up sooner or later; from then on the next step between two records serves it.
-            for (int step = 0; step < 1000 && !served; ++step) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-                ASSERT_TRUE(walk.LetOthersIn());
-            }
-            EXPECT_TRUE(served);
-            other.join();
+TEST_ON_MACHINE(IpmiLock, LettingOthersInHandsTheLockOver) {
+    std::atomic<bool> served{false};
+    {
+        IpmiBracket walk;
+        ASSERT_TRUE(walk);
+        std::thread other([&] {
+            const IpmiBracket bracket;
+            served = true;
+        });
+        // The waiter shows up sooner or later; from then on the next step between two records serves it.
+        for (int step = 0; step < 1000 && !served; ++step) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            ASSERT_TRUE(walk.LetOthersIn());
         }
-    });
+        EXPECT_TRUE(served);
+        other.join();
+    }
 }
 
-TEST(IpmiLock, ATimedWaitEndsInTime) {
-    WithLock([](CountingTransport&) {
-        const IpmiBracket holder;
-        std::thread([] {
-            int handle = kInvalidHandle;
-            EXPECT_FALSE(OpenIpmiDriver(&handle, 30));
-            EXPECT_FALSE(OpenIpmiDriverPriority(&handle, 30));
-            EXPECT_EQ(0, IsIPMIPriorityCtrl());
-        }).join();
-    });
+TEST_ON_MACHINE(IpmiLock, ATimedWaitEndsInTime) {
+    const IpmiBracket holder;
+    std::thread([] {
+        int handle = kInvalidHandle;
+        EXPECT_FALSE(OpenIpmiDriver(&handle, 30));
+        EXPECT_FALSE(OpenIpmiDriverPriority(&handle, 30));
+        EXPECT_EQ(0, IsIPMIPriorityCtrl());
+    }).join();
 }
 
 }  // namespace

@@ -21,3 +21,15 @@ inline void RunInRoot(const MachineRoot& root, const std::function<void()>& body
     });
     EXPECT_EQ(0, status) << "inside the machine root";
 }
+
+/// A test all of which runs where the Run of its fixture lets it; its body is a member of the fixture.
+#define TEST_ON_MACHINE(Fixture, name)                                                                                 \
+    struct name : Fixture {                                                                                            \
+        void OnMachine();                                                                                              \
+        void TestBody() override {                                                                                     \
+            Run([this] { OnMachine(); });                                                                              \
+        }                                                                                                              \
+    };                                                                                                                 \
+    testing::TestInfo* const name##Test = testing::RegisterTest(#Fixture, #name, nullptr, nullptr, __FILE__, __LINE__, \
+                                                                []() -> Fixture* { return new name; });                \
+    void name::OnMachine()

@@ -130,15 +130,3 @@ public:
 private:
     unsigned logged_ = 0;
 };
-
-/// A test all of which runs on a machine as the fixture makes it; its body is a member of the fixture.
-#define TEST_ON_MACHINE(Fixture, name)                                                                                 \
-    struct name : Fixture {                                                                                            \
-        void OnMachine();                                                                                              \
-        void TestBody() override {                                                                                     \
-            Run([this] { OnMachine(); });                                                                              \
-        }                                                                                                              \
-    };                                                                                                                 \
-    testing::TestInfo* const name##Test = testing::RegisterTest(#Fixture, #name, nullptr, nullptr, __FILE__, __LINE__, \
-                                                                []() -> Fixture* { return new name; });                \
-    void name::OnMachine()
