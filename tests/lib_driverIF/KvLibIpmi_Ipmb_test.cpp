@@ -78,13 +78,10 @@ void Deliver(const Bytes& message) {
 }
 
 TEST_F(IpmbTest, BridgesAMessage) {
-    const Called called = Call(kSatellite);
+    const Called called = Call(kSatellite, 4);
     ASSERT_EQ(0, called.result);
     EXPECT_EQ(15U, called.length) << "the checksum at the end is passed on";
     EXPECT_EQ((Bytes{0x1C, 0x01, 0x00, 0x77}), Bytes(called.response.begin(), called.response.begin() + 4));
-    const Called cut = Call(kSatellite, 4);
-    EXPECT_EQ(0, cut.result);
-    EXPECT_EQ(15U, cut.length);
 }
 
 TEST_F(IpmbTest, SendMessageLayout) {
