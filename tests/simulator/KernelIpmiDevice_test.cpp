@@ -147,10 +147,7 @@ TEST(ConversationMarker, SeesOverlapsOfThreadsAndProcesses) {
     int yes = 1;
     std::thread([&] { device.Ioctl(5, kIpmiSetGetsEvents, &yes); }).join();
     EXPECT_EQ(2U, marker->Overlaps()) << "another thread in the middle of this one's conversation";
-    device.Close(5);
-    device.Open(6);
-    EXPECT_EQ(2U, marker->Overlaps());
-    EXPECT_EQ(5U, marker->Conversations());
+    EXPECT_EQ(4U, marker->Conversations());
 }
 
 }  // namespace
