@@ -230,27 +230,22 @@ TEST(SystemResources, AFailureEmptiesTheEnumeration) {
 
 constexpr const char* kRackServer = KV_SOURCE_DIR "/simulator/scenarios/rack-server.json";
 
-/// The server of the machine root, to start the library on; nothing waits for real.
-class Server {
-public:
-    Server() {
-        sim::LoadScenario(server_, "/scenario.json");
-        KvSetDeviceOps(server_.Ops());
-    }
-    ~Server() { KvSetDeviceOps(nullptr); }
-    Server(const Server&) = delete;
-    Server& operator=(const Server&) = delete;
-
-private:
-    sim::ScopedVirtualClock clock_;
-    sim::SimulatedServer server_{clock_};
-};
+/// Runs body in a machine root, on the server of the scenario there; nothing waits for real.
+void RunOnServer(const MachineRoot& root, const std::function<void()>& body) {
+    RunInRoot(root, [&] {
+        sim::ScopedVirtualClock clock;
+        sim::SimulatedServer server(clock);
+        sim::LoadScenario(server, "/scenario.json");
+        KvSetDeviceOps(server.Ops());
+        body();
+        KvSetDeviceOps(nullptr);
+    });
+}
 
 TEST(InitLib, LoadsTheWordsAndCanStartAgain) {
     const MachineRoot root = MakeTestRoot();
     root.AddSystemFile(kRackServer, "/scenario.json");
-    RunInRoot(root, [] {
-        const Server server;
+    RunOnServer(root, [] {
         unsetenv("LANG");
         for (int round = 0; round < 2; ++round) {
             ASSERT_EQ(0, InitLib());
@@ -269,8 +264,7 @@ TEST(InitLib, LoadsTheWordsAndCanStartAgain) {
 TEST(EntryPoints, TraceEntryAndExit) {
     const MachineRoot root = MakeTestRoot();
     root.AddSystemFile(kRackServer, "/scenario.json");
-    RunInRoot(root, [] {
-        const Server server;
+    RunOnServer(root, [] {
         Tracing tracing;
         std::vector<std::string> lines = tracing.LinesOf([] {
             InitLib();
@@ -307,8 +301,7 @@ TEST(EntryPoints, TraceEntryAndExit) {
 TEST(InitLib, GoesOnWithoutCatalogues) {
     const MachineRoot bare(".");
     bare.AddSystemFile(kRackServer, "/scenario.json");
-    RunInRoot(bare, [] {
-        const Server server;
+    RunOnServer(bare, [] {
         EXPECT_EQ(0, InitLib());
         EXPECT_EQ(nullptr, g_pszUnknown);
         EXPECT_EQ(0, TerminateLib());
@@ -318,9 +311,8 @@ TEST(InitLib, GoesOnWithoutCatalogues) {
 TEST(InitLib, TellsWhichLayerDidNotStart) {
     const MachineRoot root = MakeTestRoot();
     root.AddFile("/scenario.json", R"({"description": "no firmware"})");
-    RunInRoot(root, [] {
+    RunOnServer(root, [] {
         umount2("/sys", MNT_DETACH);  // the kernel has its own copy of the firmware's table
-        const Server nothing;
         EXPECT_EQ(0x6000B700u, static_cast<uint32_t>(InitLib()));
         EXPECT_STREQ("Unknown", g_pszUnknown) << "what was started stays";
         EXPECT_EQ(0, TerminateLib());

@@ -9,11 +9,10 @@
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <sstream>
 
 #include "platform_IF/src/proc_if.h"
-#include "simulator/MachineRoot.h"
 #include "tests/support/CancelledThread.h"
+#include "tests/support/InMachineRoot.h"
 
 namespace {
 
@@ -67,26 +66,22 @@ Lines ReadIrqDma(uint32_t (*reader)(int*, SysresIrqDma**)) {
 const auto ReadIrq = [] { return ReadIrqDma(GetSysresIrq); };
 const auto ReadDma = [] { return ReadIrqDma(GetSysresDma); };
 
-/// What a reader gives on a machine on which one of the kernel's lists has this content.
-Lines On(const std::string& path, const std::string& content, Lines (*reader)()) {
+/// Expects what a reader gives on a machine on which one of the kernel's lists has this content.
+void Expect(const std::string& path, Lines (*reader)(), const std::string& content,
+            const testing::Matcher<Lines>& expected) {
     MachineRoot machine(".");
     machine.ReplaceProc(path, content);
-    const int status = machine.Run([&] {
-        std::ofstream out("/result");
-        for (const std::string& line : reader())
-            out << line << '\n';
-        return 0;
-    });
-    EXPECT_EQ(0, status);
-    std::istringstream result(machine.ReadFile("/result"));
-    Lines lines;
-    for (std::string line; std::getline(result, line);)
-        lines.push_back(line);
-    return lines;
+    RunInRoot(machine, [&] { EXPECT_THAT(reader(), expected) << content; });
 }
-const auto PortsOf = [](const std::string& content) { return On("/proc/ioports", content, ReadPorts); };
-const auto IrqOf = [](const std::string& content) { return On("/proc/interrupts", content, ReadIrq); };
-const auto DmaOf = [](const std::string& content) { return On("/proc/dma", content, ReadDma); };
+void ExpectPorts(const std::string& content, const testing::Matcher<Lines>& expected) {
+    Expect("/proc/ioports", ReadPorts, content, expected);
+}
+void ExpectIrq(const std::string& content, const testing::Matcher<Lines>& expected) {
+    Expect("/proc/interrupts", ReadIrq, content, expected);
+}
+void ExpectDma(const std::string& content, const testing::Matcher<Lines>& expected) {
+    Expect("/proc/dma", ReadDma, content, expected);
+}
 
 /// The interrupts as grep, sed and scanf give them.
 Lines IrqByShell(const fs::path& interrupts) {
@@ -108,41 +103,34 @@ Lines IrqByShell(const fs::path& interrupts) {
 }
 
 TEST(SystemResources, PortsKeepNestingAndOrder) {
-    EXPECT_THAT(PortsOf("0000-0cf7 : PCI Bus 0000:00\n"
-                        "  0000-001f : dma1\n"
-                        "    0020-0021 : pic1\n"
-                        "0d00-ffff :\n"),
+    ExpectPorts("0000-0cf7 : PCI Bus 0000:00\n  0000-001f : dma1\n    0020-0021 : pic1\n0d00-ffff :\n",
                 ElementsAre("1 0-cf7 [ PCI Bus 0000:00] 4 I/O", "2 0-1f [ dma1] 4 I/O", "3 20-21 [ pic1] 4 I/O",
                             "4 d00-ffff [] 4 I/O"));
 }
 
 TEST(SystemResources, PortsEndAtTheFirstLineWithoutRange) {
-    EXPECT_THAT(PortsOf(""), IsEmpty());
-    EXPECT_THAT(PortsOf("no colon anywhere\n"), IsEmpty());
-    for (const char* bad : {"what : is this", "0060 : no end", "0060-: no end", "0060 - 0064 : blanks", ": nothing"}) {
-        EXPECT_THAT(PortsOf("0000-001f : dma1\n" + std::string(bad) + "\n0080-008f : lost\n"),
-                    ElementsAre("1 0-1f [ dma1] 4 I/O"))
-            << bad;
-    }
-    EXPECT_THAT(PortsOf("\n0000-001f\n0020-0021 : pic1\n123456789-ffffffff0 : wide"),
-                ElementsAre("1 20-21 [ pic1] 4 I/O", "2 ffffffff-ffffffff [ wide] 4 I/O"))
-        << "neither an empty line nor one without a colon is an entry";
+    ExpectPorts("", IsEmpty());
+    ExpectPorts("no colon anywhere\n", IsEmpty());
+    for (const std::string bad :
+         {"what : is this", "0060 : no end", "0060-: no end", "0060 - 0064 : blanks", ": nothing"})
+        ExpectPorts("0000-001f : dma1\n" + bad + "\n0080-008f : lost\n", ElementsAre("1 0-1f [ dma1] 4 I/O"));
+    // Neither an empty line nor one without a colon is an entry.
+    ExpectPorts("\n0000-001f\n0020-0021 : pic1\n123456789-ffffffff0 : wide",
+                ElementsAre("1 20-21 [ pic1] 4 I/O", "2 ffffffff-ffffffff [ wide] 4 I/O"));
 }
 
 TEST(SystemResources, InterruptTexts) {
-    EXPECT_THAT(
-        IrqOf("           CPU0\n"
-              "  0:        123    IO-APIC-edge  timer\n"
-              "  2:          0          XT-PIC  cascade\n"
-              "  9:          0  IO-APIC   9-fasteoi   acpi\n"
-              " 17:          4\n"
-              "NMI:          0\n"
-              "ERR:          0\n"),
-        ElementsAre("1 0 [timer] 5 IRQ", "2 2 [cascade] 5 IRQ", "3 9 [9-fasteoi   acpi] 5 IRQ", "4 17 [] 5 IRQ"));
-    EXPECT_THAT(IrqOf("  1: 5 X y\n1 2: 5 X z\n"), ElementsAre("612A7985 0 null")) << "nothing of it is handed out";
-    EXPECT_THAT(IrqOf("   : 5 X y\n"), ElementsAre("612A7985 0 null"));
-    EXPECT_THAT(IrqOf(""), IsEmpty());
-    EXPECT_THAT(IrqOf("  1: 5 X " + std::string(400, 'y')), ElementsAre("1 1 [" + std::string(254, 'y') + "] 5 IRQ"));
+    ExpectIrq(
+        "           CPU0\n"
+        "  0:        123    IO-APIC-edge  timer\n"
+        "  9:          0  IO-APIC   9-fasteoi   acpi\n"
+        " 17:          4\n"
+        "ERR:          0\n",
+        ElementsAre("1 0 [timer] 5 IRQ", "2 9 [9-fasteoi   acpi] 5 IRQ", "3 17 [] 5 IRQ"));
+    ExpectIrq("  1: 5 X y\n1 2: 5 X z\n", ElementsAre("612A7985 0 null"));  // nothing of it is handed out
+    ExpectIrq("   : 5 X y\n", ElementsAre("612A7985 0 null"));
+    ExpectIrq("", IsEmpty());
+    ExpectIrq("  1: 5 X " + std::string(400, 'y'), ElementsAre("1 1 [" + std::string(254, 'y') + "] 5 IRQ"));
 }
 
 TEST(SystemResources, InterruptsAreWhatTheShellMakesOfThem) {
@@ -172,18 +160,18 @@ TEST(SystemResources, InterruptsAreWhatTheShellMakesOfThem) {
     };
     for (const std::string& sample : recorded) {
         std::ofstream("interrupts.sample", std::ios::trunc) << sample;
-        EXPECT_EQ(IrqByShell("interrupts.sample"), IrqOf(sample)) << sample;
+        ExpectIrq(sample, testing::ContainerEq(IrqByShell("interrupts.sample")));
     }
     fs::remove("interrupts.sample");
     EXPECT_EQ(IrqByShell("/proc/interrupts"), ReadIrq()) << "on this machine";
 }
 
 TEST(SystemResources, DmaChannels) {
-    EXPECT_THAT(DmaOf(" 2: floppy\n 4: cascade\n"), ElementsAre("1 2 [ floppy] 6 DMA", "2 4 [ cascade] 6 DMA"));
-    EXPECT_THAT(DmaOf(""), IsEmpty());
-    EXPECT_THAT(DmaOf(" 1: sound: left\n 4: cascade"), ElementsAre("1 1 [ sound: left] 6 DMA", "2 4 [ cascade] 6 DMA"))
-        << "a colon in a name is no channel";
-    EXPECT_THAT(DmaOf(" 1: sound\nNo DMA: here\n 4: cascade\n"), ElementsAre("1 1 [ sound] 6 DMA"));
+    ExpectDma(" 2: floppy\n 4: cascade\n", ElementsAre("1 2 [ floppy] 6 DMA", "2 4 [ cascade] 6 DMA"));
+    ExpectDma("", IsEmpty());
+    // A colon in a name is no channel.
+    ExpectDma(" 1: sound: left\n 4: cascade", ElementsAre("1 1 [ sound: left] 6 DMA", "2 4 [ cascade] 6 DMA"));
+    ExpectDma(" 1: sound\nNo DMA: here\n 4: cascade\n", ElementsAre("1 1 [ sound] 6 DMA"));
 }
 
 TEST(SystemResources, Failures) {
