@@ -58,11 +58,12 @@ protected:
         return WaitForExit(std::exchange(pid_, -1));
     }
 
-    std::string SocketPath() const { return std::filesystem::relative(root_.Outside(PXR_TRACE_SOCKET)).string(); }
     int Connect() {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
-        SocketPath().copy(address.sun_path, sizeof address.sun_path - 1);
+        std::filesystem::relative(root_.Outside(PXR_TRACE_SOCKET))
+            .string()
+            .copy(address.sun_path, sizeof address.sun_path - 1);
         const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return clients_.emplace_back(fd);
         close(fd);
@@ -209,10 +210,10 @@ TEST_F(Pxrtraced, RotatesAndKeepsBinaryDataAsADump) {
     data.body.data.count = 18;
     memcpy(data.body.data.data, "@Qel_01-01_@\0\xFF~~ab", 18);
     Send(fd, data);
-    const auto dump = LogUntil("ab", "/var/opt/velmora/lantrel/log/data.log");
-    EXPECT_THAT(dump, ElementsAre(EndsWith("] pxragt[6]: : frames, 18 bytes"),
-                                  "0000  40 51 65 6C 5F 30 31 2D 30 31 5F 40 00 FF 7E 7E  @Qel_01-01_@..~~",
-                                  "0010  61 62                                            ab"));
+    EXPECT_THAT(LogUntil("ab", "/var/opt/velmora/lantrel/log/data.log"),
+                ElementsAre(EndsWith("] pxragt[6]: : frames, 18 bytes"),
+                            "0000  40 51 65 6C 5F 30 31 2D 30 31 5F 40 00 FF 7E 7E  @Qel_01-01_@..~~",
+                            "0010  61 62                                            ab"));
     for (int i = 0; i < 100; ++i) {
         Send(fd, Message(std::string(50, 'r'), 0, 0x1000, 0));
         Send(fd, data);
