@@ -7,9 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <functional>
 #include <numeric>
 #include <random>
 #include <span>
@@ -416,12 +414,11 @@ TEST_F(Smbios, BothWaysThroughDevMemGiveTheSame) {
     EXPECT_EQ(0U, memory.OpenMaps());
 }
 
-TEST(SmbiosDriver, IsUsedWhenItsModuleIsInstalled) {
+TEST_F(Smbios, TheMemoryDriverIsUsedWhenItsModuleIsInstalled) {
     const MachineRoot root(".");
     root.AddFile("/opt/velmora/lantrel/lib/KvDrvMem.o", "");
-    RunInRoot(root, [] {
+    RunInRoot(root, [&] {
         Tracing tracing;
-        SimulatedMemory memory;
         memory.SetMemoryDriver(true);
         memory.AddMemory(Server().Blocks());
         const auto lines = tracing.LinesOf([&] {
@@ -441,7 +438,7 @@ TEST(SmbiosDriver, IsUsedWhenItsModuleIsInstalled) {
 
         memory.SetMemoryDriver(true);
         ASSERT_EQ(0, Init_SmbiosIF()) << "the whole reader works through the driver";
-        EXPECT_EQ(10U, smbios_tablecnt - 1);
+        EXPECT_EQ(11U, smbios_tablecnt);
         Terminate_SmbiosIF();
         EXPECT_EQ(0U, memory.Opens("/dev/mem"));
     });
@@ -456,13 +453,12 @@ std::string Text(const Bytes& bytes) {
     return {bytes.begin(), bytes.end()};
 }
 
-TEST(SmbiosKernelTable, ServesWhenMemoryShowsNothing) {
+TEST_F(Smbios, TheKernelsTableServesWhenMemoryShowsNothing) {
     SmbiosImage image = Server();
     image.majorVersion = 3;
     image.minorVersion = 2;
     const std::string padded = Text(image.Table()) + std::string(100, '\x11');  // behind the end-of-table structure
     RunWithOwnSysfs([&] {
-        SimulatedMemory memory;
         memory.FailToOpen(EPERM);
         WriteSysfs(kTableFile, padded);
         for (const Bytes& entry : {image.EntryPoint64(), image.EntryPoint()}) {
@@ -474,17 +470,14 @@ TEST(SmbiosKernelTable, ServesWhenMemoryShowsNothing) {
             EXPECT_EQ(padded.size(), sb_u16(smbios_header, 22));
             EXPECT_EQ(0U, sb_u32(smbios_header, 24));
             EXPECT_EQ(11U, sb_u16(smbios_header, 28));
-            Bytes last(0x22);
-            smbios_gettable_block block = {0, SMBIOS_TABLE_BY_INDEX, 17, 8, 0, last.data(), 0x22, 0};
-            EXPECT_EQ(0, smbios_ioctl(SMBIOS_GETTABLE, &block));
-            EXPECT_EQ("DIMM7", std::string(last.begin() + 0x1C, last.begin() + 0x21));
+            EXPECT_THAT(Text(Structure(17, 8)), HasSubstr("DIMM7"));
             Terminate_SmbiosIF();
             EXPECT_TRUE(sb_kernel_table().empty());
         }
     });
 }
 
-TEST(SmbiosKernelTable, IsTakenOnlyWhenSound) {
+TEST_F(Smbios, TheKernelsTableIsTakenOnlyWhenSound) {
     const SmbiosImage image = Server();
     const std::string table = Text(image.Table());
     const std::string good = Text(image.EntryPoint64());
@@ -492,11 +485,9 @@ TEST(SmbiosKernelTable, IsTakenOnlyWhenSound) {
     badSum[7] ^= 1;
     std::string badLength = good;
     badLength[6] = '\x7F';
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {badSum, table}, {badLength, table}, {good.substr(0, 23), table}, {"", table}, {good, ""}};
     RunWithOwnSysfs([&] {
-        SimulatedMemory memory;
-        for (const auto& [entry, content] : cases) {
+        for (const auto& [entry, content] :
+             {std::pair(badSum, table), {badLength, table}, {good.substr(0, 23), table}, {"", table}, {good, ""}}) {
             WriteSysfs(kEntryFile, entry);
             WriteSysfs(kTableFile, content);
             memory.FailToOpen(0);
@@ -517,31 +508,25 @@ TEST(SmbiosKernelTable, IsTakenOnlyWhenSound) {
 
 // ---- PCI interrupt routing ----
 
-Bytes RoutingTable(size_t slots) {
+/// A table that claims to have so many bytes, with a sum that is right for it.
+Bytes RoutingTable(size_t slots, size_t claimed) {
     Bytes table(32 + 16 * slots);
     memcpy(table.data(), "$PIR", 4);
-    table[6] = static_cast<uint8_t>(table.size());
-    table[7] = static_cast<uint8_t>(table.size() >> 8);
-    for (size_t i = 0; i < slots; ++i) {
-        table[32 + 16 * i] = static_cast<uint8_t>(i);
+    table[6] = static_cast<uint8_t>(claimed);
+    table[7] = static_cast<uint8_t>(claimed >> 8);
+    for (size_t i = 0; i < slots; ++i)
         table[32 + 16 * i + 14] = static_cast<uint8_t>(i + 1);
-    }
-    table[31] = sim::SmbiosChecksum(table, 0, table.size());
+    const size_t summed = std::min(claimed, table.size());
+    table[std::min<size_t>(summed, 32) - 1] = sim::SmbiosChecksum(table, 0, summed);
     return table;
 }
 
 TEST_F(Smbios, FindsPciSlots) {
-    Bytes bad = RoutingTable(2);
+    Bytes bad = RoutingTable(2, 64);
     bad[31] ^= 1;
-    Bytes small = RoutingTable(0);
-    small[6] = 31;
-    small[30] = sim::SmbiosChecksum(small, 0, 31);
-    Bytes large = RoutingTable(2);
-    large[7] = 0xFF;  // beyond the area
-    large[31] = static_cast<uint8_t>(large[31] + 1);
     memory.AddMemory(kSegment + 0x100, bad);
-    memory.AddMemory(kSegment + 0x200, small);
-    memory.AddMemory(kSegment + 0x300, large);
+    memory.AddMemory(kSegment + 0x200, RoutingTable(0, 31));
+    memory.AddMemory(kSegment + 0x300, RoutingTable(2, 0xFF40));  // beyond the area
     RunInRoot(MakeTestRoot(), [&] {
         char text[256] = "";
         FILE* const log = fmemopen(text, sizeof(text), "w");
@@ -553,7 +538,7 @@ TEST_F(Smbios, FindsPciSlots) {
         fclose(log);
         EXPECT_THAT(text, HasSubstr("PCIBIOS")) << "a bad checksum is the administrator's concern";
 
-        memory.AddMemory(kSegment + 0xF000, RoutingTable(5));
+        memory.AddMemory(kSegment + 0xF000, RoutingTable(5, 112));
         EXPECT_EQ(0, smbios_ioctl(SMBIOS_GETPCI, &block));
         EXPECT_EQ(0, block.status);
         EXPECT_EQ(3U, block.count) << "what the buffer holds";

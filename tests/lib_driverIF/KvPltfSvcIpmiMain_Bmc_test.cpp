@@ -52,15 +52,19 @@ TEST_F(BmcServices, TheAddressIsThatOfTheFirstIpmiDevice) {
     expectAddress(0x20);
 }
 
+/// @return the processor's name, which is always to be had
+std::string ProcessorName() {
+    char name[KVPS_PROCESSOR_NAME_SIZE + 1];
+    memset(name, '#', sizeof name);
+    EXPECT_EQ(0U, KvPsGetProcessorName(name));
+    EXPECT_EQ('#', name[KVPS_PROCESSOR_NAME_SIZE]);
+    return name;
+}
+
 TEST_F(BmcServices, NamesAreGivenWhole) {
     Run([this] {
-        char name[KVPS_PROCESSOR_NAME_SIZE + 1];
-        memset(name, '#', sizeof name);
         Bmc().Oem()->processorName = std::string(47, 'x');
-        EXPECT_EQ(0U, KvPsGetProcessorName(name));
-        EXPECT_EQ(std::string(47, 'x'), name);
-        EXPECT_EQ('#', name[KVPS_PROCESSOR_NAME_SIZE]);
-
+        EXPECT_EQ(std::string(47, 'x'), ProcessorName());
         char product[KVPS_PRODUCT_NAME_SIZE];
         for (const size_t length : {71U, 0U}) {
             Bmc().Oem()->productName = std::string(length, 'y');
@@ -71,20 +75,18 @@ TEST_F(BmcServices, NamesAreGivenWhole) {
 }
 
 TEST_F(BmcServices, NamesThatAreRefusedOrTooLongAreUnknown) {
-    Run([&] {
-        char name[KVPS_PROCESSOR_NAME_SIZE];
-        using Case = std::tuple<uint8_t, std::string, const char*>;
-        for (const auto& [count, sent, expected] :
-             {Case{48, std::string(48, 'x'), "Unknown"}, Case{255, "short", "Unknown"},
-              Case{40, "claims more", "claims more"}, Case{3, "Xeo and more", "Xeo"}}) {
-            AnswerName(0x26, count, sent);
-            EXPECT_EQ(0U, KvPsGetProcessorName(name));
-            EXPECT_STREQ(expected, name);
-        }
+    Run([this] {
+        AnswerName(0x26, 48, std::string(48, 'x'));
+        EXPECT_EQ("Unknown", ProcessorName());
+        AnswerName(0x26, 255, "short");
+        EXPECT_EQ("Unknown", ProcessorName());
+        AnswerName(0x26, 40, "claims more");
+        EXPECT_EQ("claims more", ProcessorName());
+        AnswerName(0x26, 3, "Xeo and more");
+        EXPECT_EQ("Xeo", ProcessorName());
         Bmc().Refuse(kOem, 0x26, 0xC1);
         unlink("/opt/velmora/lantrel/lib/nls/C/KvAgent.cat");
-        EXPECT_EQ(0U, KvPsGetProcessorName(name));
-        EXPECT_STREQ("Unknown", name) << "without a catalogue too";
+        EXPECT_EQ("Unknown", ProcessorName()) << "without a catalogue too";
     });
 }
 

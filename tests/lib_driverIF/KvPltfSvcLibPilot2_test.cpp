@@ -73,6 +73,17 @@ protected:
         g_log.clear();
         SetLogFunction(Log);
     }
+    static std::optional<uint32_t> Family() {
+        uint32_t family = 9;
+        const bool known = IsVaristel(&family);
+        EXPECT_EQ(known, family != 9);
+        return known ? std::optional(family) : std::nullopt;
+    }
+    /// The record that is kept; none: empty.
+    static Bytes Kept() {
+        Bytes record(kBmcCapabilitySize);
+        return GetBMCCapability(record.data()) ? record : Bytes{};
+    }
     void BecomeCode2Blade(const std::string& type) {
         SetSmbiosCode("002");
         Bmc().Oem()->capability = Capability(type);
@@ -87,12 +98,9 @@ TEST_F(LibPilot2, TheProductNameTellsTheFamily) {
     for (const auto& [product, expected] : families) {
         SetProduct(product);
         Run([expected = expected] {
-            for (int i = 0; i < 2; ++i) {
-                uint32_t family = 9;
-                EXPECT_TRUE(IsVaristel(&family));
-                EXPECT_EQ(expected, family);
-                KvPsTerminateSmbios();  // once known, it stays so
-            }
+            EXPECT_EQ(expected, Family());
+            KvPsTerminateSmbios();
+            EXPECT_EQ(expected, Family()) << "known for good";
         });
     }
 }
@@ -101,16 +109,12 @@ TEST_F(LibPilot2, TheFamilyMakesSureThatSmbiosWasRead) {
     Run([] {
         KvPsTerminateSmbios();
         ASSERT_TRUE(ktx_smbios::InitSmbiosLib());  // found, but not copied
-        uint32_t family = 9;
-        EXPECT_TRUE(IsVaristel(&family));
-        EXPECT_EQ(kFamilyBlade, family);
+        EXPECT_EQ(kFamilyBlade, Family());
     });
     smbios = {};
     smbios.Add(sim::SmbiosBios{.vendor = "Example"});
     Run([] {
-        uint32_t family = 9;
-        EXPECT_FALSE(IsVaristel(&family));
-        EXPECT_EQ(9U, family);
+        EXPECT_EQ(std::nullopt, Family());
         EXPECT_THAT(g_log, Contains("[LibPilot2] KvPsGetSystemInformation return 0x60d0b802."));
     });
 }
@@ -142,26 +146,22 @@ TEST_F(LibPilot2, TheRecordOfABladeIsKeptInMemoryAndInItsFile) {
         EXPECT_EQ(1U, Bmc().Count(kOem, 0x2A));
         EXPECT_THAT(g_log, Contains("[LibPilot2] BMC Capability Code : [ 00 00 00 5A ]"));
         EXPECT_EQ(0, unlink(kCapabilityFile));
-        Bytes kept(kBmcCapabilitySize);
-        EXPECT_TRUE(GetBMCCapability(kept.data()));
-        EXPECT_EQ(record, kept);
+        EXPECT_EQ(record, Kept());
         EXPECT_TRUE(InitBMCCapability()) << "already kept: the file is not written again";
-        EXPECT_FALSE(ReadBMCCapabilityBin(kept.data()));
+        Bytes read(kBmcCapabilitySize);
+        EXPECT_FALSE(ReadBMCCapabilityBin(read.data()));
         EXPECT_EQ(std::string("[LibPilot2] FileOpen(rb) Error.(") + kCapabilityFile + ")", g_log.back());
     });
     Run([&] { EXPECT_TRUE(InitBMCCapability()); });
     EXPECT_EQ(std::string(record.begin(), record.end()), root.ReadFile(kCapabilityFile));
     Run([&] {
-        Bytes kept(kBmcCapabilitySize);
-        EXPECT_TRUE(GetBMCCapability(kept.data())) << "from the file";
-        EXPECT_EQ(record, kept);
+        EXPECT_EQ(record, Kept()) << "from the file";
         EXPECT_EQ(0U, Bmc().Count());
     });
     SetSmbiosCode("");
     Run([&] {
+        EXPECT_EQ(record, Kept());
         Bytes kept(kBmcCapabilitySize);
-        EXPECT_TRUE(GetBMCCapability(kept.data()));
-        kept.assign(kBmcCapabilitySize, 0);
         EXPECT_EQ(0U, ktx_ipmi::GetBMCStatus(1, 0x20, kept.data())) << "without the command, from what is kept";
         EXPECT_EQ(record, kept);
     });
@@ -171,8 +171,7 @@ TEST_F(LibPilot2, ATornFileIsNoRecord) {
     for (const size_t size : {0U, 51U, 53U}) {
         root.AddFile(kCapabilityFile, std::string(size, 'x'));
         Run([] {
-            uint8_t record[kBmcCapabilitySize];
-            EXPECT_FALSE(GetBMCCapability(record));
+            EXPECT_EQ(Bytes{}, Kept());
             EXPECT_EQ(std::string("[LibPilot2] FileRead Error.(") + kCapabilityFile + ")", g_log.back());
         });
     }

@@ -116,9 +116,12 @@ TEST_F(SmbiosQuery, SystemInformation) {
 
 TEST_F(SmbiosQuery, Strings) {
     SmbiosImage image;
-    SmbiosStructure structure(9, 1, 10);
-    structure.String(4, "first").String(5, std::string(300, 'x')).String(6, "third").Byte(7, 4).Byte(8, 255);
-    image.Add(structure);
+    image.Add(SmbiosStructure(9, 1, 10)
+                  .String(4, "first")
+                  .String(5, std::string(300, 'x'))
+                  .String(6, "third")
+                  .Byte(7, 4)
+                  .Byte(8, 255));
     ASSERT_EQ(0U, Start(image));
     KVPS_SMBIOS_TPHEAD* const head = OfType(9).at(0);
     const auto text = [&](uint8_t offset, uint32_t size) {
