@@ -78,9 +78,10 @@ bool IsFree(const Lock& lock) {
     return free;
 }
 
-/// A lock that a thread took with it stays open: closing it would wait for that thread for ever.
+/// The calling thread must get the lock at once; a new one, on the stack of a dead one, would get what that one has. A
+/// lock that is not free stays open: closing it would wait for ever.
 void ExpectFree(Lock& lock) {
-    const bool free = IsFree(lock);
+    const bool free = LockFLock(lock.get(), 0) == 1 && UnlockFLock(lock.get()) == 1;
     EXPECT_TRUE(free);
     if (!free) static_cast<void>(lock.release());
 }
