@@ -27,21 +27,11 @@ constexpr uint8_t kGetSdr = 0x23;
 constexpr const char* kDump = "/var/opt/velmora/lantrel/log/sdr.dump";
 
 sim::FullRecord Full(uint8_t number, const std::string& name = "Sensor", uint8_t owner = 0x20, uint8_t lun = 0) {
-    sim::FullRecord record;
-    record.owner = owner;
-    record.lun = lun;
-    record.number = number;
-    record.name = name;
-    return record;
+    return {{.owner = owner, .lun = lun, .number = number, .name = name}};
 }
 
 sim::SharedRecord Shared(uint8_t number, const std::string& name, uint8_t count, uint8_t offset = 0) {
-    sim::SharedRecord record;
-    record.number = number;
-    record.name = name;
-    record.shareCount = count;
-    record.modifierOffset = offset;
-    return record;
+    return {{.number = number, .name = name}, count, false, offset};
 }
 
 Bytes WithByte(Bytes record, size_t at, uint8_t value) {

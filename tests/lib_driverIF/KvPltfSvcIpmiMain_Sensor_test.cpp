@@ -26,16 +26,15 @@ constexpr uint8_t kTemperature = 1;
 class Sensors : public SimulatedMachine {
 protected:
     void Add(uint8_t number, const std::string& name, uint8_t owner = 0x20) {
-        sim::FullRecord record;
-        record.owner = owner;
-        record.number = number;
-        record.name = name;
-        record.entityId = kProcessor;
-        record.entityInstance = number;
-        record.sensorType = kTemperature;
-        record.conversion = {0x80, 1, 0, 2, 9, 0x40, 0xF6, 0xC0, 5, 0xE1};
-        record.nominalGiven = true;
-        record.nominal = 42;
+        const sim::FullRecord record{{.owner = owner,
+                                      .number = number,
+                                      .entityId = kProcessor,
+                                      .entityInstance = number,
+                                      .sensorType = kTemperature,
+                                      .name = name},
+                                     {0x80, 1, 0, 2, 9, 0x40, 0xF6, 0xC0, 5, 0xE1},
+                                     true,
+                                     42};
         Bmc().Sdr()->Add(record.Encode());
         Bmc().Sensors()->At(number).reading = number;
     }
@@ -65,11 +64,7 @@ std::vector<std::string> ProcessorTemperatures() {
 
 TEST_F(Sensors, AReadingIsJoinedWithItsRecord) {
     Add(5, "CPU Temp");
-    sim::Sensor sensor;
-    sensor.reading = 77;
-    sensor.flags = 0xE0;
-    sensor.states = {0x12, 0x81};
-    Bmc().Sensors()->At(5) = sensor;
+    Bmc().Sensors()->At(5) = {.reading = 77, .flags = 0xE0, .states = {0x12, 0x81}, .factorsFrom = {}};
     RunStarted([this] {
         Bmc().ResetCounts();
         KVPS_SENSOR_DATA data;
