@@ -7,12 +7,10 @@ namespace {
 using nlohmann::json;
 using testing::HasSubstr;
 
-class KvhostSensors : public KvhostProgram {
-protected:
-    void SetUp() override { UseRackServer(); }
-};
+using KvhostSensors = KvhostProgram;
 
 TEST_F(KvhostSensors, ShowsEverySensorWithItsReading) {
+    UseRackServer();
     const json sensors = Json("sensors");
     ASSERT_GT(sensors.size(), 40U);
     const json inlet = {{"owner", "0x20"},       {"lun", 0},          {"number", 1},      {"name", "Inlet Temp"},
@@ -22,6 +20,7 @@ TEST_F(KvhostSensors, ShowsEverySensorWithItsReading) {
 }
 
 TEST_F(KvhostSensors, ShowsTheRecordsAsTheyAreKept) {
+    UseRackServer();
     const json record = Json("sensors --packed")[0];
     EXPECT_EQ("full", record["kind"]);
     EXPECT_EQ("55.1", record["entity"]);

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
-#include <tuple>
+#include <utility>
 
 #include "simulator/Scenario.h"
 #include "simulator/SimulatedServer.h"
@@ -25,13 +25,13 @@ std::string ErrorOf(const std::string& json) {
 }
 
 TEST(Scenario, NamesTheFieldThatIsWrong) {
-    using Case = std::tuple<const char*, const char*>;
-    const Case cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {R"({"bmc": )", "not JSON: "},
         {"[]", "scenario: must be an object"},
         {R"({"bcm": {}})", "scenario: \"bcm\" is not known here"},
         {R"({"bmc": {"deviceId": {"id": 256}}})", "bmc.deviceId.id: 256 exceeds 255"},
-        {R"({"bmc": {"deviceId": {"id": -1}}})", "bmc.deviceId.id: must be a number, not negative and without a"},
+        {R"({"bmc": {"deviceId": {"id": -1}}})",
+         "bmc.deviceId.id: must be a number, not negative and without a fraction"},
         {R"({"bmc": {"deviceId": {"id": "0x2G"}}})", "bmc.deviceId.id: must be a number, not negative and"},
         {R"({"bmc": {"sdr": {}}})", "bmc.sdr: must be a list"},
         {R"({"bmc": {"sdr": [{"kind": "fool"}]}})", "bmc.sdr[0]: \"fool\" is no kind of record"},
