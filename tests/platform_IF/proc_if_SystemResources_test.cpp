@@ -140,12 +140,10 @@ TEST(SystemResources, InterruptsAreWhatTheShellMakesOfThem) {
         "  0:  231458103          0    IO-APIC-edge  timer\n"
         " 50:    1847211          0   IO-APIC-level  ioc0, uhci_hcd:usb1\n"
         "169:      95820        211         PCI-MSI  eth0\n"
-        "NMI:          0          0 \n"
         "ERR:          0\n",
         // 5.14, remapped interrupts
         "            CPU0       CPU1       CPU2       \n"
         "   0:         37          0          0  IR-IO-APIC    2-edge      timer\n"
-        "  24:          0          0          0  DMAR-MSI    0-edge      dmar0\n"
         " 125:          0     301122          9  IR-PCI-MSI 524288-edge      nvme0q0\n"
         " 126:          3          0          0  IR-PCI-MSIX-0000:3b:00.0    0-edge      eth0-TxRx-0\n"
         " MIS:          0\n",
