@@ -257,14 +257,14 @@ TEST_F(IpmbTest, SixtyFifthRequestIsRefused) {
     HeldClock held;
     SetTimerClock(&held);
     Outstanding waiting(64);
-    EXPECT_TRUE(Eventually([this] { return satellite.Count() == 64; }, 20s));
+    EXPECT_TRUE(Eventually([this] { return satellite.Count() == 64; }, 60s));
     EXPECT_EQ(-16, Call(kSatellite).result);
     EXPECT_TRUE(Eventually(
         [&] {
             held.Advance(100ms);
             return waiting.finished == 64;
         },
-        20s));
+        60s));
     waiting.threads.clear();
     EXPECT_TRUE(std::ranges::all_of(waiting.results, [](int result) { return result == -110; }));
     SetTimerClock(&clock);
@@ -277,7 +277,7 @@ TEST_F(IpmbTest, EndWhileSixteenThreadsAreBridging) {
         SetTimerClock(&held);
         satellite.ResetCounts();
         Outstanding waiting(16);
-        EXPECT_TRUE(Eventually([&] { return satellite.Count() >= outstanding; }, 20s));
+        EXPECT_TRUE(Eventually([&] { return satellite.Count() >= outstanding; }, 60s));
         Terminate_IpmiIF();
         waiting.threads.clear();
         for (const int result : std::span(waiting.results).first(16))
@@ -300,7 +300,7 @@ TEST_F(IpmbTest, RegistersAreLeftAloneWhenNothingIsOutstanding) {
             std::this_thread::sleep_for(5ms);
             return server.PortReads(kKcsStatus) == reads;
         },
-        20s));
+        60s));
     SetTimerClock(&clock);
 }
 
