@@ -17,6 +17,7 @@ TEST(MachineRoot, NothingLeaksOutAndNothingStays) {
         root.ReplaceProc("/proc/ioports", "0000-001f : ours\n");
         directory = root.Outside("/");
         RunInRoot(root, [] {
+            // NOLINTNEXTLINE(cert-env33-c): the machine's shell and tools are tried
             EXPECT_EQ(0, std::system("test \"$(sed s/ours/x/ /proc/ioports)\" = '0000-001f : x'"));
             EXPECT_EQ(0, access("/proc/self/status", R_OK)) << "the kernel's other files are there";
             EXPECT_NE(0, access(KV_SOURCE_DIR, F_OK)) << "the system's own files are out of sight";
@@ -24,7 +25,9 @@ TEST(MachineRoot, NothingLeaksOutAndNothingStays) {
         });
         EXPECT_EQ("x", root.ReadFile("/tmp/only-here"));
         EXPECT_NE(0, access("/tmp/only-here", F_OK));
-        EXPECT_NE(0, std::system("grep -q ours /proc/ioports"));
+        std::ifstream outside("/proc/ioports");
+        std::string line;
+        EXPECT_FALSE(std::getline(outside, line) && line == "0000-001f : ours");
     }
     EXPECT_NE(0, access(directory.c_str(), F_OK));
 }
