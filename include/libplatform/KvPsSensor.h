@@ -101,7 +101,8 @@ KV_EXPORT uint32_t KvPsGetSensorData(uint8_t owner, uint8_t lun, uint8_t sensor,
 /// get their turn in between. One that fails does not keep back the others.
 /// @param records  count records, as KvPsGetAllSdrData gives them
 /// @param data     count readings, the caller's
-/// @param results  count codes as KvPsGetSensorData gives them; 0x6000B100 for event-only sensors, which have no reading
+/// @param results  count codes as KvPsGetSensorData gives them; 0x6000B100 for event-only sensors, which have no
+/// reading
 /// @return 0; 0x60004201 null; 0x6054B104 the driver could not be opened, from the start or again on the way; the
 ///         sensors not reached have the same code
 KV_EXPORT uint32_t KvPsGetSensorDataList(const SDR* records, unsigned long count, KVPS_SENSOR_DATA* data,
