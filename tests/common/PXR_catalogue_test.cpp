@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/BuildTree.h"
 #include "tests/support/InMachineRoot.h"
 #include "tests/support/TempDirectory.h"
 #include "tests/support/Tracing.h"
@@ -22,7 +23,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kBuiltCatalogues[] = KV_BUILD_DIR "/lib/nls/%L/%N";
+const std::string kBuiltCatalogues = InBuildTree("/lib/nls/%L/%N");
 constexpr char kNormalInShiftJis[] = "\x90\xB3\x8F\xED";
 constexpr char kMissing[] = "61821303";
 
@@ -120,14 +121,14 @@ TEST(Locale, FollowsTheNamesOfLangAndIsDecidedOnce) {
             EXPECT_EQ(expected, GetLocale()) << lang;
             SetLang(expected ? "C" : "ja");
             EXPECT_EQ(expected, GetLocale()) << lang;
-            setenv("NLSPATH", kBuiltCatalogues, 1);
+            setenv("NLSPATH", kBuiltCatalogues.c_str(), 1);
             EXPECT_EQ(expected ? kNormalInShiftJis : "Normal", Outcome(GetCatMessageLocale, "KvAgent.cat", 3, 22));
         });
     }
 }
 
 TEST_F(Catalogues, BothLocalesAreServedToManyThreadsAndLangStays) {
-    setenv("NLSPATH", kBuiltCatalogues, 1);
+    setenv("NLSPATH", kBuiltCatalogues.c_str(), 1);
     std::atomic<int> wrong = 0;
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 8; thread++) {
@@ -204,7 +205,7 @@ TEST_F(Catalogues, MessagesThatShareASlotOrAreMissing) {
 }
 
 TEST_F(Catalogues, CutAnywhereAreRefusedWhole) {
-    fs::copy_file(KV_BUILD_DIR "/lib/nls/C/KvAgent.cat", "m");
+    fs::copy_file(InBuildTree("/lib/nls/C/KvAgent.cat"), "m");
     ASSERT_EQ("Memory is exhausted.", ForLang("m", 1, 0x1202));
     for (uintmax_t size = fs::file_size("m"); size-- > 0;) {
         fs::resize_file("m", size);
@@ -301,7 +302,7 @@ TEST(CatalogueFailures, AreTracedWithNoLockHeldAndNlspathGetsItsDefault) {
 /// The messages of a source file: set and number to what the text asks its caller for.
 std::map<std::pair<int, int>, std::multiset<std::string>> Demands(const std::string& locale, const char* name) {
     std::map<std::pair<int, int>, std::multiset<std::string>> demands;
-    std::ifstream source(KV_SOURCE_DIR "/data/nls/" + locale + "/" + name + ".msg");
+    std::ifstream source(InSourceTree("/data/nls/") + locale + "/" + name + ".msg");
     int set = 0;
     for (std::string line; std::getline(source, line);) {
         if (line.starts_with("$set ")) set = std::stoi(line.substr(5));
@@ -317,7 +318,7 @@ std::map<std::pair<int, int>, std::multiset<std::string>> Demands(const std::str
 }
 
 TEST(Texts, AreThereInBothLanguagesAndAskForTheSameInserts) {
-    setenv("NLSPATH", kBuiltCatalogues, 1);
+    setenv("NLSPATH", kBuiltCatalogues.c_str(), 1);
     for (const char* name : {"KvAgent", "KvPlatform", "KvSvp"}) {
         const auto demands = Demands("C", name);
         EXPECT_EQ(demands, Demands("ja_JP.SJIS", name)) << name;
@@ -332,8 +333,8 @@ TEST(Texts, AreThereInBothLanguagesAndAskForTheSameInserts) {
 }
 
 TEST(Texts, ExplainEveryReason) {
-    setenv("NLSPATH", kBuiltCatalogues, 1);
-    std::ifstream header(KV_SOURCE_DIR "/common/PXR_result.h");
+    setenv("NLSPATH", kBuiltCatalogues.c_str(), 1);
+    std::ifstream header(InSourceTree("/common/PXR_result.h"));
     std::string line;
     while (std::getline(header, line) && !line.starts_with("enum class Reason"))
         continue;
@@ -346,7 +347,7 @@ TEST(Texts, ExplainEveryReason) {
 }
 
 TEST(Texts, TakeTheInsertsOfTheirCallers) {
-    setenv("NLSPATH", kBuiltCatalogues, 1);
+    setenv("NLSPATH", kBuiltCatalogues.c_str(), 1);
     const char* inserts[] = {"90", "95", "900", "950", "50", "1000"};
     EXPECT_EQ(
         "Memory usage has reached its threshold. (Threshold: 90% (900 bytes), usage: 95% (950 bytes), free: 50 "

@@ -21,6 +21,7 @@
 
 #include "common/PXR_proc_internal.h"
 #include "simulator/MachineRoot.h"
+#include "tests/support/BuildTree.h"
 #include "tests/support/CancelledThread.h"
 #include "tests/support/TempDirectory.h"
 
@@ -195,7 +196,7 @@ TEST_F(PxrProc, CommandLineOfAProcess) {
 class Companion : public PxrProc {
 protected:
     Companion() {
-        setenv("NLSPATH", KV_BUILD_DIR "/lib/nls/%L/%N", 1);
+        setenv("NLSPATH", InBuildTree("/lib/nls/%L/%N").c_str(), 1);
         up_cmds[0].path = path_.c_str();
         PXR_set_cmdname();
     }

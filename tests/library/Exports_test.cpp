@@ -16,6 +16,7 @@
 #include <string>
 
 #include "libplatform/platform_if.h"
+#include "tests/support/BuildTree.h"
 
 // Names of the host's own that the library uses too.
 extern "C" KV_EXPORT const KvPluginVersion* GetVersion() {
@@ -29,7 +30,7 @@ extern "C" KV_EXPORT int CreateEnum(uint32_t, _KVCIM_ENUM**) {
 
 namespace {
 
-const std::string kLibrary = KV_BUILD_DIR "/lib/libplatform.so.1.0.0";
+const std::string kLibrary = InBuildTree("/lib/libplatform.so.1.0.0");
 
 std::string OutputOf(const std::string& command) {
     std::string output;
@@ -44,7 +45,7 @@ std::set<std::string> DeclaredNames() {
     static const std::regex comments(R"(//[^\n]*|/\*[^*]*\*+(?:[^/*][^*]*\*+)*/)");
     static const std::regex declaration(R"(KV_EXPORT[^;({]*?\b([A-Za-z_]\w*)\s*[(;\[])");
     std::set<std::string> names;
-    for (const auto& header : std::filesystem::directory_iterator(KV_SOURCE_DIR "/include/libplatform")) {
+    for (const auto& header : std::filesystem::directory_iterator(InSourceTree("/include/libplatform"))) {
         if (header.path().filename() == "KvExport.h") continue;
         std::ostringstream text;
         text << std::ifstream(header.path()).rdbuf();
@@ -77,7 +78,7 @@ TEST(Library, NeedsNothingButTheSystemsLibraries) {
 
 TEST(Library, HasItsTwoLinks) {
     for (const char* link : {"/lib/libplatform.so", "/lib/libplatform.so.1"}) {
-        EXPECT_EQ(std::filesystem::canonical(kLibrary), std::filesystem::canonical(KV_BUILD_DIR + std::string(link)));
+        EXPECT_EQ(std::filesystem::canonical(kLibrary), std::filesystem::canonical(InBuildTree(link)));
     }
 }
 

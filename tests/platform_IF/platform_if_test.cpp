@@ -20,6 +20,7 @@
 #include "platform_IF/src/watch_config.h"
 #include "simulator/Scenario.h"
 #include "simulator/SimulatedServer.h"
+#include "tests/support/BuildTree.h"
 #include "tests/support/InMachineRoot.h"
 #include "tests/support/Tracing.h"
 
@@ -228,7 +229,7 @@ TEST(SystemResources, AFailureEmptiesTheEnumeration) {
     });
 }
 
-constexpr const char* kRackServer = KV_SOURCE_DIR "/simulator/scenarios/rack-server.json";
+const std::string kRackServer = InSourceTree("/simulator/scenarios/rack-server.json");
 
 /// Runs body in a machine root, on the server of the scenario there; nothing waits for real.
 void RunOnServer(const MachineRoot& root, const std::function<void()>& body) {

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <fstream>
 
+#include "tests/support/BuildTree.h"
 #include "tests/support/InMachineRoot.h"
 
 namespace {
@@ -20,7 +21,7 @@ TEST(MachineRoot, NothingLeaksOutAndNothingStays) {
             // NOLINTNEXTLINE(cert-env33-c): the machine's shell and tools are tried
             EXPECT_EQ(0, std::system("test \"$(sed s/ours/x/ /proc/ioports)\" = '0000-001f : x'"));
             EXPECT_EQ(0, access("/proc/self/status", R_OK)) << "the kernel's other files are there";
-            EXPECT_NE(0, access(KV_SOURCE_DIR, F_OK)) << "the system's own files are out of sight";
+            EXPECT_NE(0, access(InSourceTree().c_str(), F_OK)) << "the system's own files are out of sight";
             std::ofstream("/tmp/only-here") << "x";
         });
         EXPECT_EQ("x", root.ReadFile("/tmp/only-here"));

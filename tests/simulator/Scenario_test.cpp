@@ -9,6 +9,7 @@
 
 #include "simulator/Scenario.h"
 #include "simulator/SimulatedServer.h"
+#include "tests/support/BuildTree.h"
 
 namespace sim {
 namespace {
@@ -63,7 +64,7 @@ TEST(Scenario, NamesTheFieldThatIsWrong) {
 TEST(Scenario, RackServerIsAWholeMachine) {
     VirtualClock clock;
     SimulatedServer server(clock);
-    LoadScenario(server, KV_SOURCE_DIR "/simulator/scenarios/rack-server-events.json");
+    LoadScenario(server, InSourceTree("/simulator/scenarios/rack-server-events.json"));
     Bmc& bmc = server.GetBmc();
     EXPECT_EQ(50U, bmc.Sdr()->Records().size());
     std::set<uint8_t> types;

@@ -8,10 +8,11 @@
 #include <functional>
 
 #include "simulator/MachineRoot.h"
+#include "tests/support/BuildTree.h"
 
 /// A machine root in the working directory of the test, with the libraries and catalogues of this build.
 inline MachineRoot MakeTestRoot() {
-    return MachineRoot(".", KV_BUILD_DIR);
+    return MachineRoot(".", InBuildTree());
 }
 
 inline void RunInRoot(const MachineRoot& root, const std::function<void()>& body) {

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "tests/support/BuildTree.h"
 #include "tests/support/InMachineRoot.h"
 
 class KvhostProgram : public testing::Test {
@@ -45,7 +46,7 @@ protected:
 
     /// What the machine is: the example of a server, or a scenario.
     void UseRackServer() {
-        root_.AddSystemFile(KV_SOURCE_DIR "/simulator/scenarios/rack-server.json", "/machine.json");
+        root_.AddSystemFile(InSourceTree("/simulator/scenarios/rack-server.json"), "/machine.json");
     }
     void UseMachine(const std::string& scenario) { root_.AddFile("/machine.json", scenario); }
 
