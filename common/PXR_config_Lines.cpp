@@ -1,9 +1,6 @@
 // Lines of configuration files: reading, splitting, the header, and the file that a rewrite grows in.
 
-#include <fcntl.h>
-
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "common/PXR_config_internal.h"
@@ -110,45 +107,22 @@ bool HeaderText::Matches(std::string_view line) const {
 
 // ---- ReplacementFile ----
 
-ReplacementFile::~ReplacementFile() {
-    const CancelBlock block;
-    if (temporary_[0] != '\0') PXR_unlink(temporary_.data());
-}
-
 bool ReplacementFile::Create(const char* target, int fd) {
-    std::array<char, PATH_MAX> name{};
-    PXR_make_tmpfile(name.data(), target, ".tmp");
-    if (name[0] == '\0' || strcmp(name.data(), target) == 0) return false;
-    if (fstat(fd, &attributes_) != 0) {
-        attributes_.st_mode = 0644;
-        attributes_.st_uid = geteuid();
-        attributes_.st_gid = getegid();
-    }
-    // What a killed writer has left is removed, and a link that somebody put there is not followed.
-    const int removed = PXR_unlink(name.data());
-    if (removed != 0 && removed != ENOENT) return false;
-    fd_ = FileDescriptor(open(name.data(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!fd_) return false;
-    temporary_ = name;
-    PXR_chkstrcpy(target_.data(), target);
+    constexpr mode_t kNewFileMode = 0644;
+    std::array<char, PATH_MAX> temporary{};
+    PXR_make_tmpfile(temporary.data(), target, ".tmp");
+    if (temporary[0] == '\0' || strcmp(temporary.data(), target) == 0) return false;
+    if (file_.Create(target, temporary.data(), kNewFileMode) != 0) return false;
+    struct stat attributes {};
+    if (fstat(fd, &attributes) == 0) file_.TakeAttributes(attributes);
     return true;
-}
-
-void ReplacementFile::Flush() {
-    if (used_ != 0 && !failed_) failed_ = PXR_write(fd_.Get(), buffer_.data(), static_cast<uint32_t>(used_)) < 0;
-    used_ = 0;
 }
 
 void ReplacementFile::Write(std::string_view text) {
     if (text.empty()) return;
     anything_ = true;
     last_ = text.back();
-    while (!text.empty()) {
-        if (used_ == buffer_.size()) Flush();
-        const size_t count = text.copy(buffer_.data() + used_, buffer_.size() - used_);
-        used_ += count;
-        text.remove_prefix(count);
-    }
+    file_.Write(text);
 }
 
 void ReplacementFile::StartLine() {
@@ -163,38 +137,9 @@ void ReplacementFile::CopyLine(LineReader& reader) {
     if (reader.HadNewline()) Write("\n");
 }
 
-bool ReplacementFile::TakeAttributes() const {
-    // An unprivileged writer cannot give files away; the permissions decide then. They come last, since a change of
-    // owner clears some of them.
-    const bool foreign = attributes_.st_uid != geteuid() || attributes_.st_gid != getegid();
-    if (foreign && fchown(fd_.Get(), attributes_.st_uid, attributes_.st_gid) != 0 && errno != EPERM) return false;
-    return fchmod(fd_.Get(), attributes_.st_mode & 07777) == 0;
-}
-
-namespace {
-
-/// Makes a rename last through a power failure. File systems that cannot do this say so; there is nothing to be done
-/// about it then, and the file is whole either way.
-void SyncDirectoryOf(const char* path) {
-    std::string_view directory = path;
-    const size_t slash = directory.rfind('/');
-    directory = slash == std::string_view::npos ? "." : directory.substr(0, slash + 1);
-    std::array<char, PATH_MAX> name{};
-    directory.copy(name.data(), name.size() - 1);
-    const FileDescriptor fd(open(name.data(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd) fsync(fd.Get());
-}
-
-}  // namespace
-
 ReplacementFile::Result ReplacementFile::Commit() {
-    Flush();
-    if (failed_ || !TakeAttributes() || fsync(fd_.Get()) != 0 || fd_.Close() != 0) return Result::kFailed;
     if (!anything_) return Result::kEmpty;
-    if (rename(temporary_.data(), target_.data()) != 0) return Result::kFailed;
-    temporary_[0] = '\0';
-    SyncDirectoryOf(target_.data());
-    return Result::kReplaced;
+    return file_.Commit() == 0 ? Result::kReplaced : Result::kFailed;
 }
 
 }  // namespace cfg

@@ -6,13 +6,12 @@
 ///
 /// Nothing here allocates but where it says so, and nothing throws; errors stick to the object they happen to.
 
-#include <sys/stat.h>
-
 #include <array>
 #include <climits>
 #include <cstdint>
 #include <string_view>
 
+#include "common/FileText.h"
 #include "common/PXR_syscall_internal.h"
 #include "libplatform/PXR_config.h"
 
@@ -112,17 +111,10 @@ private:
     size_t length_ = 0;
 };
 
-/// Content that will take the place of a file. It grows in a temporary file beside it (a name that the lock on the file
-/// keeps to one writer), and is renamed over it when it is complete and on the disk. Dropped before that, it leaves no
-/// trace.
+/// The lines that will take the place of a configuration file.
 class ReplacementFile {
 public:
     enum class Result { kReplaced, kEmpty, kFailed };
-
-    ReplacementFile() = default;
-    ~ReplacementFile();
-    ReplacementFile(const ReplacementFile&) = delete;
-    ReplacementFile& operator=(const ReplacementFile&) = delete;
 
     /// Makes the temporary file.
     /// @param fd  the file to be replaced, open; owner and permissions are taken from it
@@ -136,17 +128,8 @@ public:
     Result Commit();
 
 private:
-    void Flush();
-    bool TakeAttributes() const;
-
-    FileDescriptor fd_;
-    std::array<char, PATH_MAX> target_{};
-    std::array<char, PATH_MAX> temporary_{};
-    struct stat attributes_ {};
-    std::array<char, 4096> buffer_{};
-    size_t used_ = 0;
+    Replacement file_;
     bool anything_ = false;
-    bool failed_ = false;
     char last_ = '\n';
 };
 

@@ -11,6 +11,7 @@
 #include "common/PXR_message_internal.h"
 #include "common/PXR_result.h"
 #include "common/PXR_trace_internal.h"
+#include "cover/Heap.h"
 #include "libplatform/PXR_catalogue.h"
 #include "libplatform/PXR_trace.h"
 
@@ -22,11 +23,6 @@ namespace {
 constexpr int kErrorTextSet = 1;
 constexpr size_t kTraceTextSize = 448;  // what PXR_output_message_trace keeps of a text, terminator included
 constexpr char kIdentity[] = "pxragt";  // kept by openlog, so it must live for ever
-
-struct FreeText {
-    void operator()(char* text) const { free(text); }
-};
-using OwnedText = std::unique_ptr<char, FreeText>;
 
 const char* TextOf(const OwnedText& text) {
     return text == nullptr ? "" : text.get();
@@ -224,6 +220,10 @@ void PXR_disable_syslog_output() {
 }
 
 uint32_t PXR_ReportError(uint32_t code, std::source_location where) {
+    return PXR_ReportError(code, "KvAgent.cat", where);
+}
+
+uint32_t PXR_ReportError(uint32_t code, const char* catalogue, std::source_location where) {
     // The text of a report comes from a catalogue; what goes wrong there is not reported in turn.
     static thread_local bool reporting = false;
     if (!trace::ReachesDaemon() || reporting) return code;
@@ -234,7 +234,7 @@ uint32_t PXR_ReportError(uint32_t code, std::source_location where) {
         Reporting& operator=(const Reporting&) = delete;
         ~Reporting() { reporting = false; }
     } const inProgress;
-    const OwnedText message(PXR_GetErrCodeMes("KvAgent.cat", code));
+    const OwnedText message(PXR_GetErrCodeMes(catalogue, code));
     const OwnedText printed(PXR_GetErrCodeString(code));
     PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "%s %s (%d)\n", TextOf(printed), TextOf(message),
               static_cast<int>(where.line()));

@@ -44,3 +44,6 @@ constexpr uint32_t MakeResult(uint32_t function, Reason reason) {
 /// 0x1000, level 0. Costs a flag test while tracing is off. Call it with no catalogue or trace lock held.
 /// @return code, so that a failing function can end with `return PXR_ReportError(code);`
 uint32_t PXR_ReportError(uint32_t code, std::source_location where = std::source_location::current());
+/// The same for a failure whose text is in another catalogue than KvAgent.cat.
+uint32_t PXR_ReportError(uint32_t code, const char* catalogue,
+                         std::source_location where = std::source_location::current());

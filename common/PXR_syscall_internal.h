@@ -2,38 +2,7 @@
 /// @file
 /// Helpers of the file wrappers that other runtime modules share.
 
-#include <unistd.h>
-
-#include <utility>
-
-#include "common/PXR_thread_internal.h"
-
-/// Owner of a descriptor.
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd = -1) : fd_(fd) {}
-    ~FileDescriptor() { Close(); }
-    FileDescriptor(FileDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    FileDescriptor& operator=(FileDescriptor&& other) noexcept {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-
-    explicit operator bool() const { return fd_ >= 0; }
-    int Get() const { return fd_; }
-    int Release() { return std::exchange(fd_, -1); }
-    /// @return what close gives; 0 when nothing was open
-    int Close() {
-        const CancelBlock block;
-        const int fd = Release();
-        return fd >= 0 ? close(fd) : 0;
-    }
-
-private:
-    int fd_;
-};
+#include "cover/FileDescriptor.h"
 
 /// The pause between two attempts of a call that has to be repeated: 1 ms.
 /// @return false, without pausing, when the process is terminating and the caller should give up
