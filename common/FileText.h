@@ -25,8 +25,8 @@ bool ReadAt(int fd, void* data, size_t size, off_t offset);
 /// @return false with errno
 bool WriteAt(int fd, const void* data, size_t size, off_t offset);
 
-/// Makes names in a directory last through a power failure. File systems that cannot do this say so; there is nothing to
-/// be done about it then.
+/// Makes names in a directory last through a power failure. File systems that cannot do this say so; there is nothing
+/// to be done about it then.
 /// @param file  a file of the directory
 void SyncDirectoryOf(const char* file);
 

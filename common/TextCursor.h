@@ -1,7 +1,7 @@
 #pragma once
 /// @file
-/// Pieces taken off the front of a text: what was taken is gone from the view. Blanks are the ASCII ones, whatever locale
-/// the host has chosen.
+/// Pieces taken off the front of a text: what was taken is gone from the view. Blanks are the ASCII ones, whatever
+/// locale the host has chosen.
 
 #include <algorithm>
 #include <charconv>

@@ -58,8 +58,7 @@ TEST_F(FileTextTest, ReadsRegularFilesUpToTheirLimit) {
 
 TEST_F(FileTextTest, WhatLiesUnderTheTemporaryNameIsRemovedNotUsed) {
     const std::string bystander = target_ + ".other";
-    const std::function<void()> planted[] = {[] {},
-                                             [&] { Put(temporary_, "left by a writer that was killed"); },
+    const std::function<void()> planted[] = {[] {}, [&] { Put(temporary_, "left by a writer that was killed"); },
                                              [&] { fs::create_symlink(bystander, temporary_); },
                                              [&] { fs::create_hard_link(bystander, temporary_); },
                                              [&] { ASSERT_EQ(0, mkfifo(temporary_.c_str(), 0666)); }};
