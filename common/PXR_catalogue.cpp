@@ -98,8 +98,8 @@ uint32_t Report(uint32_t code, const MessageId& id) {
 
 uint32_t FetchForLocale(int locale, const MessageId& id, char** out) {
     const std::lock_guard guard(localeLock);
-    if (locale == kLocaleNeutral) return Fetch(kNeutralName, id, out);
-    if (locale == kLocaleJapanese) return Fetch(kJapaneseName, id, out);
+    if (locale == KV_LOCALE_NEUTRAL) return Fetch(kNeutralName, id, out);
+    if (locale == KV_LOCALE_JAPANESE) return Fetch(kJapaneseName, id, out);
     const OwnedText lang = CopyLang();
     return lang == nullptr ? MakeResult(fn::kGetCatMessage, Reason::OutOfMemory) : Fetch(lang.get(), id, out);
 }
@@ -111,7 +111,7 @@ int GetLocale(void) {
     if (cachedLocale == kLocaleUnset) {
         const char* const lang = getenv("LANG");
         const bool japanese = lang != nullptr && std::ranges::find(kJapaneseNames, lang) != std::end(kJapaneseNames);
-        cachedLocale = japanese ? kLocaleJapanese : kLocaleNeutral;
+        cachedLocale = japanese ? KV_LOCALE_JAPANESE : KV_LOCALE_NEUTRAL;
     }
     return cachedLocale;
 }

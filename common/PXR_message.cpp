@@ -196,7 +196,7 @@ void PXR_syslog_message(int priority, const char* catalogue, int set, int number
     va_end(args);
     if (!inserts.Complete()) return;
     char* text = nullptr;
-    GetCatInsMessage(kLocaleNeutral, catalogue, set, number, inserts.Count(), inserts.Texts(), "", &text);
+    GetCatInsMessage(KV_LOCALE_NEUTRAL, catalogue, set, number, inserts.Count(), inserts.Texts(), "", &text);
     const OwnedText message = text != nullptr ? OwnedText(text) : inserts.Joined();
     char head[32];
     snprintf(head, sizeof head, "WXPLG%04dA%c-%c", number, trace::OriginLetter(), SeverityOfPriority(priority));

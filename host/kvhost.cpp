@@ -109,7 +109,7 @@ public:
         _KVCIM_ENUM* e = nullptr;
         library_.Check(static_cast<uint32_t>(library_.CreateEnum(classId, &e)));
         const std::unique_ptr<_KVCIM_ENUM, decltype(library_.FreeEnum)> owner(e, library_.FreeEnum);
-        library_.Check(static_cast<uint32_t>(library_.PXR_ExecCommand(e, nullptr, kModeQuery)));
+        library_.Check(static_cast<uint32_t>(library_.PXR_ExecCommand(e, nullptr, KV_MODE_QUERY)));
         return ReadEnum(*e, library_.IsJapanese());
     }
 

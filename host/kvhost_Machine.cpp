@@ -37,7 +37,7 @@ Json BmcFields(const KVPS_DEVICE_ID& id, const KVPS_IPMI_INTERFACE& registers) {
     fields["manufacturer id"] = Hex(LittleEndian(id.manufacturerId), 6);
     fields["product id"] = Hex(LittleEndian(id.productId), 4);
     fields["slave address"] = Hex(registers.slaveAddress, 2);
-    fields["interface"] = registers.type == kInterfaceKcs ? "KCS" : "SMIC";
+    fields["interface"] = registers.type == KVPS_INTERFACE_KCS ? "KCS" : "SMIC";
     fields["registers"] = Hex(registers.dataRegister, 4) + ' ' + Hex(registers.statusRegister, 4);
     if (registers.segment != 0) fields["segment"] = Hex(registers.segment, 8);
     return fields;

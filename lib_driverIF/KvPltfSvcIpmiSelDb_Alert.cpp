@@ -31,7 +31,7 @@ void FillAlert(KVDF_ALERT& alert) {
     alert.portion = kPortion;
     alert.time = static_cast<uint32_t>(time(nullptr));
     SetText(alert.message, GetLocale());
-    SetText(alert.message2, kLocaleNeutral);
+    SetText(alert.message2, KV_LOCALE_NEUTRAL);
 }
 
 /// Takes the failure for who is going to tell of it: true once.

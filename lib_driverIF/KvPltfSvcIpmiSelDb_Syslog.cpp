@@ -38,7 +38,7 @@ using Text = std::unique_ptr<char, decltype(&free)>;
 
 Text MessageText(uint32_t messageId) {
     char* text = nullptr;
-    GetCatMessage(kLocaleNeutral, kAgentCatalogue, kMessageSet, static_cast<int>(messageId), &text);
+    GetCatMessage(KV_LOCALE_NEUTRAL, kAgentCatalogue, kMessageSet, static_cast<int>(messageId), &text);
     return {text, free};
 }
 

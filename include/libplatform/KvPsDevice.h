@@ -18,7 +18,7 @@ typedef struct KVPS_DEVICE_ID {
     uint8_t productId[2];       ///< least significant byte first
 } KVPS_DEVICE_ID;
 
-enum KvPsInterfaceType { kInterfaceKcs = 1, kInterfaceSmic = 2 };
+enum KvPsInterfaceType { KVPS_INTERFACE_KCS = 1, KVPS_INTERFACE_SMIC = 2 };
 
 /// The registers of the system interface, as the firmware describes them or as they are by default.
 typedef struct KVPS_IPMI_INTERFACE {

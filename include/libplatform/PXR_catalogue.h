@@ -16,12 +16,12 @@ KV_EXTERN_C_BEGIN
 
 /// Locale numbers.
 enum KvLocale {
-    kLocaleNeutral = 0,   ///< "C"
-    kLocaleJapanese = 1,  ///< "ja_JP.SJIS"
+    KV_LOCALE_NEUTRAL = 0,   ///< "C"
+    KV_LOCALE_JAPANESE = 1,  ///< "ja_JP.SJIS"
 };
 
-/// Tells the process's locale: kLocaleJapanese when LANG had one of the Japanese names ("ja_JP.eucJP", "ja", ...) at
-/// the first call, kLocaleNeutral otherwise. The answer stays the same for the life of the process.
+/// Tells the process's locale: KV_LOCALE_JAPANESE when LANG had one of the Japanese names ("ja_JP.eucJP", "ja", ...) at
+/// the first call, KV_LOCALE_NEUTRAL otherwise. The answer stays the same for the life of the process.
 KV_EXPORT int GetLocale(void);
 
 /// Fetches a message in the locale that LANG names at present.

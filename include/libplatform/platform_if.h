@@ -28,11 +28,11 @@ typedef struct KvAlertInterval {
 } KvAlertInterval;
 
 enum KvAlertKind {
-    kAlertIpmiEvents = 1,
-    kAlertCpuLoad = 4,
-    kAlertFileSystem = 5,
-    kAlertMemory = 6,
-    kAlertSyslog = 8,
+    KV_ALERT_IPMI_EVENTS = 1,
+    KV_ALERT_CPU_LOAD = 4,
+    KV_ALERT_FILE_SYSTEM = 5,
+    KV_ALERT_MEMORY = 6,
+    KV_ALERT_SYSLOG = 8,
 };
 
 /// The watch configuration of message 0. A null pointer means that the watch is off. The library copies what it needs:
@@ -51,15 +51,15 @@ typedef struct _PXR_COMMAND_PARAM {
 
 /// Values of PXR_ExecCommand's mode.
 enum KvCommandMode {
-    kModeQuery = 1,   ///< fill an enumeration
-    kModeAction = 2,  ///< carry out a command (class KTX_CLS_POWER_CTRL)
+    KV_MODE_QUERY = 1,   ///< fill an enumeration
+    KV_MODE_ACTION = 2,  ///< carry out a command (class KTX_CLS_POWER_CTRL)
 };
 
 /// Values of SendMessage's message.
 enum KvPluginMessage {
-    kMessageWatchConfiguration = 0,
-    kMessageWatchdogWriter = 3,   ///< param: void (*)(uint32_t timeStamp), called for a watchdog event
-    kMessageWatchdogCleaner = 4,  ///< param: void (*)(void)
+    KV_MESSAGE_WATCH_CONFIGURATION = 0,
+    KV_MESSAGE_WATCHDOG_WRITER = 3,   ///< param: void (*)(uint32_t timeStamp), called for a watchdog event
+    KV_MESSAGE_WATCHDOG_CLEANER = 4,  ///< param: void (*)(void)
 };
 
 /// Starts the library. A failure leaves running whatever was started: call TerminateLib in any case.

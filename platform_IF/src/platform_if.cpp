@@ -77,7 +77,8 @@ constexpr std::array<uint32_t, 40> PlfIfCommands = {
 };
 
 KvAlertInterval PlatformAlertInterval[] = {
-    {kAlertIpmiEvents, 0}, {kAlertCpuLoad, 0}, {kAlertFileSystem, 0}, {kAlertMemory, 0}, {kAlertSyslog, 0}, {0, 0},
+    {KV_ALERT_IPMI_EVENTS, 0}, {KV_ALERT_CPU_LOAD, 0}, {KV_ALERT_FILE_SYSTEM, 0},
+    {KV_ALERT_MEMORY, 0},      {KV_ALERT_SYSLOG, 0},   {0, 0},
 };
 
 /// Runs an entry point between its entry and exit lines.
@@ -129,27 +130,27 @@ bool TakeWatchConfiguration(const KvWatchConfiguration& watches) {
     SetMemAlertConfig(watches.memory);
     SetCpuAlertConfig(watches.cpu);
     SetSyslogDogAlertConfig(watches.syslog);
-    SetInterval(kAlertIpmiEvents, kIpmiEventInterval);
-    SetInterval(kAlertCpuLoad, IntervalOf(watches.cpu));
-    SetInterval(kAlertFileSystem, IntervalOf(watches.fileSystems));
-    SetInterval(kAlertMemory, IntervalOf(watches.memory));
-    SetInterval(kAlertSyslog, IntervalOf(watches.syslog));
+    SetInterval(KV_ALERT_IPMI_EVENTS, kIpmiEventInterval);
+    SetInterval(KV_ALERT_CPU_LOAD, IntervalOf(watches.cpu));
+    SetInterval(KV_ALERT_FILE_SYSTEM, IntervalOf(watches.fileSystems));
+    SetInterval(KV_ALERT_MEMORY, IntervalOf(watches.memory));
+    SetInterval(KV_ALERT_SYSLOG, IntervalOf(watches.syslog));
     return true;
 }
 
 uint32_t HandleMessage(int message, void* param, void** out) {
     switch (message) {
-        case kMessageWatchConfiguration:
+        case KV_MESSAGE_WATCH_CONFIGURATION:
             if (param == nullptr) return PXR_ReportError(MakeResult(fn::kSendMessage, Reason::BadArgument));
             if (!TakeWatchConfiguration(*static_cast<const KvWatchConfiguration*>(param))) {
                 return PXR_ReportError(MakeResult(fn::kSendMessage, Reason::OutOfMemory));
             }
             if (out != nullptr) *out = PlatformAlertInterval;
             return 0;
-        case kMessageWatchdogWriter:
+        case KV_MESSAGE_WATCHDOG_WRITER:
             pPXR_Write_ProcessAtErrorExecWDTTime = reinterpret_cast<WatchdogWriter>(param);
             return 0;
-        case kMessageWatchdogCleaner:
+        case KV_MESSAGE_WATCHDOG_CLEANER:
             pPXR_Delete_ProcessAtErrorExecInfo = reinterpret_cast<WatchdogCleaner>(param);
             return 0;
         default:
@@ -158,7 +159,7 @@ uint32_t HandleMessage(int message, void* param, void** out) {
 }
 
 uint32_t ServeRequest(_KVCIM_ENUM* e, _PXR_COMMAND_PARAM* param, int mode) {
-    const int expected = e->classId == KTX_CLS_POWER_CTRL ? kModeAction : kModeQuery;
+    const int expected = e->classId == KTX_CLS_POWER_CTRL ? KV_MODE_ACTION : KV_MODE_QUERY;
     if (mode != expected) return PXR_ReportError(MakeResult(fn::kExecCommand, Reason::BadArgument));
     return DispatchCommand(e, param);
 }

@@ -79,7 +79,7 @@ TEST(EntryPoints, ModeAndClassMustMatch) {
 TEST(EntryPoints, TheProviderIsAppendedToWhatTheHostBrought) {
     const Enum e = MakeEnum(KTX_CLS_PROVIDER);
     AddInstance(*e);
-    ASSERT_EQ(0u, Exec(e.get(), kModeQuery));
+    ASSERT_EQ(0u, Exec(e.get(), KV_MODE_QUERY));
     ASSERT_EQ(2u, e->classCount);
     EXPECT_EQ("(none)", TextOf(e->first, KTX_PROP_VERSION));
     EXPECT_EQ("04-08-00", TextOf(e->last, KTX_PROP_VERSION));
@@ -88,11 +88,11 @@ TEST(EntryPoints, TheProviderIsAppendedToWhatTheHostBrought) {
 TEST(EntryPoints, PowerControlChecksItsCommand) {
     EXPECT_EQ(0x60234201u, ExecuteCommand(nullptr));
     const Enum e = MakeEnum(KTX_CLS_POWER_CTRL);
-    EXPECT_EQ(0x60234201u, Exec(e.get(), kModeAction)) << "no instance";
+    EXPECT_EQ(0x60234201u, Exec(e.get(), KV_MODE_ACTION)) << "no instance";
     _KVCIM_CLASS* command = AddInstance(*e);
-    EXPECT_EQ(0x60234201u, Exec(e.get(), kModeAction)) << "no value";
+    EXPECT_EQ(0x60234201u, Exec(e.get(), KV_MODE_ACTION)) << "no value";
     SetPropertyUint32(command, KTX_PROP_COMMAND_ID, 5);
-    EXPECT_EQ(0x60234202u, Exec(e.get(), kModeAction));
+    EXPECT_EQ(0x60234202u, Exec(e.get(), KV_MODE_ACTION));
     EXPECT_EQ(1u, e->classCount) << "the host's enumeration is left alone";
     const Enum other = MakeEnum(KTX_CLS_PROVIDER);
     AddInstance(*other);
@@ -116,7 +116,7 @@ TEST(SendMessage, FillsTheIntervalTable) {
     cpu.interval = 30;
     KvWatchConfiguration watches{nullptr, nullptr, &cpu, nullptr};
     void* table = nullptr;
-    ASSERT_EQ(0, SendMessage(kMessageWatchConfiguration, &watches, &table));
+    ASSERT_EQ(0, SendMessage(KV_MESSAGE_WATCH_CONFIGURATION, &watches, &table));
     EXPECT_EQ(PXR_GetAlertIntervalLevel(), table);
     EXPECT_EQ((Rows{{1, 10000}, {4, 30000}, {5, 0}, {6, 0}, {8, 0}, {0, 0}}), rows(table));
 
@@ -126,12 +126,12 @@ TEST(SendMessage, FillsTheIntervalTable) {
     fileSystems.interval = 4294967;  // the last one whose milliseconds fit
     syslog.interval = 4294968;
     watches = {&memory, &fileSystems, &cpu, &syslog};
-    ASSERT_EQ(0, SendMessage(kMessageWatchConfiguration, &watches, nullptr)) << "the output pointer may be absent";
+    ASSERT_EQ(0, SendMessage(KV_MESSAGE_WATCH_CONFIGURATION, &watches, nullptr)) << "the output pointer may be absent";
     const Rows expected{{1, 10000}, {4, 0}, {5, 4294967000}, {6, 60000}, {8, UINT_MAX}, {0, 0}};
     EXPECT_EQ(expected, rows(table));
 
     void* untouched = &cpu;
-    EXPECT_EQ(0x60014202, SendMessage(kMessageWatchConfiguration, nullptr, &untouched));
+    EXPECT_EQ(0x60014202, SendMessage(KV_MESSAGE_WATCH_CONFIGURATION, nullptr, &untouched));
     EXPECT_EQ(0, SendMessage(7, &watches, &untouched));
     EXPECT_EQ(&cpu, untouched);
     EXPECT_EQ(expected, rows(table));
@@ -150,7 +150,7 @@ TEST(SendMessage, KeepsItsOwnCopyOfTheWatches) {
     PXR_memory_watch memory{1, 10, 3, 80};
     KvWatchConfiguration watches{&memory, &fileSystems, nullptr, nullptr};
     ClearCpuRefresh();
-    ASSERT_EQ(0, SendMessage(kMessageWatchConfiguration, &watches, nullptr));
+    ASSERT_EQ(0, SendMessage(KV_MESSAGE_WATCH_CONFIGURATION, &watches, nullptr));
     entry.reset();
     name = "gone";
     memory = {};
@@ -173,18 +173,18 @@ TEST(SendMessage, KeepsItsOwnCopyOfTheWatches) {
 TEST(SendMessage, TakesTheTwoCallbacks) {
     const WatchdogWriter writer = [](uint32_t) {};
     const WatchdogCleaner cleaner = [] {};
-    EXPECT_EQ(0, SendMessage(kMessageWatchdogWriter, reinterpret_cast<void*>(writer), nullptr));
-    EXPECT_EQ(0, SendMessage(kMessageWatchdogCleaner, reinterpret_cast<void*>(cleaner), nullptr));
+    EXPECT_EQ(0, SendMessage(KV_MESSAGE_WATCHDOG_WRITER, reinterpret_cast<void*>(writer), nullptr));
+    EXPECT_EQ(0, SendMessage(KV_MESSAGE_WATCHDOG_CLEANER, reinterpret_cast<void*>(cleaner), nullptr));
     EXPECT_EQ(writer, pPXR_Write_ProcessAtErrorExecWDTTime.load());
     EXPECT_EQ(cleaner, pPXR_Delete_ProcessAtErrorExecInfo.load());
-    EXPECT_EQ(0, SendMessage(kMessageWatchdogWriter, nullptr, nullptr));
+    EXPECT_EQ(0, SendMessage(KV_MESSAGE_WATCHDOG_WRITER, nullptr, nullptr));
     EXPECT_EQ(nullptr, pPXR_Write_ProcessAtErrorExecWDTTime.load());
 }
 
 /// The values of each instance in template order: texts as they are, numbers in hexadecimal.
 std::vector<std::string> InstancesOf(uint32_t classId) {
     const Enum e = MakeEnum(classId);
-    EXPECT_EQ(0u, Exec(e.get(), kModeQuery));
+    EXPECT_EQ(0u, Exec(e.get(), KV_MODE_QUERY));
     std::vector<std::string> instances;
     for (_KVCIM_CLASS* instance = e->first; instance != nullptr; instance = instance->next) {
         std::ostringstream values;
@@ -221,7 +221,7 @@ TEST(SystemResources, AFailureEmptiesTheEnumeration) {
         AddInstance(*e);
         const int machine = open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
         ASSERT_EQ(0, chroot("/tmp"));  // a place without /proc
-        EXPECT_EQ(0u, Exec(e.get(), kModeQuery)) << "the failure shows by the empty enumeration alone";
+        EXPECT_EQ(0u, Exec(e.get(), KV_MODE_QUERY)) << "the failure shows by the empty enumeration alone";
         ASSERT_TRUE(fchdir(machine) == 0 && chroot(".") == 0);
         close(machine);
         EXPECT_EQ(0u, e->classCount);
@@ -272,10 +272,10 @@ TEST(EntryPoints, TraceEntryAndExit) {
             _PXR_COMMAND_LIST* list = nullptr;
             PXR_GetCommandList(&list);
             FreeCommandList(list);
-            SendMessage(kMessageWatchConfiguration, nullptr, nullptr);
-            Exec(nullptr, kModeQuery);
-            Exec(MakeEnum(KTX_CLS_EISA_SLOT).get(), kModeAction);
-            Exec(MakeEnum(KTX_CLS_ALERT_RECORD).get(), kModeQuery);
+            SendMessage(KV_MESSAGE_WATCH_CONFIGURATION, nullptr, nullptr);
+            Exec(nullptr, KV_MODE_QUERY);
+            Exec(MakeEnum(KTX_CLS_EISA_SLOT).get(), KV_MODE_ACTION);
+            Exec(MakeEnum(KTX_CLS_ALERT_RECORD).get(), KV_MODE_QUERY);
             TerminateLib();
         });
         std::erase_if(lines, [](const std::string& line) { return !line.starts_with("2000 "); });
