@@ -19,9 +19,7 @@ typedef struct _KvFruData {
     uint8_t data[256];  ///< the bytes as they are stored, whatever their encoding; zeroes behind them
 } _KvFruData;
 
-#ifdef __cplusplus
-static_assert(sizeof(_KvFruData) == 260 && offsetof(_KvFruData, length) == 1 && offsetof(_KvFruData, data) == 4);
-#endif
+KV_STATIC_ASSERT(sizeof(_KvFruData) == 260 && offsetof(_KvFruData, length) == 1 && offsetof(_KvFruData, data) == 4);
 
 /// Names a field: the area in bits 31 to 16, the field's index, from 0, in bits 15 to 0.
 typedef uint32_t FruProductAreaNumber;

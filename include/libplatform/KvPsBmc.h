@@ -31,9 +31,7 @@ typedef uint32_t (*KvPsFruReader)(uint32_t target, _KvFruData* out);
 /// Longest LAN parameter that is given.
 #define KVPS_LAN_PARAMETER_MAX 1024
 
-#ifdef __cplusplus
-static_assert(sizeof(KVPS_COD_BLADE_INFO) == 8 && offsetof(KVPS_COD_BLADE_INFO, supported) == 4);
-#endif
+KV_STATIC_ASSERT(sizeof(KVPS_COD_BLADE_INFO) == 8 && offsetof(KVPS_COD_BLADE_INFO, supported) == 4);
 
 KV_EXTERN_C_BEGIN
 

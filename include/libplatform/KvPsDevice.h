@@ -29,10 +29,8 @@ typedef struct KVPS_IPMI_INTERFACE {
     uint32_t segment;  ///< added to the registers' addresses in physical memory; 0 for ports
 } KVPS_IPMI_INTERFACE;
 
-#ifdef __cplusplus
-static_assert(sizeof(KVPS_DEVICE_ID) == 11);
-static_assert(sizeof(KVPS_IPMI_INTERFACE) == 20);
-#endif
+KV_STATIC_ASSERT(sizeof(KVPS_DEVICE_ID) == 11);
+KV_STATIC_ASSERT(sizeof(KVPS_IPMI_INTERFACE) == 20);
 
 /// Asks the BMC who it is, through the kernel's device. Takes the machine-wide IPMI lock for the time of the command.
 /// @param out  filled on success

@@ -27,11 +27,9 @@ typedef struct KVPS_SEL_ENTRY {
     uint8_t eventData[3];
 } KVPS_SEL_ENTRY;
 
-#ifdef __cplusplus
-static_assert(sizeof(KVPS_SEL_ENTRY) == 16);
-static_assert(offsetof(KVPS_SEL_ENTRY, timeStamp) == 3);
-static_assert(offsetof(KVPS_SEL_ENTRY, eventData) == 13);
-#endif
+KV_STATIC_ASSERT(sizeof(KVPS_SEL_ENTRY) == 16);
+KV_STATIC_ASSERT(offsetof(KVPS_SEL_ENTRY, timeStamp) == 3);
+KV_STATIC_ASSERT(offsetof(KVPS_SEL_ENTRY, eventData) == 13);
 
 /// State of a log.
 typedef struct KVPS_SEL_INFO {

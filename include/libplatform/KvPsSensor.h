@@ -56,13 +56,11 @@ typedef struct KVPS_SENSOR_DATA {
     uint8_t conversion[KVPS_SENSOR_CONVERSION_SIZE];
 } KVPS_SENSOR_DATA;
 
-#ifdef __cplusplus
-static_assert(sizeof(SDR) == 84 && offsetof(SDR, sensorType) == 5 && offsetof(SDR, conversion) == 7);
-static_assert(offsetof(SDR, nominalSpecified) == 17 && offsetof(SDR, name) == 19 && offsetof(SDR, recordType) == 83);
-static_assert(sizeof(KVPS_SENSOR_DATA) == 18 && offsetof(KVPS_SENSOR_DATA, readingType) == 3);
-static_assert(offsetof(KVPS_SENSOR_DATA, flags) == 5 && offsetof(KVPS_SENSOR_DATA, nominal) == 7);
-static_assert(offsetof(KVPS_SENSOR_DATA, conversion) == 8);
-#endif
+KV_STATIC_ASSERT(sizeof(SDR) == 84 && offsetof(SDR, sensorType) == 5 && offsetof(SDR, conversion) == 7);
+KV_STATIC_ASSERT(offsetof(SDR, nominalSpecified) == 17 && offsetof(SDR, name) == 19 && offsetof(SDR, recordType) == 83);
+KV_STATIC_ASSERT(sizeof(KVPS_SENSOR_DATA) == 18 && offsetof(KVPS_SENSOR_DATA, readingType) == 3);
+KV_STATIC_ASSERT(offsetof(KVPS_SENSOR_DATA, flags) == 5 && offsetof(KVPS_SENSOR_DATA, nominal) == 7);
+KV_STATIC_ASSERT(offsetof(KVPS_SENSOR_DATA, conversion) == 8);
 
 KV_EXTERN_C_BEGIN
 

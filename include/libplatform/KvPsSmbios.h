@@ -47,12 +47,10 @@ typedef struct KVPS_SMBIOS_TPHEAD {
     uint16_t handle;
 } KVPS_SMBIOS_TPHEAD;
 
-#ifdef __cplusplus
-static_assert(sizeof(KVPS_SMBIOS_HEAD) == 32 && offsetof(KVPS_SMBIOS_HEAD, maxStructureSize) == 8);
-static_assert(offsetof(KVPS_SMBIOS_HEAD, intermediateAnchor) == 16 && offsetof(KVPS_SMBIOS_HEAD, tableLength) == 22);
-static_assert(offsetof(KVPS_SMBIOS_HEAD, tableAddress) == 24 && offsetof(KVPS_SMBIOS_HEAD, structureCount) == 28);
-static_assert(sizeof(KVPS_SMBIOS_TPHEAD) == 8 && offsetof(KVPS_SMBIOS_TPHEAD, handle) == 6);
-#endif
+KV_STATIC_ASSERT(sizeof(KVPS_SMBIOS_HEAD) == 32 && offsetof(KVPS_SMBIOS_HEAD, maxStructureSize) == 8);
+KV_STATIC_ASSERT(offsetof(KVPS_SMBIOS_HEAD, intermediateAnchor) == 16 && offsetof(KVPS_SMBIOS_HEAD, tableLength) == 22);
+KV_STATIC_ASSERT(offsetof(KVPS_SMBIOS_HEAD, tableAddress) == 24 && offsetof(KVPS_SMBIOS_HEAD, structureCount) == 28);
+KV_STATIC_ASSERT(sizeof(KVPS_SMBIOS_TPHEAD) == 8 && offsetof(KVPS_SMBIOS_TPHEAD, handle) == 6);
 
 /// Types that are copied are below this; larger ones are the vendor's own.
 #define KVPS_SMBIOS_TYPES 128

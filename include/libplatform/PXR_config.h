@@ -75,11 +75,11 @@ typedef struct PXR_config_key {
 /// One configuration file. Tables are static objects whose keys follow the four texts directly (in C++ a
 /// PXR_config_file).
 typedef struct PXR_config_table {
-    const char* path;          ///< absolute path of the file
-    const char* headerFormat;  ///< the first line, with one "%s" for the version
-    const char* version;       ///< version written into the header: "0330", "0350", "0860" or "0956"
-    const char* title;         ///< what the file is, for people
-    PXR_config_key keys[];     ///< ended by a key whose id is 0
+    const char* path;                     ///< absolute path of the file
+    const char* headerFormat;             ///< the first line, with one "%s" for the version
+    const char* version;                  ///< version written into the header: "0330", "0350", "0860" or "0956"
+    const char* title;                    ///< what the file is, for people
+    __extension__ PXR_config_key keys[];  ///< ended by a key whose id is 0
 } PXR_config_table;
 
 /// A value, by the type of its key.
@@ -237,16 +237,16 @@ struct PXR_config_file {
     const PXR_config_table* Table() const { return reinterpret_cast<const PXR_config_table*>(this); }
 };
 
-static_assert(offsetof(PXR_config_file<1>, title) == 12 && offsetof(PXR_config_file<1>, keys) == 16);
-static_assert(sizeof(PXR_config_key) == 48 && offsetof(PXR_config_key, minimum) == 20);
-static_assert(offsetof(PXR_config_key, type) == 28 && offsetof(PXR_config_key, flags) == 36);
-static_assert(sizeof(PXR_config_table) == 16 && offsetof(PXR_config_table, keys) == 16);
-static_assert(sizeof(PXR_config_data) == 16 && offsetof(PXR_config_data, type) == 4);
-static_assert(offsetof(PXR_config_data, listInitialised) == 6 && offsetof(PXR_config_data, value) == 8);
-static_assert(offsetof(PXR_config_data, list) == 12 && sizeof(PXR_config_node) == 8);
-static_assert(sizeof(PXR_event_conf) == 32 && offsetof(PXR_event_conf, word7) == 28);
-static_assert(sizeof(PXR_memory_watch) == 16 && offsetof(PXR_memory_watch, threshold) == 12);
-static_assert(sizeof(PXR_cpu_watch) == 16 && sizeof(PXR_syslog_watch) == 8);
-static_assert(sizeof(PXR_strage_watch) == 20 && offsetof(PXR_strage_watch, list) == 16);
-static_assert(sizeof(PXR_fs_watch) == 12 && offsetof(PXR_fs_watch, number) == 8);
+KV_STATIC_ASSERT(offsetof(PXR_config_file<1>, title) == 12 && offsetof(PXR_config_file<1>, keys) == 16);
+KV_STATIC_ASSERT(sizeof(PXR_config_key) == 48 && offsetof(PXR_config_key, minimum) == 20);
+KV_STATIC_ASSERT(offsetof(PXR_config_key, type) == 28 && offsetof(PXR_config_key, flags) == 36);
+KV_STATIC_ASSERT(sizeof(PXR_config_table) == 16 && offsetof(PXR_config_table, keys) == 16);
+KV_STATIC_ASSERT(sizeof(PXR_config_data) == 16 && offsetof(PXR_config_data, type) == 4);
+KV_STATIC_ASSERT(offsetof(PXR_config_data, listInitialised) == 6 && offsetof(PXR_config_data, value) == 8);
+KV_STATIC_ASSERT(offsetof(PXR_config_data, list) == 12 && sizeof(PXR_config_node) == 8);
+KV_STATIC_ASSERT(sizeof(PXR_event_conf) == 32 && offsetof(PXR_event_conf, word7) == 28);
+KV_STATIC_ASSERT(sizeof(PXR_memory_watch) == 16 && offsetof(PXR_memory_watch, threshold) == 12);
+KV_STATIC_ASSERT(sizeof(PXR_cpu_watch) == 16 && sizeof(PXR_syslog_watch) == 8);
+KV_STATIC_ASSERT(sizeof(PXR_strage_watch) == 20 && offsetof(PXR_strage_watch, list) == 16);
+KV_STATIC_ASSERT(sizeof(PXR_fs_watch) == 12 && offsetof(PXR_fs_watch, number) == 8);
 #endif

@@ -62,18 +62,16 @@ typedef struct _PXR_COMMAND_LIST {
     struct _PXR_COMMAND_LIST* next;
 } _PXR_COMMAND_LIST;
 
-#ifdef __cplusplus
-static_assert(sizeof(_KVCIM_PROP) == 16 && offsetof(_KVCIM_PROP, code) == 0 && offsetof(_KVCIM_PROP, value) == 4 &&
-              offsetof(_KVCIM_PROP, type) == 8 && offsetof(_KVCIM_PROP, next) == 12);
-static_assert(sizeof(_KVCIM_CLASS) == 16 && offsetof(_KVCIM_CLASS, propCount) == 0 &&
-              offsetof(_KVCIM_CLASS, next) == 4 && offsetof(_KVCIM_CLASS, first) == 8 &&
-              offsetof(_KVCIM_CLASS, last) == 12);
-static_assert(sizeof(_KVCIM_ENUM) == 20 && offsetof(_KVCIM_ENUM, nameSpace) == 0 &&
-              offsetof(_KVCIM_ENUM, classId) == 4 && offsetof(_KVCIM_ENUM, classCount) == 8 &&
-              offsetof(_KVCIM_ENUM, first) == 12 && offsetof(_KVCIM_ENUM, last) == 16);
-static_assert(sizeof(_PXR_COMMAND_LIST) == 8 && offsetof(_PXR_COMMAND_LIST, classId) == 0 &&
-              offsetof(_PXR_COMMAND_LIST, next) == 4);
-#endif
+KV_STATIC_ASSERT(sizeof(_KVCIM_PROP) == 16 && offsetof(_KVCIM_PROP, code) == 0 && offsetof(_KVCIM_PROP, value) == 4 &&
+                 offsetof(_KVCIM_PROP, type) == 8 && offsetof(_KVCIM_PROP, next) == 12);
+KV_STATIC_ASSERT(sizeof(_KVCIM_CLASS) == 16 && offsetof(_KVCIM_CLASS, propCount) == 0 &&
+                 offsetof(_KVCIM_CLASS, next) == 4 && offsetof(_KVCIM_CLASS, first) == 8 &&
+                 offsetof(_KVCIM_CLASS, last) == 12);
+KV_STATIC_ASSERT(sizeof(_KVCIM_ENUM) == 20 && offsetof(_KVCIM_ENUM, nameSpace) == 0 &&
+                 offsetof(_KVCIM_ENUM, classId) == 4 && offsetof(_KVCIM_ENUM, classCount) == 8 &&
+                 offsetof(_KVCIM_ENUM, first) == 12 && offsetof(_KVCIM_ENUM, last) == 16);
+KV_STATIC_ASSERT(sizeof(_PXR_COMMAND_LIST) == 8 && offsetof(_PXR_COMMAND_LIST, classId) == 0 &&
+                 offsetof(_PXR_COMMAND_LIST, next) == 4);
 
 KV_EXTERN_C_BEGIN
 

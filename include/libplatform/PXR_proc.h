@@ -95,11 +95,9 @@ typedef struct PXR_job_shell {
 
 #define PXR_JOB_DATA_SIZE 16
 
-#ifdef __cplusplus
-static_assert(sizeof(PXR_job_execute) == PXR_JOB_DATA_SIZE && offsetof(PXR_job_execute, pid) == 12);
-static_assert(sizeof(PXR_job_wait) == 12 && offsetof(PXR_job_wait, status) == 8);
-static_assert(sizeof(PXR_job_shell) == 8 && offsetof(PXR_job_shell, result) == 4);
-#endif
+KV_STATIC_ASSERT(sizeof(PXR_job_execute) == PXR_JOB_DATA_SIZE && offsetof(PXR_job_execute, pid) == 12);
+KV_STATIC_ASSERT(sizeof(PXR_job_wait) == 12 && offsetof(PXR_job_wait, status) == 8);
+KV_STATIC_ASSERT(sizeof(PXR_job_shell) == 8 && offsetof(PXR_job_shell, result) == 4);
 
 /// Called once by the main thread, before any job is asked for.
 KV_EXPORT void __for_main__init_job(void);

@@ -65,14 +65,13 @@ typedef struct PXR_timeval {
     int32_t tv_usec;
 } PXR_timeval;
 
-#ifdef __cplusplus
-static_assert(sizeof(pthread_mutex_t) == 24 && sizeof(pthread_cond_t) == 48);
-static_assert(offsetof(PXR_thread, thread) == 4 && offsetof(PXR_thread, lock) == 8 && offsetof(PXR_thread, wake) == 32);
-static_assert(offsetof(PXR_thread, state) == 80 && offsetof(PXR_thread, queue) == 84);
-static_assert(offsetof(PXR_thread, capacity) == 88 && offsetof(PXR_thread, head) == 92);
-static_assert(offsetof(PXR_thread, tail) == 96 && sizeof(PXR_thread) == 100);
-static_assert(sizeof(PXR_timeval) == 8);
-#endif
+KV_STATIC_ASSERT(sizeof(pthread_mutex_t) == 24 && sizeof(pthread_cond_t) == 48);
+KV_STATIC_ASSERT(offsetof(PXR_thread, thread) == 4 && offsetof(PXR_thread, lock) == 8 &&
+                 offsetof(PXR_thread, wake) == 32);
+KV_STATIC_ASSERT(offsetof(PXR_thread, state) == 80 && offsetof(PXR_thread, queue) == 84);
+KV_STATIC_ASSERT(offsetof(PXR_thread, capacity) == 88 && offsetof(PXR_thread, head) == 92);
+KV_STATIC_ASSERT(offsetof(PXR_thread, tail) == 96 && sizeof(PXR_thread) == 100);
+KV_STATIC_ASSERT(sizeof(PXR_timeval) == 8);
 
 /// Starts a worker and waits until its routine has reported that it runs.
 /// @param worker  a free object (marker 0); stays the caller's, and must stay where it is while the worker lives

@@ -66,15 +66,13 @@ typedef struct KvIpmiAddressBlock {
     uint32_t address;
 } KvIpmiAddressBlock;
 
-#ifdef __cplusplus
-static_assert(sizeof(KvIpmiExecBlock) == 28 && offsetof(KvIpmiExecBlock, status) == 0 &&
-              offsetof(KvIpmiExecBlock, targetAddress) == 1 && offsetof(KvIpmiExecBlock, unused1) == 4 &&
-              offsetof(KvIpmiExecBlock, requestLength) == 8 && offsetof(KvIpmiExecBlock, responseLength) == 12 &&
-              offsetof(KvIpmiExecBlock, request) == 16 && offsetof(KvIpmiExecBlock, response) == 20 &&
-              offsetof(KvIpmiExecBlock, unused2) == 24);
-static_assert(sizeof(KvIpmiParameterBlock) == 28 && offsetof(KvIpmiParameterBlock, ipmbResponseTimeoutMs) == 24);
-static_assert(sizeof(KvIpmiAddressBlock) == 8 && offsetof(KvIpmiAddressBlock, address) == 4);
-#endif
+KV_STATIC_ASSERT(sizeof(KvIpmiExecBlock) == 28 && offsetof(KvIpmiExecBlock, status) == 0 &&
+                 offsetof(KvIpmiExecBlock, targetAddress) == 1 && offsetof(KvIpmiExecBlock, unused1) == 4 &&
+                 offsetof(KvIpmiExecBlock, requestLength) == 8 && offsetof(KvIpmiExecBlock, responseLength) == 12 &&
+                 offsetof(KvIpmiExecBlock, request) == 16 && offsetof(KvIpmiExecBlock, response) == 20 &&
+                 offsetof(KvIpmiExecBlock, unused2) == 24);
+KV_STATIC_ASSERT(sizeof(KvIpmiParameterBlock) == 28 && offsetof(KvIpmiParameterBlock, ipmbResponseTimeoutMs) == 24);
+KV_STATIC_ASSERT(sizeof(KvIpmiAddressBlock) == 8 && offsetof(KvIpmiAddressBlock, address) == 4);
 
 KV_EXTERN_C_BEGIN
 

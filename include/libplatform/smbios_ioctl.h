@@ -80,13 +80,11 @@ typedef struct smbios_getpci_block {
     uint32_t count;     ///< out: entries copied
 } smbios_getpci_block;
 
-#ifdef __cplusplus
-static_assert(sizeof(smbios_getinfo_block) == 60 && offsetof(smbios_getinfo_block, buffer) == 44);
-static_assert(offsetof(smbios_getinfo_block, size) == 48);
-static_assert(sizeof(smbios_gettable_block) == 28 && offsetof(smbios_gettable_block, index) == 10);
-static_assert(offsetof(smbios_gettable_block, buffer) == 16 && offsetof(smbios_gettable_block, count) == 24);
-static_assert(sizeof(smbios_getpci_block) == 20 && offsetof(smbios_getpci_block, count) == 16);
-#endif
+KV_STATIC_ASSERT(sizeof(smbios_getinfo_block) == 60 && offsetof(smbios_getinfo_block, buffer) == 44);
+KV_STATIC_ASSERT(offsetof(smbios_getinfo_block, size) == 48);
+KV_STATIC_ASSERT(sizeof(smbios_gettable_block) == 28 && offsetof(smbios_gettable_block, index) == 10);
+KV_STATIC_ASSERT(offsetof(smbios_gettable_block, buffer) == 16 && offsetof(smbios_gettable_block, count) == 24);
+KV_STATIC_ASSERT(sizeof(smbios_getpci_block) == 20 && offsetof(smbios_getpci_block, count) == 16);
 
 /// Carries out one request. The block is changed only when 0 is returned.
 /// @param code   SMBIOS_GETINFO, SMBIOS_GETTABLE or SMBIOS_GETPCI

@@ -97,18 +97,17 @@ typedef struct PXR_trace_config {
     char packetTraceFile[401];
 } PXR_trace_config;
 
-#ifdef __cplusplus
-static_assert(sizeof(PXR_trace_packet) == PXR_TRACE_PACKET_SIZE);
-static_assert(offsetof(PXR_trace_packet, type) == 4 && offsetof(PXR_trace_packet, body) == 8);
-static_assert(offsetof(PXR_trace_packet, body.start.time) == 8 && offsetof(PXR_trace_packet, body.start.pid) == 16);
-static_assert(offsetof(PXR_trace_packet, body.start.one) == 20 && offsetof(PXR_trace_packet, body.start.command) == 24);
-static_assert(offsetof(PXR_trace_packet, body.message.time) == 8 &&
-              offsetof(PXR_trace_packet, body.message.mask) == 16);
-static_assert(offsetof(PXR_trace_packet, body.message.level) == 20);
-static_assert(offsetof(PXR_trace_packet, body.message.header) == 24);
-static_assert(offsetof(PXR_trace_packet, body.message.length) == 28);
-static_assert(offsetof(PXR_trace_packet, body.message.thread) == 32);
-static_assert(offsetof(PXR_trace_packet, body.message.text) == 64);
-static_assert(offsetof(PXR_trace_packet, body.data.name) == 8 && offsetof(PXR_trace_packet, body.data.count) == 72);
-static_assert(offsetof(PXR_trace_packet, body.data.data) == 80);
-#endif
+KV_STATIC_ASSERT(sizeof(PXR_trace_packet) == PXR_TRACE_PACKET_SIZE);
+KV_STATIC_ASSERT(offsetof(PXR_trace_packet, type) == 4 && offsetof(PXR_trace_packet, body) == 8);
+KV_STATIC_ASSERT(offsetof(PXR_trace_packet, body.start.time) == 8 && offsetof(PXR_trace_packet, body.start.pid) == 16);
+KV_STATIC_ASSERT(offsetof(PXR_trace_packet, body.start.one) == 20 &&
+                 offsetof(PXR_trace_packet, body.start.command) == 24);
+KV_STATIC_ASSERT(offsetof(PXR_trace_packet, body.message.time) == 8 &&
+                 offsetof(PXR_trace_packet, body.message.mask) == 16);
+KV_STATIC_ASSERT(offsetof(PXR_trace_packet, body.message.level) == 20);
+KV_STATIC_ASSERT(offsetof(PXR_trace_packet, body.message.header) == 24);
+KV_STATIC_ASSERT(offsetof(PXR_trace_packet, body.message.length) == 28);
+KV_STATIC_ASSERT(offsetof(PXR_trace_packet, body.message.thread) == 32);
+KV_STATIC_ASSERT(offsetof(PXR_trace_packet, body.message.text) == 64);
+KV_STATIC_ASSERT(offsetof(PXR_trace_packet, body.data.name) == 8 && offsetof(PXR_trace_packet, body.data.count) == 72);
+KV_STATIC_ASSERT(offsetof(PXR_trace_packet, body.data.data) == 80);
