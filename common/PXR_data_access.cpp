@@ -292,7 +292,7 @@ int SetPropertyStringArray(_KVCIM_PROP* p, char** strings, uint32_t count) {
     return 0;
 }
 
-int DuplicateEnum(_KVCIM_ENUM* src, _KVCIM_ENUM** out) {
+int DuplicateEnum(const _KVCIM_ENUM* src, _KVCIM_ENUM** out) {
     if (src == nullptr || out == nullptr) return Fail(fn::kDuplicateEnum, Reason::NullArgument);
     OwnedEnum copy(AllocateRecord<_KVCIM_ENUM>());
     if (!copy) return Fail(fn::kDuplicateEnum, Reason::OutOfMemory);
@@ -301,7 +301,7 @@ int DuplicateEnum(_KVCIM_ENUM* src, _KVCIM_ENUM** out) {
         copy->nameSpace = CopyText(src->nameSpace, std::strlen(src->nameSpace));
         if (copy->nameSpace == nullptr) return Fail(fn::kDuplicateEnum, Reason::OutOfMemory);
     }
-    for (_KVCIM_CLASS* c = src->first; c != nullptr; c = c->next) {
+    for (const _KVCIM_CLASS* c = src->first; c != nullptr; c = c->next) {
         _KVCIM_CLASS* classCopy = nullptr;
         if (const int error = DuplicateClass(c, &classCopy)) return error;
         Append(*copy, copy->classCount, classCopy);
@@ -310,11 +310,11 @@ int DuplicateEnum(_KVCIM_ENUM* src, _KVCIM_ENUM** out) {
     return 0;
 }
 
-int DuplicateClass(_KVCIM_CLASS* src, _KVCIM_CLASS** out) {
+int DuplicateClass(const _KVCIM_CLASS* src, _KVCIM_CLASS** out) {
     if (src == nullptr || out == nullptr) return Fail(fn::kDuplicateClass, Reason::NullArgument);
     OwnedClass copy(AllocateRecord<_KVCIM_CLASS>());
     if (!copy) return Fail(fn::kDuplicateClass, Reason::OutOfMemory);
-    for (_KVCIM_PROP* p = src->first; p != nullptr; p = p->next) {
+    for (const _KVCIM_PROP* p = src->first; p != nullptr; p = p->next) {
         _KVCIM_PROP* propCopy = nullptr;
         if (const int error = DuplicateProperty(p, &propCopy)) return error;
         Append(*copy, copy->propCount, propCopy);
@@ -323,7 +323,7 @@ int DuplicateClass(_KVCIM_CLASS* src, _KVCIM_CLASS** out) {
     return 0;
 }
 
-int DuplicateProperty(_KVCIM_PROP* src, _KVCIM_PROP** out) {
+int DuplicateProperty(const _KVCIM_PROP* src, _KVCIM_PROP** out) {
     if (src == nullptr || out == nullptr) return Fail(fn::kDuplicateProperty, Reason::NullArgument);
     OwnedProp copy(MakeProperty(src->code, src->type));
     if (!copy) return Fail(fn::kDuplicateProperty, Reason::OutOfMemory);
@@ -345,7 +345,7 @@ _KVCIM_PROP* SearchProperty(_KVCIM_CLASS* c, int propCode) {
     return p;
 }
 
-uint32_t GetPropertySize(_KVCIM_PROP* p) {
+uint32_t GetPropertySize(const _KVCIM_PROP* p) {
     if (p == nullptr) return 0;
     if (IsTextType(p->type)) {
         return p->value != nullptr ? static_cast<uint32_t>(std::strlen(static_cast<const char*>(p->value)) + 1) : 0;

@@ -96,7 +96,7 @@ size_t TextLength(const void* value) {
     return strnlen(static_cast<const char*>(value), malloc_usable_size(const_cast<void*>(value)));
 }
 
-void TraceEnum(int mask, _KVCIM_ENUM* e) {
+void TraceEnum(int mask, const _KVCIM_ENUM* e) {
     if (e == nullptr || !trace::IsOn()) return;
     const int level = e->classId == KTX_CLS_ALERT_RECORD ? PXR_TRACE_LEVEL_POLL : PXR_TRACE_LEVEL_FINE;
     PXR_trace_ext(mask, level, 0, "Enum: namespace=%s class=%u(%s) classcount=%u\n",
@@ -104,14 +104,14 @@ void TraceEnum(int mask, _KVCIM_ENUM* e) {
     TraceClass(mask, e->first, level);
 }
 
-void TraceClass(int mask, _KVCIM_CLASS* first, int level) {
+void TraceClass(int mask, const _KVCIM_CLASS* first, int level) {
     for (const _KVCIM_CLASS* c = first; c != nullptr; c = c->next) {
         PXR_trace_ext(mask, level, 0, "    Class: propcount=%u\n", c->propCount);
         TraceProp(mask, c->first, level);
     }
 }
 
-void TraceProp(int mask, _KVCIM_PROP* first, int level) {
+void TraceProp(int mask, const _KVCIM_PROP* first, int level) {
     for (const _KVCIM_PROP* p = first; p != nullptr; p = p->next) {
         TraceOne(mask, *p, level);
     }

@@ -119,7 +119,7 @@ int PXR_trace_ext(int mask, int level, int headerFlag, const char* format, ...) 
     return 0;
 }
 
-void PXR_set_command_name(char* argv0) {
+void PXR_set_command_name(const char* argv0) {
     if (argv0 == nullptr) return;
     const char* slash = strrchr(argv0, '/');
     const char* name = slash == nullptr ? argv0 : slash + 1;

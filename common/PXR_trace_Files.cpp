@@ -95,7 +95,7 @@ size_t PXR_trace_format_line(char* line, const char* command, uint32_t pid, cons
     return length;
 }
 
-int PXR_single_trace_init(char* path) {
+int PXR_single_trace_init(const char* path) {
     const trace::Bracket bracket;
     PXR_trace_config config;
     PXR_trace_read_config(&config);

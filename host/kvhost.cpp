@@ -115,8 +115,7 @@ public:
 
 private:
     void StartTrace() const {
-        std::string name = "kvhost";
-        library_.PXR_set_command_name(name.data());
+        library_.PXR_set_command_name("kvhost");
         if (library_.PXR_trace_init() != 0) PrintError("no trace daemon is listening, going on without trace");
     }
 

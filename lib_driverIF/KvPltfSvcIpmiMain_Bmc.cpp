@@ -210,7 +210,7 @@ uint32_t KvPsGetBmcAdr(uint8_t* address) {
     return KvPsGetSmbiosMultiByte(array[0], kSlaveAddressField, 1, address);
 }
 
-uint32_t KvPsSendSVPCommandIpmi(uint8_t* request) {
+uint32_t KvPsSendSVPCommandIpmi(const uint8_t* request) {
     if (request == nullptr) return PXR_ReportError(MakeResult(fn::kSendSvpCommand, Reason::NullArgument));
     const IpmiBracket bracket;
     if (!bracket) return ReportNotOpened(MakeResult(fn::kSendSvpCommand, service_reason::kNotOpened));

@@ -38,7 +38,7 @@ uint32_t WithPriority(uint32_t notOpened, Run run) {
     return run(bracket.Handle());
 }
 
-uint32_t Flag(uint32_t code, uint8_t* flag) {
+uint32_t Flag(uint32_t code, const uint8_t* flag) {
     if (ipmi_ioctl(code, reinterpret_cast<unsigned long>(flag)) == 0) return 0;
     return PXR_ReportError(MakeResult(fn::kNone, service_reason::kIoctlFailed));
 }
@@ -59,7 +59,7 @@ uint32_t KvPsGetWatchDogStatusIpmi(uint8_t* flag) {
     return Flag(GET_WDOG_STATUS, flag);
 }
 
-uint32_t KvPsSetWatchDogStatusIpmi(uint8_t* flag) {
+uint32_t KvPsSetWatchDogStatusIpmi(const uint8_t* flag) {
     return Flag(SET_WDOG_STATUS, flag);
 }
 
@@ -67,6 +67,6 @@ uint32_t KvPsGetWatchDogReceiveIpmi(uint8_t* flag) {
     return Flag(GET_RECEIVE_WDOG_REQ, flag);
 }
 
-uint32_t KvPsSetWatchDogReceiveIpmi(uint8_t* flag) {
+uint32_t KvPsSetWatchDogReceiveIpmi(const uint8_t* flag) {
     return Flag(SET_RECEIVE_WDOG_REQ, flag);
 }

@@ -173,14 +173,14 @@ uint32_t KvPsGetSystemInformation(uint8_t offset, char** out) {
     return 0;
 }
 
-uint32_t KvPsGetSmbiosString(KVPS_SMBIOS_TPHEAD* structure, uint8_t offset, uint32_t size, char* buffer) {
+uint32_t KvPsGetSmbiosString(const KVPS_SMBIOS_TPHEAD* structure, uint8_t offset, uint32_t size, char* buffer) {
     PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_CALL, "Enter %s", __func__);
     const uint32_t result = CopyString(structure, offset, size, buffer);
     PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_CALL, "Exit %s", __func__);
     return result;
 }
 
-uint32_t KvPsGetSmbiosMultiByte(KVPS_SMBIOS_TPHEAD* structure, uint8_t offset, uint32_t length, uint8_t* buffer) {
+uint32_t KvPsGetSmbiosMultiByte(const KVPS_SMBIOS_TPHEAD* structure, uint8_t offset, uint32_t length, uint8_t* buffer) {
     constexpr uint32_t kBadArgument = MakeResult(fn::kGetSmbiosMultiByte, Reason::BadArgument);
     if (structure == nullptr || buffer == nullptr) {
         TraceMissingArgument(structure, buffer);

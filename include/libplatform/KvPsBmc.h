@@ -24,7 +24,7 @@ typedef struct KVPS_COD_BLADE_INFO {
 } KVPS_COD_BLADE_INFO;
 
 /// Reads a FRU field (KvDf_GetFruInventoryData).
-typedef uint32_t (*KvPsFruReader)(uint32_t target, _KvFruData* out);
+typedef uint32_t (*KvPsFruReader)(FruProductAreaNumber target, _KvFruData* out);
 
 #define KVPS_PROCESSOR_NAME_SIZE 48
 #define KVPS_PRODUCT_NAME_SIZE 72
@@ -49,9 +49,9 @@ KV_EXPORT uint32_t KvPsResetWatchdogTimerIpmi(void);
 /// The two watchdog flags that the host's threads share: a request was made, a request was received.
 /// @param flag  one byte, the caller's @return 0; 0x6000B10B null argument, or the flags do not exist before InitLib
 KV_EXPORT uint32_t KvPsGetWatchDogStatusIpmi(uint8_t* flag);
-KV_EXPORT uint32_t KvPsSetWatchDogStatusIpmi(uint8_t* flag);
+KV_EXPORT uint32_t KvPsSetWatchDogStatusIpmi(const uint8_t* flag);
 KV_EXPORT uint32_t KvPsGetWatchDogReceiveIpmi(uint8_t* flag);
-KV_EXPORT uint32_t KvPsSetWatchDogReceiveIpmi(uint8_t* flag);
+KV_EXPORT uint32_t KvPsSetWatchDogReceiveIpmi(const uint8_t* flag);
 
 // Controller
 
@@ -61,7 +61,7 @@ KV_EXPORT uint32_t KvPsGetBmcAdr(uint8_t* address);
 /// Sends a command to the service processor.
 /// @param request  first byte: how many follow
 /// @return also 0x604C4201 null; 0x604CB104; 0x6000B600 the BMC's firmware is being updated
-KV_EXPORT uint32_t KvPsSendSVPCommandIpmi(uint8_t* request);
+KV_EXPORT uint32_t KvPsSendSVPCommandIpmi(const uint8_t* request);
 
 /// The processor's name as the BMC knows it; the catalogue's word for "unknown" when it knows none, or a longer one.
 /// @param buffer  KVPS_PROCESSOR_NAME_SIZE bytes, the caller's

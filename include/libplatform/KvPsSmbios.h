@@ -89,11 +89,12 @@ KV_EXPORT uint32_t KvPsGetSystemInformation(uint8_t offset, char** out);
 /// @param offset  of the field
 /// @param size    of the buffer, in bytes
 /// @return 0; 0x60984201 null argument or size 0; 0x60981302 the structure has no such field, or no strings
-KV_EXPORT uint32_t KvPsGetSmbiosString(KVPS_SMBIOS_TPHEAD* structure, uint8_t offset, uint32_t size, char* buffer);
+KV_EXPORT uint32_t KvPsGetSmbiosString(const KVPS_SMBIOS_TPHEAD* structure, uint8_t offset, uint32_t size,
+                                       char* buffer);
 
 /// Copies bytes of a structure. What lies behind its data reads as zero.
 /// @return 0; 0x60D24202 null argument, or the structure has no such field
-KV_EXPORT uint32_t KvPsGetSmbiosMultiByte(KVPS_SMBIOS_TPHEAD* structure, uint8_t offset, uint32_t length,
+KV_EXPORT uint32_t KvPsGetSmbiosMultiByte(const KVPS_SMBIOS_TPHEAD* structure, uint8_t offset, uint32_t length,
                                           uint8_t* buffer);
 
 KV_EXTERN_C_END

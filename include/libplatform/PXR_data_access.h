@@ -128,7 +128,7 @@ KV_EXPORT int SetPropertySint64(_KVCIM_CLASS* c, int propCode, int64_t v);
 KV_EXPORT int SetPropertyArray(_KVCIM_CLASS* c, int propCode, const void* values, uint32_t count);
 
 /// Stores count texts in p as one block, which a single free releases: the pointers, then the texts end to end. A null
-/// pointer counts as "". Null or a count of 0 makes p undefined.
+/// pointer counts as "". Null or a count of 0 makes p undefined. The texts are only read.
 /// @return 0; 0x618D4201; 0x618D1202
 KV_EXPORT int SetPropertyStringArray(_KVCIM_PROP* p, char** strings, uint32_t count);
 
@@ -138,16 +138,16 @@ KV_EXPORT int SetPropertyStringArray(_KVCIM_PROP* p, char** strings, uint32_t co
 /// @{
 
 /// @return 0; 0x61874201; 0x61871202; the code of the instance that could not be copied
-KV_EXPORT int DuplicateEnum(_KVCIM_ENUM* src, _KVCIM_ENUM** out);
+KV_EXPORT int DuplicateEnum(const _KVCIM_ENUM* src, _KVCIM_ENUM** out);
 
 /// The copy belongs to no enumeration.
 /// @return 0; 0x61894201; 0x61891202; the code of the property that could not be copied
-KV_EXPORT int DuplicateClass(_KVCIM_CLASS* src, _KVCIM_CLASS** out);
+KV_EXPORT int DuplicateClass(const _KVCIM_CLASS* src, _KVCIM_CLASS** out);
 
 /// Copies one property. Of an array its first element is copied; the array of texts of KTX_PROP_ALL_MAC_ADDRESS, the
 /// one that the library sets itself, is copied whole.
 /// @return 0; 0x618A4201; 0x618A1202
-KV_EXPORT int DuplicateProperty(_KVCIM_PROP* src, _KVCIM_PROP** out);
+KV_EXPORT int DuplicateProperty(const _KVCIM_PROP* src, _KVCIM_PROP** out);
 
 /// @}
 /// @name Reading
@@ -158,7 +158,7 @@ KV_EXPORT _KVCIM_PROP* SearchProperty(_KVCIM_CLASS* c, int propCode);
 
 /// @return bytes of a single value: 4 (16- and 32-bit types), 8 (64-bit types), a text's length with its terminator;
 ///         0 for the 8-bit types, an undefined text and null
-KV_EXPORT uint32_t GetPropertySize(_KVCIM_PROP* p);
+KV_EXPORT uint32_t GetPropertySize(const _KVCIM_PROP* p);
 
 /// @}
 /// @name Release
@@ -197,13 +197,13 @@ KV_EXPORT void FreeCommandList(_PXR_COMMAND_LIST* head);
 
 /// Traces the enumeration with all instances, at level 20; alert records, which are polled often, at level 30. Null
 /// traces nothing.
-KV_EXPORT void TraceEnum(int mask, _KVCIM_ENUM* e);
+KV_EXPORT void TraceEnum(int mask, const _KVCIM_ENUM* e);
 
 /// Traces an instance and those after it.
-KV_EXPORT void TraceClass(int mask, _KVCIM_CLASS* first, int level);
+KV_EXPORT void TraceClass(int mask, const _KVCIM_CLASS* first, int level);
 
 /// Traces a property and those after it.
-KV_EXPORT void TraceProp(int mask, _KVCIM_PROP* first, int level);
+KV_EXPORT void TraceProp(int mask, const _KVCIM_PROP* first, int level);
 
 /// @}
 

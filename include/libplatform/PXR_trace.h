@@ -48,10 +48,10 @@ KV_EXPORT int PXR_trace_sp(const char* name, const uint8_t* data, int length);
 
 /// Sets the command name of packets and log lines: what follows the last "/" of argv0, which is copied. The agent,
 /// "pxragt", marks its system-log messages with 'A', every other command with 'O'. To be called before tracing starts.
-KV_EXPORT void PXR_set_command_name(char* argv0);
+KV_EXPORT void PXR_set_command_name(const char* argv0);
 
 /// Opens the single trace file for appending, with the level and size limit of trace.cfg. @return 0; -1 on failure
-KV_EXPORT int PXR_single_trace_init(char* path);
+KV_EXPORT int PXR_single_trace_init(const char* path);
 
 /// Writes a line of level 0 to the single trace file, when one is open. @return 0
 KV_EXPORT int PXR_Single_trace(int mask, const char* format, ...) __attribute__((format(printf, 2, 3)));

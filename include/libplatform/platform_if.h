@@ -92,7 +92,7 @@ KV_EXPORT int SendMessage(int message, void* param, void** out);
 /// @param mode   KvCommandMode: 2 for KTX_CLS_POWER_CTRL, 1 for every other class
 /// @return 0; 0x60024201 no enumeration; 0x60024202 mode and class do not match; for the classes 39, 42, 45, 52 and 60
 ///         the code of the failed step
-KV_EXPORT int PXR_ExecCommand(_KVCIM_ENUM* e, _PXR_COMMAND_PARAM* param, int mode);
+KV_EXPORT int PXR_ExecCommand(_KVCIM_ENUM* e, const _PXR_COMMAND_PARAM* param, int mode);
 
 /// @return the alert interval table, six rows ended by {0, 0}; the library's, rewritten by message 0
 KV_EXPORT const KvAlertInterval* PXR_GetAlertIntervalLevel(void);

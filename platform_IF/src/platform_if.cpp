@@ -158,7 +158,7 @@ uint32_t HandleMessage(int message, void* param, void** out) {
     }
 }
 
-uint32_t ServeRequest(_KVCIM_ENUM* e, _PXR_COMMAND_PARAM* param, int mode) {
+uint32_t ServeRequest(_KVCIM_ENUM* e, const _PXR_COMMAND_PARAM* param, int mode) {
     const int expected = e->classId == KTX_CLS_POWER_CTRL ? KV_MODE_ACTION : KV_MODE_QUERY;
     if (mode != expected) return PXR_ReportError(MakeResult(fn::kExecCommand, Reason::BadArgument));
     return DispatchCommand(e, param);
@@ -200,7 +200,7 @@ int SendMessage(int message, void* param, void** out) {
     return Traced("SendMessage(libplatform)", 0x10000, [=] { return HandleMessage(message, param, out); });
 }
 
-int PXR_ExecCommand(_KVCIM_ENUM* e, _PXR_COMMAND_PARAM* param, int mode) {
+int PXR_ExecCommand(_KVCIM_ENUM* e, const _PXR_COMMAND_PARAM* param, int mode) {
     static constexpr const char* kName = "PXR_ExecCommand(libplatform)";
     static constexpr unsigned kNumber = 0x20000;
     uint32_t result = 0;

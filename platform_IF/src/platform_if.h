@@ -12,7 +12,7 @@ extern char* g_pszNormal;
 
 /// Runs the builder of the enumeration's class.
 /// @return the builder's result where the class hands it to the host, else 0
-uint32_t DispatchCommand(_KVCIM_ENUM* e, _PXR_COMMAND_PARAM* param);
+uint32_t DispatchCommand(_KVCIM_ENUM* e, const _PXR_COMMAND_PARAM* param);
 
 // Class builders. Each fills e with one instance per record of its source, all or none: on a failure the enumeration is
 // emptied and the first failing step's code comes back.

@@ -26,7 +26,7 @@ constexpr std::array kDispatch = {
 
 }  // namespace
 
-uint32_t DispatchCommand(_KVCIM_ENUM* e, _PXR_COMMAND_PARAM* /*param*/) {
+uint32_t DispatchCommand(_KVCIM_ENUM* e, const _PXR_COMMAND_PARAM* /*param*/) {
     const auto* row = std::ranges::find(kDispatch, e->classId, &DispatchRow::classId);
     if (row == kDispatch.end()) return 0;
     const uint32_t result = row->builder(e);
