@@ -13,13 +13,22 @@ constexpr uint32_t kKcsMessageAttempts = 3;
 constexpr int kNotInitialised = -1;
 constexpr int kGeneralFailure = -14;
 
-/// Who waits for a turn waits here.
+/// Who waits for a turn waits here. Turns are numbered: who gives his back and asks again at once would otherwise have
+/// it before a sleeper wakes, and requesters that are always busy would keep the timer thread from the registers.
 struct TurnState {
     std::mutex mutex;
-    std::condition_variable free;
-    bool busy = false;  // guarded by mutex
+    std::condition_variable moved;
+    // Guarded by mutex.
+    uint64_t next = 0;     // the number of the next who asks
+    uint64_t serving = 0;  // whose turn it is, or will be when he asks
 };
 TurnState& ioctllock_cond = *new TurnState;  // never destroyed: threads may wait when the process ends
+
+/// Those who gave up waiting have left numbers behind; nobody asks or waits.
+void NumberAnew() {
+    const std::lock_guard lock(ioctllock_cond.mutex);
+    ioctllock_cond.next = ioctllock_cond.serving = 0;
+}
 
 void TraceBytes(const char* what, const uint8_t* bytes, uint32_t length) {
     char title[64];
@@ -73,16 +82,16 @@ int Exchange(uint8_t* buffer, uint32_t length, uint32_t* responseLength, uint8_t
 
 IpmiTurn::IpmiTurn() {
     std::unique_lock lock(ioctllock_cond.mutex);
-    ioctllock_cond.free.wait(lock, [] { return !ioctllock_cond.busy || g_ipmiStopping; });
-    taken_ = !ioctllock_cond.busy && !g_ipmiStopping;
-    if (taken_) ioctllock_cond.busy = true;
+    const uint64_t mine = ioctllock_cond.next++;
+    ioctllock_cond.moved.wait(lock, [mine] { return ioctllock_cond.serving == mine || g_ipmiStopping; });
+    taken_ = ioctllock_cond.serving == mine && !g_ipmiStopping;
 }
 
 IpmiTurn::~IpmiTurn() {
     if (!taken_) return;
     const std::lock_guard lock(ioctllock_cond.mutex);
-    ioctllock_cond.busy = false;
-    ioctllock_cond.free.notify_one();
+    ++ioctllock_cond.serving;
+    ioctllock_cond.moved.notify_all();
 }
 
 int ipmi_message(uint8_t* buffer, uint32_t length, uint32_t* responseLength, uint8_t* status) {
@@ -103,20 +112,18 @@ int ipmi_message(uint8_t* buffer, uint32_t length, uint32_t* responseLength, uin
 
 int ipmi_init_conditions() {
     const IpmiCallTrace trace(__func__);
-    const std::lock_guard lock(ioctllock_cond.mutex);
-    ioctllock_cond.busy = false;
+    NumberAnew();
     return 0;
 }
 
 void ipmi_destroy_conditions() {
     const IpmiCallTrace trace(__func__);
-    const std::lock_guard lock(ioctllock_cond.mutex);
-    ioctllock_cond.busy = false;
+    NumberAnew();
 }
 
 void ipmi_wake_conditions() {
     const std::lock_guard lock(ioctllock_cond.mutex);
-    ioctllock_cond.free.notify_all();
+    ioctllock_cond.moved.notify_all();
 }
 
 void ipmi_forget_conditions() {

@@ -5,8 +5,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
+#include <thread>
 #include <variant>
+#include <vector>
 
 #include "lib_driverIF/KvLibSmbios.h"
 #include "libplatform/PXR_host.h"
@@ -290,18 +293,56 @@ TEST_F(IpmiIoctlTest, PendingResponseIsDiscardedFirst) {
     EXPECT_EQ(0U, server.PortWrites(kKcsStatus, 0x60));
 }
 
+/// Devices in real time, for their scope.
+struct RealMachine {
+    explicit RealMachine(IpmiIoctlTest& test) : back(test) {
+        KvSetDeviceOps(server.Ops());
+        SetTimerClock(nullptr);
+    }
+    ~RealMachine() {
+        Terminate_IpmiIF();
+        SetTimerClock(&back.clock);
+        KvSetDeviceOps(back.server.Ops());
+    }
+    IpmiIoctlTest& back;  ///< to whose machine
+    sim::SimulatedServer server;
+};
+
 TEST_F(IpmiIoctlTest, BridgedAnswerWakesTheRequester) {
     ASSERT_EQ(0, Init_IpmiIF());
-    sim::SimulatedServer real;  // and real time
-    KvSetDeviceOps(real.Ops());
-    SetTimerClock(nullptr);
-    real.GetBmc().AddController(0x24).Delay(sim::netfn::kApp, 0x01, std::chrono::milliseconds(20));
+    RealMachine real(*this);
+    real.server.GetBmc().AddController(0x24).Delay(sim::netfn::kApp, 0x01, std::chrono::milliseconds(20));
     const uint64_t before = Clock().Now();
     EXPECT_EQ(0, Call(0x24).result);
     EXPECT_GT(900'000U, Clock().Now() - before) << "it is not the time limit that ended the wait";
-    Terminate_IpmiIF();
-    SetTimerClock(&clock);
-    KvSetDeviceOps(server.Ops());
+}
+
+TEST_F(IpmiIoctlTest, TurnsGoByArrival) {
+    ASSERT_EQ(0, Init_IpmiIF());
+    RealMachine real(*this);
+    std::atomic<bool> stop = false;
+    std::vector<std::jthread> busy(4);
+    for (std::jthread& thread : busy)
+        thread = std::jthread([&stop] {
+            while (!stop)
+                Call(0x20, 64, {0x18, 0x04});
+        });
+    std::vector<size_t> asked;  // after so many messages of the others
+    while (asked.size() < 12) {
+        asked.push_back(real.server.GetBmc().Count(sim::netfn::kApp, 0x04));
+        EXPECT_EQ(0, Execute());
+    }
+    stop = true;
+    busy.clear();
+    size_t others = 0;
+    size_t late = 0;
+    for (auto ours = asked.begin(); const sim::Request& request : real.server.GetBmc().Log()) {
+        if (request.command == 0x04)
+            ++others;
+        else if (others - *ours++ > 5)
+            ++late;
+    }
+    EXPECT_GE(3U, late) << "of 12; a thread may be put aside before it asks";
 }
 
 TEST_F(IpmiIoctlTest, FailedStartLeavesNothingBehind) {
