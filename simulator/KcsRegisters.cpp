@@ -12,8 +12,6 @@ uint8_t KcsRegisters::Read(unsigned index) {
         obf_ = false;
         return dataOut_;
     }
-    // The byte that completes a request stays unread until the answer is there: a driver that sees IBF clear may rely
-    // on the state bits.
     if (phase_ == Phase::kWaiting && !hung_ && AnswerReady()) ShowAnswer();
     const uint8_t status = static_cast<uint8_t>(
         state_ | (obf_ ? kcs::kObf : 0) | (ibf_ ? kcs::kIbf : 0) | (bmc_.SmsAttention() ? kcs::kSmsAttention : 0) |
@@ -102,9 +100,7 @@ void KcsRegisters::TakeData(uint8_t value) {
             if (request_.size() > kLongestRequest || (phase_ == Phase::kWriteLast && request_.size() < 2)) {
                 Fail(kcs::kLengthError);
             } else if (phase_ == Phase::kWriteLast) {
-                ibf_ = true;
-                phase_ = Phase::kWaiting;
-                Submit(request_);
+                EndRequest();
             }
             break;
         case Phase::kReading:
@@ -127,9 +123,18 @@ void KcsRegisters::TakeData(uint8_t value) {
             Show(0);
             break;
         default:
-            ++violations_;
+            if (state_ != kcs::kError) ++violations_;  // an error is seen with the next look at the state
             Fail(kcs::kIllegalControl);
     }
+}
+
+void KcsRegisters::EndRequest() {
+    phase_ = Phase::kWaiting;
+    if (takesAtOnce_)
+        state_ = kcs::kRead;
+    else
+        ibf_ = true;  // a driver that sees it clear finds the answer there
+    Submit(request_);
 }
 
 void KcsRegisters::ShowAnswer() {
@@ -146,7 +151,6 @@ void KcsRegisters::NextReadByte(uint8_t control) {
         Fail(kcs::kIllegalControl);
         return;
     }
-    if (obf_) ++violations_;  // the byte before was not taken: it is lost
     if (readAt_ < answer_->size()) {
         Show((*answer_)[readAt_++]);
     } else if (endless_) {
@@ -168,6 +172,7 @@ void KcsRegisters::Fail(uint8_t code) {
 }
 
 void KcsRegisters::Show(uint8_t value) {
+    if (obf_) ++violations_;  // the byte before was not taken: it is lost
     dataOut_ = value;
     obf_ = true;
 }

@@ -49,6 +49,9 @@ public:
     void SetEndless(bool endless) { endless_ = endless; }
     /// Back to idle, whatever was under way, as after a restart of the BMC.
     void Reset();
+    /// As most firmware does: the last byte of a request is taken at once, and the state is READ with nothing to read
+    /// while the answer is being made. From the start that byte stays unread until then.
+    void SetTakesAtOnce(bool takesAtOnce) { takesAtOnce_ = takesAtOnce; }
     /// OBF is raised with a dummy byte behind every byte taken, as controllers do that raise an interrupt that way.
     void SetDummyBytes(bool dummyBytes) { dummyBytes_ = dummyBytes; }
 
@@ -57,6 +60,7 @@ private:
     void TakeCommand(uint8_t code);
     void TakeData(uint8_t value);
     void StartWrite();
+    void EndRequest();
     void ShowAnswer();
     void NextReadByte(uint8_t control);
     void Fail(uint8_t code);
@@ -71,6 +75,7 @@ private:
     bool commandLast_ = false;
     bool notAvailable_ = false;
     bool endless_ = false;
+    bool takesAtOnce_ = false;
     bool dummyBytes_ = false;
     unsigned busyReads_ = 0;
     unsigned failAt_ = 0;

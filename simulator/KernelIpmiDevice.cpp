@@ -133,9 +133,10 @@ int KernelIpmiDevice::Send(int fd, void* argument) {
 
     const std::lock_guard lock(mutex_);
     for (KernelMessage& before : beforeNextAnswer_)
-        Enqueue(fd, std::move(before), {});
+        Enqueue(fd, std::move(before), clock_.Now());
     beforeNextAnswer_.clear();
-    if (!response.silent) Enqueue(fd, std::move(answer), response.delay);
+    const uint64_t doneAt = DoneAt(response.delay);
+    if (!response.silent) Enqueue(fd, std::move(answer), doneAt);
     return 0;
 }
 
@@ -177,7 +178,7 @@ int KernelIpmiDevice::SetGetsEvents(int fd, void* argument) {
     opening->getsEvents = wanted != 0;
     if (!opening->getsEvents) return 0;
     for (KernelMessage& event : pendingEvents_)
-        Enqueue(fd, std::move(event), {});
+        Enqueue(fd, std::move(event), clock_.Now());
     pendingEvents_.clear();
     return 0;
 }
@@ -214,7 +215,7 @@ void KernelIpmiDevice::DeliverEvent(const std::array<uint8_t, 16>& event) {
     bool delivered = false;
     for (auto& [fd, opening] : openings_) {
         if (!opening.getsEvents) continue;
-        Enqueue(fd, EventMessage(event), {});
+        Enqueue(fd, EventMessage(event), clock_.Now());
         delivered = true;
     }
     if (!delivered) pendingEvents_.push_back(EventMessage(event));
@@ -223,6 +224,11 @@ void KernelIpmiDevice::DeliverEvent(const std::array<uint8_t, 16>& event) {
 void KernelIpmiDevice::FailIoctl(unsigned long request, int error, unsigned times, unsigned after) {
     const std::lock_guard lock(mutex_);
     faults_[request] = {error, times, after};
+}
+
+void KernelIpmiDevice::SetServiceTime(std::chrono::milliseconds each) {
+    const std::lock_guard lock(mutex_);
+    serviceTime_ = each;
 }
 
 void KernelIpmiDevice::SetPollSupported(bool supported) {
@@ -267,11 +273,16 @@ std::deque<KernelIpmiDevice::Entry>::iterator KernelIpmiDevice::Earliest(std::de
                             [](const Entry& a, const Entry& b) { return a.readyAt < b.readyAt; });
 }
 
+/// When the command sent now will have been carried out; with mutex_ held.
+uint64_t KernelIpmiDevice::DoneAt(std::chrono::milliseconds delay) {
+    const auto microseconds = static_cast<uint64_t>((serviceTime_ + delay).count()) * 1000;
+    if (serviceTime_.count() == 0) return clock_.Now() + microseconds;
+    return busyUntil_ = std::max(busyUntil_, clock_.Now()) + microseconds;
+}
+
 /// With mutex_ held. An opening that was closed meanwhile loses its answers.
-void KernelIpmiDevice::Enqueue(int fd, KernelMessage message, std::chrono::milliseconds delay) {
-    Opening* opening = Find(fd);
-    if (opening == nullptr) return;
-    opening->queue.push_back({clock_.Now() + static_cast<uint64_t>(delay.count()) * 1000, std::move(message)});
+void KernelIpmiDevice::Enqueue(int fd, KernelMessage message, uint64_t readyAt) {
+    if (Opening* opening = Find(fd)) opening->queue.push_back({readyAt, std::move(message)});
 }
 
 }  // namespace sim

@@ -3,6 +3,7 @@
 /// "/dev/ipmi0" as Linux's ipmi_devintf offers it: commands and answers by ioctl, a queue for each opening.
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -50,6 +51,9 @@ public:
     void DeliverEvent(const std::array<uint8_t, 16>& event);
     /// The next calls of that request fail with errno. @param after so many are served first
     void FailIoctl(unsigned long request, int error, unsigned times = 1, unsigned after = 0);
+    /// Commands take so long each, and wait for one another, whoever sent them and whether he still has the device
+    /// open. From the start they take no time, and a delayed answer holds nobody up.
+    void SetServiceTime(std::chrono::milliseconds each);
     /// Waiting for readability fails, as with a device without poll.
     void SetPollSupported(bool supported);
     /// The marker that sees conversations begin and end; null brings the device's own back.
@@ -80,7 +84,8 @@ private:
     int InjectedError(unsigned long request);
     Opening* Find(int fd);
     static std::deque<Entry>::iterator Earliest(std::deque<Entry>& queue);
-    void Enqueue(int fd, KernelMessage message, std::chrono::milliseconds delay);
+    uint64_t DoneAt(std::chrono::milliseconds delay);
+    void Enqueue(int fd, KernelMessage message, uint64_t readyAt);
 
     TimerClock& clock_;
     Bmc& bmc_;
@@ -89,6 +94,8 @@ private:
     std::map<unsigned long, Fault> faults_;
     std::vector<KernelMessage> beforeNextAnswer_;
     std::vector<KernelMessage> pendingEvents_;
+    std::chrono::milliseconds serviceTime_{0};
+    uint64_t busyUntil_ = 0;
     bool pollSupported_ = true;
     ConversationMarker ownMarker_;
     ConversationMarker* marker_ = &ownMarker_;

@@ -9,9 +9,13 @@ namespace kcs = sim::kcs;
 
 namespace {
 
-class KcsTest : public RegisterPathTest {
+class KcsTest : public RegisterPathTest, public testing::WithParamInterface<bool> {
 protected:
-    KcsTest() { UseKcs(); }
+    KcsTest() {
+        UseKcs();
+        server.Kcs().SetTakesAtOnce(GetParam());
+    }
+    ~KcsTest() override { EXPECT_EQ(0U, server.Kcs().Violations()); }
 
     unsigned Aborts() { return server.PortWrites(kKcsStatus, kcs::kAbort); }
     /// Changes the n-th status byte read from now on (1: the next).
@@ -29,7 +33,10 @@ protected:
     }
 };
 
-TEST_F(KcsTest, CarriesAMessage) {
+INSTANTIATE_TEST_SUITE_P(Controllers, KcsTest, testing::Bool(),
+                         [](const auto& mode) { return mode.param ? "ThatTakesAtOnce" : "ThatKeepsTheLastByte"; });
+
+TEST_P(KcsTest, CarriesAMessage) {
     server.Kcs().SetDummyBytes(true);
     AnswerWith(0x01, 12);
     ASSERT_EQ(0, Write());
@@ -41,11 +48,19 @@ TEST_F(KcsTest, CarriesAMessage) {
     EXPECT_EQ(14U, length) << "counts on behind the caller's room";
     EXPECT_EQ((Bytes{0xAA, 0xBB}), server.GetBmc().Log().back().data);
     EXPECT_EQ(0U, Aborts());
-    EXPECT_EQ(0U, server.Kcs().Violations());
     EXPECT_EQ(0U, server.RaisedThreads()) << "I/O privilege left raised";
 }
 
-TEST_F(KcsTest, RefusesImpossibleLengths) {
+TEST_P(KcsTest, BytesLeftInTheRegisterAreTakenForNothing) {
+    server.Kcs().SetDummyBytes(true);
+    ASSERT_EQ(0, Write());
+    ASSERT_EQ(kKcsDone, KCSWaitStatusReg(kcs::kObf, kcs::kObf, &status)) << "an answer that nobody fetches";
+    ASSERT_EQ(0, Write());
+    EXPECT_EQ(0, Read());
+    EXPECT_EQ((Bytes{0x1C, 0x01, 0x00, 0x20}), Head(4));
+}
+
+TEST_P(KcsTest, RefusesImpossibleLengths) {
     Bytes bytes(kIpmiMaxMessage + 1);
     for (const uint32_t bad : {0U, 1U, kIpmiMaxMessage + 1})
         EXPECT_EQ(-14, ipmi_kcs_Write(bytes.data(), bad, &status)) << bad;
@@ -57,7 +72,7 @@ TEST_F(KcsTest, RefusesImpossibleLengths) {
     EXPECT_EQ(0, Write(Bytes(kIpmiMaxMessage, 0x18)));
 }
 
-TEST_F(KcsTest, WriteRecoversFromOneStateErrorAtAnyByte) {
+TEST_P(KcsTest, WriteRecoversFromOneStateErrorAtAnyByte) {
     // WRITE_START, three bytes and WRITE_END; what follows shows in the read.
     for (unsigned n = 1; n <= 5; ++n) {
         const unsigned before = Aborts();
@@ -68,7 +83,7 @@ TEST_F(KcsTest, WriteRecoversFromOneStateErrorAtAnyByte) {
     }
 }
 
-TEST_F(KcsTest, WriteSpendsThreeStateErrorsOrThreeTimeouts) {
+TEST_P(KcsTest, WriteSpendsThreeStateErrorsOrThreeTimeouts) {
     // The abort succeeds: one each. It fails too: two each.
     server.OnPortRead(kKcsStatus, [aborting = false, this](uint8_t good) mutable {
         aborting =
@@ -91,7 +106,7 @@ TEST_F(KcsTest, WriteSpendsThreeStateErrorsOrThreeTimeouts) {
     EXPECT_EQ(3U + 2U, Aborts());
 }
 
-TEST_F(KcsTest, OneTimeoutAtAnyByteStartsTheWriteAgain) {
+TEST_P(KcsTest, OneTimeoutAtAnyByteStartsTheWriteAgain) {
     for (unsigned n = 1; n <= 4; ++n) {
         // The BMC misses the n-th byte, for one time limit.
         unsigned polls = 0;
@@ -106,7 +121,7 @@ TEST_F(KcsTest, OneTimeoutAtAnyByteStartsTheWriteAgain) {
     }
 }
 
-TEST_F(KcsTest, UnavailableBmcEndsTheTransferAtOnce) {
+TEST_P(KcsTest, UnavailableBmcEndsTheTransferAtOnce) {
     ASSERT_EQ(0, Write());
     const unsigned inWrite = server.PortReads(kKcsStatus);
     ASSERT_EQ(0, Read());
@@ -126,7 +141,7 @@ TEST_F(KcsTest, UnavailableBmcEndsTheTransferAtOnce) {
     }
 }
 
-TEST_F(KcsTest, AbortOutcomesEndTheWrite) {
+TEST_P(KcsTest, AbortOutcomesEndTheWrite) {
     server.Kcs().FailAtByte(2);
     OnAbort([this] { server.Kcs().SetHung(true); });
     EXPECT_EQ(-16, Write());  // one in the abort, two more
@@ -143,7 +158,7 @@ TEST_F(KcsTest, AbortOutcomesEndTheWrite) {
     EXPECT_EQ(0, Write());  // two state errors spent, the third pass is good
 }
 
-TEST_F(KcsTest, ReadTakes1028BytesAndNoMore) {
+TEST_P(KcsTest, ReadTakes1028BytesAndNoMore) {
     AnswerWith(0x01, kIpmiMaxMessage - 2);
     ASSERT_EQ(0, Write());
     EXPECT_EQ(0, Read());
@@ -158,7 +173,7 @@ TEST_F(KcsTest, ReadTakes1028BytesAndNoMore) {
     EXPECT_EQ(kcs::kIdle, server.Kcs().State());
 }
 
-TEST_F(KcsTest, ReadGoesOnAfterATimeout) {
+TEST_P(KcsTest, ReadGoesOnAfterATimeout) {
     for (const unsigned timeouts : {3U, 2U}) {
         AnswerWith(0x01, 4);
         ASSERT_EQ(0, Write());
@@ -175,7 +190,7 @@ TEST_F(KcsTest, ReadGoesOnAfterATimeout) {
     EXPECT_EQ((Bytes{0x1C, 0x01, 0, 1, 2, 3}), Head(6));
 }
 
-TEST_F(KcsTest, ReadAllowsNoStateErrorNorAMissingDummyByte) {
+TEST_P(KcsTest, ReadAllowsNoStateErrorNorAMissingDummyByte) {
     server.Kcs().FailAtByte(7);  // six for the request
     ASSERT_EQ(0, Write());
     EXPECT_EQ(-14, Read());
@@ -188,7 +203,7 @@ TEST_F(KcsTest, ReadAllowsNoStateErrorNorAMissingDummyByte) {
     EXPECT_EQ(-16, Read());
 }
 
-TEST_F(KcsTest, GetStatusMapsTheAbortsResult) {
+TEST_P(KcsTest, GetStatusMapsTheAbortsResult) {
     EXPECT_EQ(-14, ipmi_kcs_GetStatus(nullptr));
     EXPECT_EQ(0, ipmi_kcs_GetStatus(&status));
     server.Kcs().FailAtByte(1);
@@ -199,7 +214,7 @@ TEST_F(KcsTest, GetStatusMapsTheAbortsResult) {
     EXPECT_EQ(-6, ipmi_kcs_GetStatus(&status));
 }
 
-TEST_F(KcsTest, AbortFetchesTheErrorCode) {
+TEST_P(KcsTest, AbortFetchesTheErrorCode) {
     server.OnPortWrite(kKcsStatus, [](uint8_t) { return std::optional<uint8_t>(0x7F); });  // no such control code
     ipmi_ioreg_write(kKcsStatus, 0x61);
     KCSWaitStatusReg(0, kcs::kIbf, &status);
@@ -209,7 +224,7 @@ TEST_F(KcsTest, AbortFetchesTheErrorCode) {
     EXPECT_EQ(kcs::kIllegalControl, code);
 }
 
-TEST_F(KcsTest, PrimitivesAndTheirArguments) {
+TEST_P(KcsTest, PrimitivesAndTheirArguments) {
     EXPECT_EQ(kKcsBadArgument, KCSWaitStatusReg(0x01, 0x02, &status));
     EXPECT_EQ(kKcsBadArgument, KCSWaitStatusReg(0x01, 0x01, nullptr));
     EXPECT_EQ(kKcsBadArgument, KCSAbortAndGetStatusCode(nullptr));
@@ -226,7 +241,7 @@ TEST_F(KcsTest, PrimitivesAndTheirArguments) {
     EXPECT_EQ(1U, server.PortReads(kKcsData)) << "drained once, then waited";
 }
 
-TEST_F(KcsTest, Attention) {
+TEST_P(KcsTest, Attention) {
     EXPECT_EQ(0, ipmi_kcs_SMSBitCheck(1));
     EXPECT_EQ(kKcsTimeout, ipmi_kcs_SMSBitCheck(2));
     server.GetBmc().QueueMessage({1, 2, 3}, std::chrono::milliseconds(50));
@@ -238,7 +253,7 @@ TEST_F(KcsTest, Attention) {
     EXPECT_EQ(kKcsNotAvailable, ipmi_kcs_SMSBitCheck(2));
 }
 
-TEST_F(KcsTest, RefusedPrivilegeTouchesNoPort) {
+TEST_P(KcsTest, RefusedPrivilegeTouchesNoPort) {
     server.DenyIoPrivilege(true);
     EXPECT_EQ(-5, ipmi_ioreg_write(kKcsData, 1));
     EXPECT_EQ(0, ipmi_ioreg_read(kKcsStatus));

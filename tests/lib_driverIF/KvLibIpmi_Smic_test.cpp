@@ -27,6 +27,7 @@ TEST_F(SmicTest, CarriesAMessage) {
     EXPECT_EQ((Bytes{0x1C, 0x01, 0, 1, 2}), Head(5));
     EXPECT_EQ((Bytes{0xAA, 0xBB}), server.GetBmc().Log().back().data);
     EXPECT_EQ(0U, server.Smic().Violations());
+    EXPECT_EQ(14U + 2U, server.PortReads(kSmicData)) << "the byte behind each transfer is taken out too";
     // The flags other than BUSY are written back as they were read.
     EXPECT_LT(0U, server.PortWrites(kSmicFlags, smic::kTxDataReady | smic::kBusy));
     EXPECT_LT(0U, server.PortWrites(kSmicFlags, smic::kRxDataReady | smic::kBusy));

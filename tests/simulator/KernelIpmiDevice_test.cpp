@@ -100,6 +100,17 @@ TEST_F(KernelDeviceTest, LateAnswersAndOtherMessagesWaitInOrder) {
     EXPECT_EQ(1'000'700'000U, clock.Now()) << "the wait ended when it came";
 }
 
+TEST_F(KernelDeviceTest, ServesOneCommandAfterTheOtherWhenTheyTakeTime) {
+    device.SetServiceTime(std::chrono::milliseconds(100));
+    bmc.Silence(netfn::kApp, 0x01);
+    Send(6, 1, netfn::kApp, 0x01);  // takes its time although nothing comes of it
+    device.Close(6);
+    Send(5, 2, netfn::kApp, 0x01);
+    EXPECT_EQ(1, device.WaitReadable(5, 1000));
+    EXPECT_EQ(1'000'200'000U, clock.Now());
+    EXPECT_EQ(2, Receive(5).id);
+}
+
 TEST_F(KernelDeviceTest, EventsGoToWhoAskedForThem) {
     device.DeliverEvent({1});
     EXPECT_EQ(EAGAIN, Receive(5).error);

@@ -32,6 +32,7 @@ public:
 
     static constexpr uint16_t kKcsData = 0xCA2;
     static constexpr uint16_t kKcsStatus = 0xCA3;
+    static constexpr uint16_t kSmicData = 0xCA9;
     static constexpr uint16_t kSmicControl = 0xCAA;
     static constexpr uint16_t kSmicFlags = 0xCAB;
 
