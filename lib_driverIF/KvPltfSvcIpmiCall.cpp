@@ -36,12 +36,16 @@ std::atomic<uint32_t> g_szCDCompCode{kCompCodeNone};
 /// The kernel's device.
 class KernelTransport : public IpmiTransport {
 public:
+    void BeginRequest() override { attempts_ = {}; }
     int Open() override { return objOprThread.LOGG_IPMIInit(); }
     void Close() override { objOprThread.LOGG_IPMIClose(); }
     int Execute(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data, uint16_t* responseLength,
                 uint8_t* response) override {
-        return objOprThread.IPMI_ExecCommand(command, netFn, dataLength, data, responseLength, response);
+        return objOprThread.IPMI_ExecCommand(command, netFn, dataLength, data, responseLength, response, attempts_);
     }
+
+private:
+    CWDTOperationThread::Attempts attempts_;
 };
 
 KernelTransport g_kernelTransport;
@@ -177,6 +181,7 @@ uint32_t Execute(const Request& request, const Response& response, const Levels&
     const int updateLimit = std::max(host::UpdateRetryLimit(), 0);
     uint32_t result = 0;
     int updateRetries = 0;
+    Transport().BeginRequest();
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         if (updateRetries > updateLimit) return result;
         const int rc = Attempt(request, response, levels);

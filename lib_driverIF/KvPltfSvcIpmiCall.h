@@ -143,6 +143,8 @@ public:
     /// @return 0, or -1
     virtual int Open() = 0;
     virtual void Close() = 0;
+    /// What is executed from now on is one request, over and over, until the next one begins.
+    virtual void BeginRequest() {}
     /// @param response        begins with the completion code
     /// @param responseLength  in: capacity; out: bytes received
     /// @return 0; -1 failed; -6 the BMC's firmware is being updated

@@ -62,7 +62,7 @@ constexpr int32_t kSystemInterface = 0x0C;
 constexpr int16_t kBmcChannel = 0x0F;
 constexpr int32_t kResponseMessage = 1;
 
-constexpr uint16_t kMaxRequestData = 272;  // the kernel's limit of one message
+constexpr uint16_t kMaxRequestData = 270;  // the kernel's limit of one message, less network function and command
 constexpr int kTries = 5;
 constexpr int kTryMs = 100;
 // More than the kernel queues for one user: 25 events and the late responses. A device that goes on is broken.
@@ -118,7 +118,7 @@ void CWDTOperationThread::LOGG_IPMIClose() {
 }
 
 int CWDTOperationThread::IPMI_ExecCommand(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data,
-                                          uint16_t* responseLength, uint8_t* response) {
+                                          uint16_t* responseLength, uint8_t* response, Attempts& attempts) {
     const bool refused = response == nullptr || responseLength == nullptr || *responseLength == 0 ||
                          (data == nullptr && dataLength > 0) || dataLength > kMaxRequestData;
     if (refused) {
@@ -127,7 +127,7 @@ int CWDTOperationThread::IPMI_ExecCommand(uint8_t command, uint8_t netFn, uint16
     }
     try {
         const NextMessageId next(messageId_);
-        return Execute(command, netFn, dataLength, data, responseLength, response);
+        return Execute(command, netFn, dataLength, data, responseLength, response, attempts);
     } catch (abi::__forced_unwind&) {
         throw;  // the thread is being cancelled
     } catch (...) {
@@ -136,28 +136,46 @@ int CWDTOperationThread::IPMI_ExecCommand(uint8_t command, uint8_t netFn, uint16
     }
 }
 
-int CWDTOperationThread::Execute(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data,
-                                 uint16_t* responseLength, uint8_t* response) {
-    if (device_ < 0 || !Send(command, netFn, dataLength, data)) return -1;
-
+/// Where the response goes, and what it is known by.
+struct CWDTOperationThread::Awaited {
+    uint8_t* response;
+    uint16_t capacity;
+    uint32_t firstId;
+    uint32_t lastId;
     uint16_t received = 0;
+
+    bool IsAnsweredBy(int32_t id) const { return static_cast<uint32_t>(id) - firstId <= lastId - firstId; }
+};
+
+int CWDTOperationThread::Execute(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data,
+                                 uint16_t* responseLength, uint8_t* response, Attempts& attempts) {
+    if (device_ < 0) return -1;
+    const bool again = attempts.firstId.has_value();
+    if (!again) attempts.firstId = messageId_;
+    Awaited awaited = {response, *responseLength, *attempts.firstId, messageId_};
+
+    int foreignLeft = kMaxForeignMessages;
+    const bool thereAlready = again && ReceiveOwn(awaited, foreignLeft);
+    if (!thereAlready && !(Send(command, netFn, dataLength, data) && Await(awaited))) return -1;
+    if (awaited.received == 0) {
+        Trace("The length of the IPMI response data is 0.");
+        return -1;
+    }
+    *responseLength = awaited.received;
+    return 0;
+}
+
+bool CWDTOperationThread::Await(Awaited& awaited) const {
     int error = 0;
     for (int attempt = 1; attempt <= kTries; ++attempt) {
-        if (WaitAndReceive(response, *responseLength, &received)) {
-            if (received == 0) {
-                Trace("The length of the IPMI response data is 0.");
-                return -1;
-            }
-            *responseLength = received;
-            return 0;
-        }
+        if (Try(awaited)) return true;
         error = errno;
         TraceFailure(-1, error);
         PXR_trace(PXR_TRACE_MASK_PLUGIN, PXR_TRACE_LEVEL_CALL,
                   "Retrying to get the response from IPMI. Retry count is %d.", attempt);
     }
     TraceFailure(-1, error);
-    return -1;
+    return false;
 }
 
 bool CWDTOperationThread::Send(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data) const {
@@ -169,33 +187,33 @@ bool CWDTOperationThread::Send(uint8_t command, uint8_t netFn, uint16_t dataLeng
         // The kernel copies the data and leaves it as it is.
         .message = {.netFn = netFn, .command = command, .dataLength = dataLength, .data = const_cast<uint8_t*>(data)},
     };
-    const int result = device::Ioctl(device_, kSendCommand, &request);
-    if (result >= 0) return true;
-    TraceFailure(result, errno);
-    return false;
+    return device::Ioctl(device_, kSendCommand, &request) >= 0;
 }
 
 /// One try: 100 ms at most. Goes on as soon as the device has something to read; where it cannot be waited for, or
-/// says so and has nothing, the time is slept away. The clock is asked once where all goes well: commands are sent by
-/// the hundred.
-bool CWDTOperationThread::WaitAndReceive(uint8_t* response, uint16_t capacity, uint16_t* received) const {
+/// says so and has nothing, or fails, the time is slept away: the request must not be sent again too soon. The clock is
+/// asked once where all goes well: commands are sent by the hundred.
+bool CWDTOperationThread::Try(Awaited& awaited) const {
     const uint64_t deadline = Clock().Now() + uint64_t{kTryMs} * 1000;
     int foreignLeft = kMaxForeignMessages;
-    for (int rest = kTryMs; rest > 0; rest = RestMs(deadline)) {
+    int error = EAGAIN;
+    for (int rest = kTryMs; rest > 0 && error == EAGAIN; rest = RestMs(deadline)) {
         const int foreignBefore = foreignLeft;
         const int ready = device::WaitReadable(device_, rest);
         if (ready < 0) Sleep(static_cast<uint32_t>(rest));
-        if (ReceiveOwn(response, capacity, received, foreignLeft)) return true;
-        if (errno != EAGAIN) return false;
+        if (ReceiveOwn(awaited, foreignLeft)) return true;
+        error = errno;
         // Nothing there, although the device said so, and nothing was dropped either: it knows no waiting.
-        if (ready > 0 && foreignLeft == foreignBefore) Sleep(static_cast<uint32_t>(RestMs(deadline)));
+        const bool toNoEnd = ready > 0 && foreignLeft == foreignBefore;
+        if (error != EAGAIN || toNoEnd) Sleep(static_cast<uint32_t>(RestMs(deadline)));
     }
+    errno = error;
     return false;
 }
 
-/// Takes messages out of the device up to the response to the request under way. A late response to an earlier one
-/// would otherwise pass for the answer, one sensor's value for another's. False with errno EAGAIN: not there yet.
-bool CWDTOperationThread::ReceiveOwn(uint8_t* response, uint16_t capacity, uint16_t* received, int& foreignLeft) const {
+/// Takes messages out of the device up to a response to the request under way. A late response to another one would
+/// otherwise pass for the answer, one sensor's value for another's. False with errno EAGAIN: not there yet.
+bool CWDTOperationThread::ReceiveOwn(Awaited& awaited, int& foreignLeft) const {
     AnyAddress from = {};
     for (;;) {
         KernelReceive receive = {
@@ -203,12 +221,12 @@ bool CWDTOperationThread::ReceiveOwn(uint8_t* response, uint16_t capacity, uint1
             .address = &from,
             .addressLength = sizeof from,  // the kernel overwrites it with the length of what it delivered
             .messageId = 0,
-            .message = {.netFn = 0, .command = 0, .dataLength = capacity, .data = response},
+            .message = {.netFn = 0, .command = 0, .dataLength = awaited.capacity, .data = awaited.response},
         };
         // EMSGSIZE: the message was delivered as far as it fits, and is gone from the device.
         if (device::Ioctl(device_, kReceiveMessageTruncated, &receive) < 0 && errno != EMSGSIZE) return false;
-        if (receive.type == kResponseMessage && receive.messageId == static_cast<int32_t>(messageId_)) {
-            *received = std::min(receive.message.dataLength, capacity);
+        if (receive.type == kResponseMessage && awaited.IsAnsweredBy(receive.messageId)) {
+            awaited.received = std::min(receive.message.dataLength, awaited.capacity);
             return true;
         }
         if (--foreignLeft <= 0) {

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
 /// The IPMI device, opened for the time of a bracket of the command layer, whose lock also serialises every use.
 class CWDTOperationThread {
@@ -15,25 +16,40 @@ public:
     /// Closes the device if it is open.
     void LOGG_IPMIClose();
 
+    /// The attempts at one request while the device stays open. A controller may need longer than an attempt lasts: a
+    /// response to any of them is the request's own.
+    struct Attempts {
+        std::optional<uint32_t> firstId;
+    };
+
     /// Sends one request to the BMC (LUN 0) and waits up to half a second for its response. Messages that answer
     /// something else - late responses, events - are taken out of the device and dropped.
     ///
     /// Refused before the device is touched: no response buffer or length, no room for a response, request data without
-    /// an address, more than 272 bytes of it (the kernel takes no more). Command 0 is a command.
+    /// an address, more than 270 bytes of it (the kernel takes no more). Command 0 is a command.
     /// @param data            request data; may be null when dataLength is 0
     /// @param responseLength  in: bytes of room; out, on success: bytes received, never more than the room. What does
     ///                        not fit is lost
     /// @param response        on success: completion code and data; on failure its content is undefined
+    /// @param attempts        a fresh one for each request, then handed in with each further attempt at it: whose
+    ///                        response is there by now is not sent again
     /// @return 0; -1 refused, device closed, or no response
     int IPMI_ExecCommand(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data,
-                         uint16_t* responseLength, uint8_t* response);
+                         uint16_t* responseLength, uint8_t* response, Attempts& attempts);
+    int IPMI_ExecCommand(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data,
+                         uint16_t* responseLength, uint8_t* response) {
+        Attempts theOnly;
+        return IPMI_ExecCommand(command, netFn, dataLength, data, responseLength, response, theOnly);
+    }
 
 private:
     int Execute(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data, uint16_t* responseLength,
-                uint8_t* response);
+                uint8_t* response, Attempts& attempts);
     bool Send(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data) const;
-    bool WaitAndReceive(uint8_t* response, uint16_t capacity, uint16_t* received) const;
-    bool ReceiveOwn(uint8_t* response, uint16_t capacity, uint16_t* received, int& foreignLeft) const;
+    struct Awaited;
+    bool Await(Awaited& awaited) const;
+    bool Try(Awaited& awaited) const;
+    bool ReceiveOwn(Awaited& awaited, int& foreignLeft) const;
 
     uint32_t messageId_ = 1;
     [[maybe_unused]] uint32_t counters_[2] = {1, 1};  ///< part of the object's layout, not used here

@@ -4,13 +4,16 @@
 
 #include <gmock/gmock.h>
 
-#include <array>
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <stdexcept>
 #include <vector>
 
+#include "lib_driverIF/KvPltfSvcIpmiCall.h"
 #include "simulator/SimulatedServer.h"
 #include "tests/support/CancelledThread.h"
 #include "tests/support/InMachineRoot.h"
@@ -46,12 +49,17 @@ public:
         KvSetDeviceOps(nullptr);
     }
 
-    /// Get Device ID.
+    /// Get Device ID, in one attempt.
     int Execute(uint16_t capacity = 64, uint8_t command = 0x01) {
+        CWDTOperationThread::Attempts theOnly;
+        return Execute(theOnly, capacity, command);
+    }
+    int Execute(CWDTOperationThread::Attempts& attempts, uint16_t capacity = 64, uint8_t command = 0x01) {
         response.assign(capacity + 4U, 0xEE);
         length = capacity;
         const uint64_t before = clock.Now();
-        const int result = path.IPMI_ExecCommand(command, sim::netfn::kApp, 0, nullptr, &length, response.data());
+        const int result =
+            path.IPMI_ExecCommand(command, sim::netfn::kApp, 0, nullptr, &length, response.data(), attempts);
         took = (clock.Now() - before) / 1000;
         EXPECT_EQ(Bytes(4, 0xEE), Bytes(response.end() - 4, response.end())) << "written behind the capacity";
         return result;
@@ -110,7 +118,7 @@ TEST_F(OperationThreadTest, RefusesBadArguments) {
     refused(0, nullptr, &room, nullptr);
     refused(0, nullptr, &none, bytes);
     refused(1, nullptr, &room, bytes);
-    refused(273, bytes, &room, bytes);
+    refused(271, bytes, &room, bytes);
     EXPECT_TRUE(messageIds.empty());
     EXPECT_EQ(16, room);
 }
@@ -144,6 +152,22 @@ TEST_F(OperationThreadTest, LateAnswerIsNotTakenForTheNextOne) {
     EXPECT_EQ((std::vector<int32_t>{1, 2}), messageIds);
 }
 
+TEST_F(OperationThreadTest, LateAnswerEndsALaterAttemptAtTheSameRequest) {
+    for (const auto& [delay, sent] : {std::pair{550ms, 1U}, {700ms, 2U}}) {
+        messageIds.clear();
+        CWDTOperationThread::Attempts attempts;
+        Delay(delay);
+        EXPECT_EQ(-1, Execute(attempts));
+        Silence();
+        clock.Advance(100'000);
+        EXPECT_EQ(0, Execute(attempts));
+        EXPECT_EQ(0x20, response[1]);
+        EXPECT_EQ(sent, messageIds.size()) << "not sent again when the answer is there already";
+        EXPECT_EQ(delay < 600ms ? 0U : 100U, took);
+        if (sent == 1) Execute();  // of the silence
+    }
+}
+
 TEST_F(OperationThreadTest, ForeignMessagesAreDroppedWithinTheTry) {
     const sim::KernelMessage event{2, 1, 0x07, 0x35, Bytes(16, 0x77), 0};
     const sim::KernelMessage stale{1, 99, 0x07, 0x01, Bytes(100, 0x99), 0};  // longer than the room
@@ -165,6 +189,7 @@ TEST_F(OperationThreadTest, DeviceThatNeverStopsTalkingIsGivenUp) {
     onWait = [] { return 1; };
     EXPECT_EQ(-1, Execute());
     EXPECT_GE(1000U, receives);
+    EXPECT_EQ(500U, took) << "not sent again sooner than to a silent one";
 }
 
 TEST_F(OperationThreadTest, TruncatedAnswerCountsAndAFifthTry) {
@@ -198,6 +223,55 @@ TEST_F(OperationThreadTest, CancelledThreadUnwindsThrough) {
     onWait = {};
     EXPECT_EQ(0, Execute());
     EXPECT_EQ((std::vector<int32_t>{1, 2}), messageIds);
+}
+
+/// Twenty sensors read one after the other from a controller that takes its time for each command. Each request ends
+/// with its own answer or a failure, and is not sent again too soon, nor when its answer is there.
+class SlowControllerTest : public OperationThreadTest {
+public:
+    SlowControllerTest() { EXPECT_EQ(0, objOprThread.LOGG_IPMIInit()); }
+    ~SlowControllerTest() override { objOprThread.LOGG_IPMIClose(); }
+
+    /// @return how often each request was sent; negative: it failed
+    std::vector<int> Sendings(std::chrono::milliseconds serviceTime) {
+        server.Kernel().SetServiceTime(serviceTime);
+        const auto service = static_cast<uint64_t>(serviceTime.count()) * 1000;
+        std::vector<int> counts;
+        std::vector<uint64_t> sent;
+        uint64_t firstDone = 0;
+        onIoctl = [&, this](unsigned long request, void*) {
+            if (request != sim::kIpmiSendCommand) return;
+            const uint64_t now = clock.Now();
+            busyUntil = std::max(now, busyUntil) + service;
+            if (sent.empty()) firstDone = busyUntil;
+            EXPECT_LT(now, firstDone) << "the answer is there";
+            EXPECT_TRUE(sent.empty() || now - sent.back() >= 600'000);
+            sent.push_back(now);
+        };
+        for (uint8_t sensor = 1; sensor <= 20; ++sensor) {
+            server.GetBmc().Sensors()->At(sensor).reading = sensor;
+            sent.clear();
+            uint8_t request[] = {0x10, 0x2D, sensor};
+            uint8_t answer[16];
+            uint32_t room = sizeof answer;
+            const uint32_t result = ktx_ipmi::CallIpmiDriver(1, 0x20, request, sizeof request, answer, &room);
+            EXPECT_TRUE(result == 0 ? answer[3] == sensor : result == 0x1FFFFFFF) << int{sensor};
+            counts.push_back(static_cast<int>(sent.size()) * (result == 0 ? 1 : -1));
+        }
+        printf("%5d ms a command, sent: %s\n", static_cast<int>(serviceTime.count()),
+               testing::PrintToString(counts).c_str());
+        return counts;
+    }
+
+    uint64_t busyUntil = 0;
+};
+
+TEST_F(SlowControllerTest, IsHeard) {
+    using testing::Each;
+    EXPECT_THAT(Sendings(500ms), Each(1));
+    EXPECT_THAT(Sendings(600ms), Each(1));
+    for (const auto serviceTime : {2000ms, 6000ms})
+        Sendings(serviceTime);
 }
 
 TEST_F(OperationThreadTest, TraceSaysWhatFailedAndTheNextCommandIsFree) {
