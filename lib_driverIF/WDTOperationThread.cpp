@@ -83,6 +83,10 @@ int RestMs(uint64_t deadline) {
     return now < deadline ? static_cast<int>((deadline - now + 999) / 1000) : 0;
 }
 
+/// How long the last answer took, in us; 0 when it came in its own attempt. Guarded like the device by the lock that
+/// the caller has.
+uint64_t g_lateAnswerTook = 0;
+
 /// Uses up one message id, however the command ends.
 class NextMessageId {
 public:
@@ -142,10 +146,18 @@ struct CWDTOperationThread::Awaited {
     uint16_t capacity;
     uint32_t firstId;
     uint32_t lastId;
+    uint32_t answeredId = 0;
     uint16_t received = 0;
 
     bool IsAnsweredBy(int32_t id) const { return static_cast<uint32_t>(id) - firstId <= lastId - firstId; }
 };
+
+void CWDTOperationThread::Attempts::Sent(uint32_t id, uint64_t now) {
+    pause = firstSent == 0 ? g_lateAnswerTook : 2 * pause;
+    if (firstSent == 0) firstSent = now;
+    lastSentId = id;
+    lastSent = now;
+}
 
 int CWDTOperationThread::Execute(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data,
                                  uint16_t* responseLength, uint8_t* response, Attempts& attempts) {
@@ -155,8 +167,15 @@ int CWDTOperationThread::Execute(uint8_t command, uint8_t netFn, uint16_t dataLe
     Awaited awaited = {response, *responseLength, *attempts.firstId, messageId_};
 
     int foreignLeft = kMaxForeignMessages;
-    const bool thereAlready = again && ReceiveOwn(awaited, foreignLeft);
-    if (!thereAlready && !(Send(command, netFn, dataLength, data) && Await(awaited))) return -1;
+    if (!again || !ReceiveOwn(awaited, foreignLeft)) {
+        const uint64_t now = Clock().Now();
+        if (attempts.MayBeSent(now)) {
+            if (!Send(command, netFn, dataLength, data)) return -1;
+            attempts.Sent(messageId_, now);
+        }
+        if (!Await(awaited, now)) return -1;
+    }
+    g_lateAnswerTook = again ? Clock().Now() - attempts.SentAt(awaited.answeredId) : 0;
     if (awaited.received == 0) {
         Trace("The length of the IPMI response data is 0.");
         return -1;
@@ -165,10 +184,10 @@ int CWDTOperationThread::Execute(uint8_t command, uint8_t netFn, uint16_t dataLe
     return 0;
 }
 
-bool CWDTOperationThread::Await(Awaited& awaited) const {
+bool CWDTOperationThread::Await(Awaited& awaited, uint64_t now) const {
     int error = 0;
-    for (int attempt = 1; attempt <= kTries; ++attempt) {
-        if (Try(awaited)) return true;
+    for (int attempt = 1; attempt <= kTries; ++attempt, now = Clock().Now()) {
+        if (Try(awaited, now)) return true;
         error = errno;
         TraceFailure(-1, error);
         PXR_trace(PXR_TRACE_MASK_PLUGIN, PXR_TRACE_LEVEL_CALL,
@@ -193,8 +212,8 @@ bool CWDTOperationThread::Send(uint8_t command, uint8_t netFn, uint16_t dataLeng
 /// One try: 100 ms at most. Goes on as soon as the device has something to read; where it cannot be waited for, or
 /// says so and has nothing, or fails, the time is slept away: the request must not be sent again too soon. The clock is
 /// asked once where all goes well: commands are sent by the hundred.
-bool CWDTOperationThread::Try(Awaited& awaited) const {
-    const uint64_t deadline = Clock().Now() + uint64_t{kTryMs} * 1000;
+bool CWDTOperationThread::Try(Awaited& awaited, uint64_t now) const {
+    const uint64_t deadline = now + uint64_t{kTryMs} * 1000;
     int foreignLeft = kMaxForeignMessages;
     int error = EAGAIN;
     for (int rest = kTryMs; rest > 0 && error == EAGAIN; rest = RestMs(deadline)) {
@@ -226,6 +245,7 @@ bool CWDTOperationThread::ReceiveOwn(Awaited& awaited, int& foreignLeft) const {
         // EMSGSIZE: the message was delivered as far as it fits, and is gone from the device.
         if (device::Ioctl(device_, kReceiveMessageTruncated, &receive) < 0 && errno != EMSGSIZE) return false;
         if (receive.type == kResponseMessage && awaited.IsAnsweredBy(receive.messageId)) {
+            awaited.answeredId = static_cast<uint32_t>(receive.messageId);
             awaited.received = std::min(receive.message.dataLength, awaited.capacity);
             return true;
         }

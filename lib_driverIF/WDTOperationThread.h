@@ -17,9 +17,19 @@ public:
     void LOGG_IPMIClose();
 
     /// The attempts at one request while the device stays open. A controller may need longer than an attempt lasts: a
-    /// response to any of them is the request's own.
+    /// response to any of them is the request's own. One that has lately been late is not sent a request again before
+    /// it can have answered, and then after twice that time: it would work through all of them, each command behind a
+    /// longer line.
     struct Attempts {
         std::optional<uint32_t> firstId;
+        uint32_t lastSentId = 0;
+        uint64_t firstSent = 0;  ///< us
+        uint64_t lastSent = 0;   ///< us
+        uint64_t pause = 0;      ///< us until it may be sent again
+
+        bool MayBeSent(uint64_t now) const { return now >= lastSent + pause; }
+        void Sent(uint32_t id, uint64_t now);
+        uint64_t SentAt(uint32_t id) const { return id == lastSentId ? lastSent : firstSent; }
     };
 
     /// Sends one request to the BMC (LUN 0) and waits up to half a second for its response. Messages that answer
@@ -47,8 +57,8 @@ private:
                 uint8_t* response, Attempts& attempts);
     bool Send(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data) const;
     struct Awaited;
-    bool Await(Awaited& awaited) const;
-    bool Try(Awaited& awaited) const;
+    bool Await(Awaited& awaited, uint64_t now) const;
+    bool Try(Awaited& awaited, uint64_t now) const;
     bool ReceiveOwn(Awaited& awaited, int& foreignLeft) const;
 
     uint32_t messageId_ = 1;
