@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "common/PXR_thread_internal.h"
+#include "cover/TimerCover.h"
 
 //                                                              flag  poll  wr  pause msg pause ipmb
 std::array<std::atomic<uint32_t>, kParamCount> ipmi_param = {4000, 10, 3, 100, 3, 100, 1100};
@@ -22,6 +23,7 @@ uint8_t WatchDogRequest = 0;
 uint8_t WatchDogReqReceive = 0;
 
 std::atomic<bool> g_ipmiStopping = false;
+std::atomic<uint64_t> g_ipmiGiveUpAt = 0;
 
 namespace {
 
@@ -29,6 +31,7 @@ constexpr int kNotInitialised = -1;
 constexpr int kGeneralFailure = -14;
 constexpr int kInvalid = -22;
 constexpr uint32_t kSwitchToSmic = 1;
+constexpr uint64_t kTimeToFinish = 500'000;  // us, for a transfer that is under way when the path is stopped
 
 struct Lifecycle {
     std::mutex change;      // Init_IpmiIF and Terminate_IpmiIF, one at a time
@@ -247,6 +250,10 @@ void ipmi_release_lock(const char* name) {
     if (NamedLock* const lock = FindLock(name); lock != nullptr) lock->exists = false;
 }
 
+bool ipmi_is_given_up() {
+    return g_ipmiStopping && Clock().Now() >= g_ipmiGiveUpAt;
+}
+
 int Init_IpmiIF() {
     const CancelBlock whole;
     IpmiCallTrace trace(__func__);
@@ -263,6 +270,7 @@ void Terminate_IpmiIF() {
     const std::lock_guard change(g_lifecycle.change);
     if (!g_initialised) return;
     g_initialised = false;
+    g_ipmiGiveUpAt = Clock().Now() + kTimeToFinish;
     g_ipmiStopping = true;
     ipmi_wake_conditions();
     ipmb_timer_stop();

@@ -31,11 +31,15 @@ inline constexpr uint32_t kIpmiMaxMessage = 1028;
 int Init_IpmiIF();
 
 /// Stops it: new calls are refused, the timer thread ends, requesters of bridged messages give up with -110, callers
-/// waiting for their turn with -1. Returns when the last caller has left. Init_IpmiIF may follow.
+/// waiting for their turn with -1, and a transfer under way has half a second to come to its end. Returns when the last
+/// caller has left. Init_IpmiIF may follow.
 void Terminate_IpmiIF();
 
-/// Whether Terminate_IpmiIF is under way: waits without progress end early.
+/// Whether Terminate_IpmiIF is under way: nothing new is begun.
 extern std::atomic<bool> g_ipmiStopping;
+/// When what is under way is broken off then, by the clock; what it leaves behind the next transfer discards.
+extern std::atomic<uint64_t> g_ipmiGiveUpAt;
+bool ipmi_is_given_up();
 
 /// Makes one of the two named locks, "WDOG REQUEST" and "WDOG RECEIVE". @return 0; -14 no such name, or it exists
 int ipmi_create_lock(const char* name);

@@ -170,13 +170,14 @@ int ReadPass(IpmiIncoming& response) {
     return (status & kStateMask) == kStateIdle ? TakeFinalByte() : kKcsStateError;
 }
 
-/// Waits for a status, at most 10 s; where giveUp is set, no longer than until it is.
-int WaitStatus(uint8_t value, uint8_t mask, uint8_t* status, const std::atomic<bool>* giveUp) {
+/// Waits for a status, at most 10 s, and no longer than until the wait is given up.
+int WaitStatus(uint8_t value, uint8_t mask, uint8_t* status, bool (*givenUp)()) {
     if ((value != 0 && (value & mask) == 0) || status == nullptr) return kKcsBadArgument;
-    for (int poll = 0; poll < kPolls && (giveUp == nullptr || !*giveUp); ++poll) {
+    for (int poll = 0; poll < kPolls; ++poll) {
         *status = ReadStatus();
         if ((*status & kBmcNotAvailable) != 0) return kKcsNotAvailable;
         if ((*status & mask) == value) return kKcsDone;
+        if (givenUp()) break;
         Sleep(kPollPauseMs);
     }
     return kKcsTimeout;
@@ -199,7 +200,7 @@ int AbortSequence(uint8_t* code) {
 
 int KCSWaitStatusReg(uint8_t value, uint8_t mask, uint8_t* status) {
     IpmiCallTrace trace(__func__);
-    return trace.Out(WaitStatus(value, mask, status, nullptr));
+    return trace.Out(WaitStatus(value, mask, status, ipmi_is_given_up));
 }
 
 int KCSClearObf(uint8_t* status) {
@@ -210,6 +211,7 @@ int KCSClearObf(uint8_t* status) {
         if ((*status & kBmcNotAvailable) != 0) return trace.Out(kKcsNotAvailable);
         if ((*status & kObf) == 0) return trace.Out(kKcsDone);
         if (poll == 0) ReadData();  // what was left there
+        if (ipmi_is_given_up()) break;
         Sleep(kPollPauseMs);
     }
     return trace.Out(kKcsTimeout);
@@ -266,7 +268,7 @@ int ipmi_kcs_SMSBitCheck(int mode) {
     IpmiCallTrace trace(__func__);
     uint8_t status = 0;
     if (mode == 1) return trace.Out(KCSGetStatusReg(kSmsAttention, kSmsAttention, &status));
-    return trace.Out(WaitStatus(kSmsAttention, kSmsAttention, &status, &g_ipmbAttentionUnwanted));
+    return trace.Out(WaitStatus(kSmsAttention, kSmsAttention, &status, [] { return g_ipmbAttentionUnwanted.load(); }));
 }
 
 int ipmi_kcs_IsREAD_STATE() {

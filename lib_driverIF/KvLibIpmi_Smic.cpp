@@ -62,10 +62,11 @@ void ChangeFlags(uint8_t set, uint8_t clear) {
     REG_WRITE.load()(IPMI_REG_CONTROL, static_cast<uint8_t>((ReadFlags() | set) & ~clear));
 }
 
-int WaitFlags(uint8_t mask, uint8_t value, const std::atomic<bool>* giveUp) {
+/// Waits for flags, and no longer than until the wait is given up.
+int WaitFlags(uint8_t mask, uint8_t value, bool (*givenUp)()) {
     const uint64_t deadline = Clock().Now() + uint64_t{ipmi_param[kParamSmicFlagLimit]} * 1000;
     while ((ReadFlags() & mask) != value) {
-        if (Clock().Now() >= deadline || (giveUp != nullptr && *giveUp)) return kTimedOut;
+        if (Clock().Now() >= deadline || givenUp()) return kTimedOut;
         if (const int error = ipmi_sleep_on_timeout(static_cast<long>(ipmi_param[kParamSmicFlagInterval]))) {
             return error;
         }
@@ -145,10 +146,10 @@ int WriteWithRetries(const uint8_t* request, uint32_t length, uint8_t* status) {
         if (attempt > 0) {
             const int error = ipmi_sleep_on_timeout(static_cast<long>(ipmi_param[kParamSmicWritePause]));
             if (error != 0) return error;
+            if (g_ipmiStopping) break;
         }
         if (const int error = WriteAttempt(request, length, &done)) return error;
         if (done) return 0;
-        if (g_ipmiStopping) break;
     }
     return FetchFailure(status);
 }
@@ -157,7 +158,7 @@ int WriteWithRetries(const uint8_t* request, uint32_t length, uint8_t* status) {
 
 int ipmi_smic_flagwait(uint8_t mask, uint8_t value) {
     IpmiCallTrace trace(__func__);
-    const int error = WaitFlags(mask, value, nullptr);
+    const int error = WaitFlags(mask, value, ipmi_is_given_up);
     return error == 0 ? trace.Out(0) : trace.Fail(error);
 }
 
@@ -205,7 +206,7 @@ int ipmi_smic_status(uint8_t* status) {
 int ipmi_smic_smsflag(int mode) {
     IpmiCallTrace trace(__func__);
     if (mode == 1) return trace.Out((ReadFlags() & kSmsAttention) != 0 ? 1 : 0);
-    return trace.Out(WaitFlags(kSmsAttention, kSmsAttention, &g_ipmbAttentionUnwanted));
+    return trace.Out(WaitFlags(kSmsAttention, kSmsAttention, [] { return g_ipmbAttentionUnwanted.load(); }));
 }
 
 int ipmi_smic_IsREAD_STATE() {

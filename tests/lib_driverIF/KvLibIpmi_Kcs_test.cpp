@@ -158,6 +158,24 @@ TEST_P(KcsTest, AbortOutcomesEndTheWrite) {
     EXPECT_EQ(0, Write());  // two state errors spent, the third pass is good
 }
 
+TEST_P(KcsTest, EveryWaitEndsWhenTheRegisterPathIsStopped) {
+    for (const uint8_t stuck : Bytes{kcs::kIbf, kcs::kIbf | kcs::kObf}) {
+        for (unsigned n = 1; n <= 60; ++n) {
+            server.Kcs().Reset();
+            server.Kcs().FailAtByte(n % 2 == 0 ? 3 : 0);  // every other time in an abort
+            server.OnPortRead(kKcsStatus, [=, this, count = 0U](uint8_t good) mutable {
+                if (++count == n) StopIn(std::chrono::milliseconds(500));
+                return g_ipmiStopping ? stuck : good;
+            });
+            const uint64_t before = SleptMs();
+            Write();
+            Read();
+            EXPECT_GE(1000U, SleptMs() - before) << n;
+            g_ipmiStopping = false;
+        }
+    }
+}
+
 TEST_P(KcsTest, ReadTakes1028BytesAndNoMore) {
     AnswerWith(0x01, kIpmiMaxMessage - 2);
     ASSERT_EQ(0, Write());

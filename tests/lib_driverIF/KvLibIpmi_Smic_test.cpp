@@ -73,6 +73,21 @@ TEST_F(SmicTest, FlagWaitEndsAtItsLimitOrWithASignal) {
     EXPECT_EQ(-14, Write());
 }
 
+TEST_F(SmicTest, EveryWaitEndsWhenTheRegisterPathIsStopped) {
+    for (unsigned n = 1; n <= 60; ++n) {
+        server.Smic().Reset();
+        server.OnPortRead(kSmicFlags, [=, this, count = 0U](uint8_t good) mutable {
+            if (++count == n) StopIn(std::chrono::milliseconds(500));
+            return g_ipmiStopping ? smic::kBusy : good;
+        });
+        const uint64_t before = SleptMs();
+        Write();
+        Read();
+        EXPECT_GE(1000U, SleptMs() - before) << n;
+        g_ipmiStopping = false;
+    }
+}
+
 TEST_F(SmicTest, BytesWaitForTransmitReady) {
     server.Smic().SetTransmitBlocked(true);
     EXPECT_EQ(-16, Write());

@@ -88,6 +88,12 @@ public:
         return called;
     }
 
+    /// As Terminate_IpmiIF does in another thread.
+    void StopIn(std::chrono::microseconds time) {
+        g_ipmiGiveUpAt = clock.Now() + static_cast<uint64_t>(time.count());
+        g_ipmiStopping = true;
+    }
+
     uint64_t SleptMs() { return clock.Slept() / 1000; }
 
     PolledClock clock;
