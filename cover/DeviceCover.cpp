@@ -8,8 +8,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 
 namespace {
 
@@ -83,6 +85,7 @@ void LinuxPortOut(void* /*context*/, uint16_t port, uint8_t value) {
 }
 
 constexpr KvDeviceOps kLinux = {
+    .size = sizeof(KvDeviceOps),
     .context = nullptr,
     .open = LinuxOpen,
     .close = LinuxClose,
@@ -98,6 +101,50 @@ constexpr KvDeviceOps kLinux = {
     .portOut = LinuxPortOut,
 };
 
+int Missing() {
+    errno = ENOSYS;
+    return -1;
+}
+
+// What a table leaves out. Linux in its place would mix two machines: its descriptors, and registers of the real one.
+constexpr KvDeviceOps kMissing = {
+    .size = sizeof(KvDeviceOps),
+    .context = nullptr,
+    .open = [](void*, const char*, int) { return Missing(); },
+    .close = [](void*, int) { return Missing(); },
+    .read = [](void*, int, void*, size_t) -> ssize_t { return Missing(); },
+    .write = [](void*, int, const void*, size_t) -> ssize_t { return Missing(); },
+    .seek = [](void*, int, int64_t) -> int64_t { return Missing(); },
+    .map = [](void*, int, int64_t, size_t, int) { return Missing(), MAP_FAILED; },
+    .unmap = [](void*, void*, size_t) { return Missing(); },
+    .ioctl = [](void*, int, unsigned long, void*) { return Missing(); },
+    .waitReadable = [](void*, int, int) { return Missing(); },
+    .ioPrivilege = [](void*, int) { return Missing(); },
+    .portIn = [](void*, uint16_t) -> uint8_t { return 0xFF; },
+    .portOut = [](void*, uint16_t, uint8_t) {},
+};
+
+template <typename... Operation>
+void FillIn(KvDeviceOps& table, Operation KvDeviceOps::*... operation) {
+    ((table.*operation = table.*operation != nullptr ? table.*operation : kMissing.*operation), ...);
+}
+
+KvDeviceOps Complete(const KvDeviceOps& given) {
+    KvDeviceOps table = {};
+    memcpy(&table, &given, std::min<size_t>(given.size, sizeof table));
+    using T = KvDeviceOps;
+    FillIn(table, &T::open, &T::close, &T::read, &T::write, &T::seek, &T::map, &T::unmap, &T::ioctl, &T::waitReadable,
+           &T::ioPrivilege, &T::portIn, &T::portOut);
+    return table;
+}
+
+// A table built before there was a size begins with a pointer or null.
+bool IsTableSize(uint32_t size) {
+    constexpr uint32_t kMostEver = 1024;
+    return size >= offsetof(KvDeviceOps, open) && size <= kMostEver;
+}
+
+KvDeviceOps g_given[2];  // in turns: who still works by the old table finds it whole
 std::atomic<const KvDeviceOps*> g_ops = &kLinux;
 
 const KvDeviceOps& Ops() {
@@ -106,8 +153,16 @@ const KvDeviceOps& Ops() {
 
 }  // namespace
 
-void KvSetDeviceOps(const KvDeviceOps* ops) {
-    g_ops.store(ops != nullptr ? ops : &kLinux, std::memory_order_release);
+int KvSetDeviceOps(const KvDeviceOps* ops) {
+    if (ops == nullptr) {
+        g_ops = &kLinux;
+        return 0;
+    }
+    if (!IsTableSize(ops->size)) return EINVAL;
+    KvDeviceOps& table = g_given[&Ops() == &g_given[0] ? 1 : 0];
+    table = Complete(*ops);
+    g_ops = &table;
+    return 0;
 }
 
 namespace device {

@@ -34,6 +34,7 @@ SimulatedServer::SimulatedServer(TimerClock& clock)
 SimulatedServer::~SimulatedServer() = default;
 
 void SimulatedServer::FillOps() {
+    ops_.size = sizeof ops_;
     ops_.context = this;
     ops_.open = [](void* c, const char* path, int flags) { return Self(c)->Open(path, flags); };
     ops_.close = [](void* c, int fd) { return Self(c)->Close(fd); };

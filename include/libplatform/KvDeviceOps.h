@@ -13,7 +13,11 @@ KV_EXTERN_C_BEGIN
 /// Operations on devices. Every operation gets `context` as its first argument and reports a failure as the system call
 /// of its name does: -1 (map: MAP_FAILED) and the reason in errno. Descriptors are the table's own: what open gave is
 /// handed to the others and never to the operating system. Operations may be called by several threads at once.
+///
+/// A table may leave operations out: those that are null, and those behind its size, which a newer library knows. They
+/// fail with ENOSYS (portIn gives 0xFF, as where no device answers); the real machine never answers in their place.
 typedef struct KvDeviceOps {
+    uint32_t size;  ///< sizeof(KvDeviceOps), as the table's maker knows it
     void* context;
 
     /// Opens "/dev/ipmi0", "/dev/mem" or "/dev/kvdrvmem". @param flags O_RDONLY, O_WRONLY or O_RDWR
@@ -37,8 +41,11 @@ typedef struct KvDeviceOps {
     void (*portOut)(void* context, uint16_t port, uint8_t value);
 } KvDeviceOps;
 
+KV_STATIC_ASSERT(sizeof(KvDeviceOps) == 56 && offsetof(KvDeviceOps, open) == 8);
+
 /// Replaces the operations. Call it before InitLib or after TerminateLib, not between.
-/// @param ops  stays the caller's and must live until it is replaced; null brings the default back
-KV_EXPORT void KvSetDeviceOps(const KvDeviceOps* ops);
+/// @param ops  copied; its context stays the caller's and must live until it is replaced. Null brings the default back
+/// @return 0; EINVAL, and nothing is changed, when the size is not that of a table
+KV_EXPORT int KvSetDeviceOps(const KvDeviceOps* ops);
 
 KV_EXTERN_C_END

@@ -3,12 +3,15 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
+#include <functional>
 #include <memory>
 #include <utility>
 
@@ -85,6 +88,7 @@ TEST(DeviceCover, ReplacedTableGetsItsContext) {
         int level = -1;
     } ports;
     KvDeviceOps ops = {};
+    ops.size = sizeof ops;
     ops.context = &ports;
     ops.ioPrivilege = [](void* context, int level) { return static_cast<Ports*>(context)->level = level, 0; };
     ops.portOut = [](void* context, uint16_t port, uint8_t value) {
@@ -93,7 +97,7 @@ TEST(DeviceCover, ReplacedTableGetsItsContext) {
     ops.portIn = [](void* context, uint16_t port) {
         return static_cast<uint8_t>(port == static_cast<Ports*>(context)->port ? 0x5A : 0);
     };
-    KvSetDeviceOps(&ops);
+    ASSERT_EQ(0, KvSetDeviceOps(&ops));
     EXPECT_EQ(0, device::IoPrivilege(3));
     device::PortOut(0xCA2, 0x61);
     EXPECT_EQ(0x5A, device::PortIn(0xCA2));
@@ -102,6 +106,44 @@ TEST(DeviceCover, ReplacedTableGetsItsContext) {
     EXPECT_EQ(0x61, ports.value);
     EXPECT_EQ(-1, device::Open("/nowhere/at/all", O_RDONLY)) << "the default is back";
     EXPECT_EQ(ENOENT, errno);
+}
+
+TEST(DeviceCover, TableOfFewerOperationsNeverReachesTheRealMachine) {
+    KvDeviceOps ops = {};
+    ops.size = offsetof(KvDeviceOps, read);
+    ops.open = [](void*, const char*, int) { return 7; };
+    ops.portIn = [](void*, uint16_t) -> uint8_t { return 0x5A; };  // behind the size: not looked at
+    ASSERT_EQ(0, KvSetDeviceOps(&ops));
+    EXPECT_EQ(7, device::Open("/dev/mem", O_RDONLY));
+    char byte = 0;
+    const std::function<int64_t()> missing[] = {
+        [] { return device::Close(STDIN_FILENO); },  // null
+        [&] { return device::Read(STDIN_FILENO, &byte, 1); },
+        [&] { return device::Write(STDOUT_FILENO, &byte, 1); },
+        [] { return device::Seek(STDIN_FILENO, 0); },
+        [] { return device::Map(STDIN_FILENO, 0, 4096, false) == MAP_FAILED ? -1 : 0; },
+        [&] { return device::Unmap(&byte, 4096); },
+        [] { return device::Ioctl(STDIN_FILENO, FIONREAD, nullptr); },
+        [] { return device::WaitReadable(STDIN_FILENO, 0); },
+        [] { return device::IoPrivilege(0); },
+    };
+    for (const auto& call : missing) {
+        errno = 0;
+        EXPECT_EQ(-1, call()) << &call - missing;
+        EXPECT_EQ(ENOSYS, errno) << &call - missing;
+    }
+    device::PortOut(0x80, 0);
+    EXPECT_EQ(0xFF, device::PortIn(0x80));
+
+    for (const uint32_t size : {0U, 0x5678'9ABCU}) {  // as a table without size begins
+        ops.size = size;
+        EXPECT_EQ(EINVAL, KvSetDeviceOps(&ops));
+        EXPECT_EQ(7, device::Open("/dev/mem", O_RDONLY)) << "the table before is still there";
+    }
+    ops.size = sizeof ops + 8;  // of a newer header
+    EXPECT_EQ(0, KvSetDeviceOps(&ops));
+    EXPECT_EQ(0x5A, device::PortIn(0x80));
+    KvSetDeviceOps(nullptr);
 }
 
 }  // namespace

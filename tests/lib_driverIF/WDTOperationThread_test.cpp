@@ -198,6 +198,7 @@ TEST_F(OperationThreadTest, DeviceThatNeverStopsTalkingIsGivenUp) {
         self->onIoctl(request, argument);
         return 0;
     };
+    KvSetDeviceOps(&ops);
     onIoctl = [&](unsigned long request, void*) { receives += request == sim::kIpmiReceiveTrunc ? 1 : 0; };
     onWait = [] { return 1; };
     EXPECT_EQ(-1, Execute());
