@@ -42,6 +42,7 @@ namespace kvhost {
     X(KvPsGetIpmiInterface)        \
     X(KvPsGetStructureHeader)      \
     X(KvPsGetTypeData)             \
+    X(KvPsFreeTypeData)            \
     X(KvPsGetAllSdrData)           \
     X(KvPsGetSensorDataList)       \
     X(KvPsGetFruInventoryAreaSize) \

@@ -64,7 +64,8 @@ std::vector<Structure> ReadStructures(const Library& library, const std::vector<
     unsigned long count = 0;
     KVPS_SMBIOS_TPHEAD** records = nullptr;
     library.Check(library.KvPsGetTypeData(KVPS_SMBIOS_ALL_TYPES, &count, &records));
-    const std::unique_ptr<KVPS_SMBIOS_TPHEAD*[]> owner(records);
+    const std::unique_ptr<KVPS_SMBIOS_TPHEAD*[], decltype(library.KvPsFreeTypeData)> owner(records,
+                                                                                           library.KvPsFreeTypeData);
     std::vector<Structure> structures;
     for (unsigned long i = 0; i < count; ++i) {
         if (types.empty() || std::ranges::find(types, records[i]->type) != types.end()) {

@@ -173,6 +173,14 @@ uint32_t KvPsGetSystemInformation(uint8_t offset, char** out) {
     return 0;
 }
 
+void KvPsFreeTypeData(KVPS_SMBIOS_TPHEAD** array) {
+    delete[] array;
+}
+
+void KvPsFreeSystemInformation(char* text) {
+    delete[] text;
+}
+
 uint32_t KvPsGetSmbiosString(const KVPS_SMBIOS_TPHEAD* structure, uint8_t offset, uint32_t size, char* buffer) {
     PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_CALL, "Enter %s", __func__);
     const uint32_t result = CopyString(structure, offset, size, buffer);

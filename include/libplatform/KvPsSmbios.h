@@ -11,7 +11,7 @@
 ///         char locator[64] = "";
 ///         KvPsGetSmbiosString(devices[i], 0x10, sizeof(locator), locator);
 ///     }
-///     // C++: delete[] devices;
+///     KvPsFreeTypeData(devices);
 /// @endcode
 
 #include "libplatform/KvExport.h"
@@ -72,17 +72,21 @@ KV_EXPORT uint32_t KvPsGetStructureHeader(KVPS_SMBIOS_HEAD* out);
 /// Gives the structures of a type in the order of their handles.
 /// @param type   0 to 127, or KVPS_SMBIOS_ALL_TYPES
 /// @param count  receives their number
-/// @param array  receives the array (operator new[]), the caller's to delete[]; null when there is none. The structures
-///               in it stay the library's.
+/// @param array  receives the array, which KvPsFreeTypeData frees (it comes from C++'s operator new[]); null when there is
+///               none. The structures in it stay the library's.
 /// @return 0, also when there is none; 0x611A4202 type 128 to 254, or a null argument; 0x611A1202 out of memory
 KV_EXPORT uint32_t KvPsGetTypeData(uint8_t type, unsigned long* count, KVPS_SMBIOS_TPHEAD*** array);
+/// Frees the array, not the structures; null is fine.
+KV_EXPORT void KvPsFreeTypeData(KVPS_SMBIOS_TPHEAD** array);
 
 /// Gives a field of the first System Information structure as text: its string, or for offset 8 the UUID, 36 characters
 /// in stored order.
 /// @param offset  5 product name, 6 version, 8 UUID; at most 24
-/// @param out     receives KVPS_SMBIOS_TEXT_SIZE bytes (operator new[]), the caller's to delete[]
+/// @param out     receives a text of KVPS_SMBIOS_TEXT_SIZE bytes, which KvPsFreeSystemInformation frees (operator new[])
 /// @return 0; 0x60D04202 bad argument; 0x60D0B802 no such structure or field; 0x60D01202 out of memory
 KV_EXPORT uint32_t KvPsGetSystemInformation(uint8_t offset, char** out);
+/// Frees such a text; null is fine.
+KV_EXPORT void KvPsFreeSystemInformation(char* text);
 
 /// Copies the string that a field names by its number, cut to fit, with zeroes behind it. A field that names no string
 /// (number 0, or one that is not there) leaves the buffer as it was.

@@ -51,7 +51,7 @@ protected:
         unsigned long count = 99;
         KVPS_SMBIOS_TPHEAD** array = nullptr;
         EXPECT_EQ(0U, KvPsGetTypeData(type, &count, &array));
-        const std::unique_ptr<KVPS_SMBIOS_TPHEAD*[]> owner(array);
+        const std::unique_ptr<KVPS_SMBIOS_TPHEAD*[], decltype(&KvPsFreeTypeData)> owner(array, KvPsFreeTypeData);
         EXPECT_EQ(count == 0, array == nullptr);
         return {array, array + count};
     }
@@ -59,7 +59,7 @@ protected:
     static std::string System(uint8_t offset) {
         char* text = nullptr;
         const uint32_t result = KvPsGetSystemInformation(offset, &text);
-        const std::unique_ptr<char[]> owner(text);
+        const std::unique_ptr<char[], decltype(&KvPsFreeSystemInformation)> owner(text, KvPsFreeSystemInformation);
         return result == 0 ? text : std::to_string(result);
     }
 
