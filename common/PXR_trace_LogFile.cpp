@@ -1,58 +1,38 @@
+// Log files that keep themselves small: appending, and cutting back to the newest half.
 #include "common/PXR_trace_LogFile.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <new>
-#include <utility>
+#include <thread>
 
-#include "common/PXR_thread_internal.h"
+#include "common/FileText.h"
+#include "cover/Heap.h"
 #include "libplatform/PXR_message.h"
-#include "libplatform/PXR_trace.h"
 
 namespace {
+
+using std::chrono::steady_clock;
 
 constexpr int64_t kKiB = 1024;
 constexpr size_t kPieceSize = 64 * 1024;
 constexpr int kSystemLogSet = 4;
 constexpr int kLogFileFails = 534;
 
-struct FreeMemory {
-    void operator()(char* memory) const { free(memory); }
-};
+/// How long a line is held back while another process cuts the file.
+constexpr std::chrono::milliseconds kPatience{100};
+constexpr std::chrono::milliseconds kPause{1};
+/// How often a cut looks for lines that were appended since it began; rarely is there more than one.
+constexpr int kLooks = 16;
 
-std::pair<dev_t, ino_t> IdentityOf(int fd) {
-    struct stat status {};
-    if (fstat(fd, &status) != 0) return {};
+std::pair<dev_t, ino_t> IdentityOf(const struct stat& status) {
     return {status.st_dev, status.st_ino};
-}
-
-bool ReadAt(int fd, char* buffer, size_t length, int64_t offset) {
-    for (size_t done = 0; done < length;) {
-        const ssize_t n = pread(fd, buffer + done, length - done, offset + static_cast<int64_t>(done));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;  // also the end of a file that someone else has shortened
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
-bool WriteAt(int fd, const char* data, size_t length, int64_t offset) {
-    for (size_t done = 0; done < length;) {
-        const ssize_t n = pwrite(fd, data + done, length - done, offset + static_cast<int64_t>(done));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
 }
 
 /// Takes O_APPEND off a descriptor while the file is rearranged: with it, Linux appends even a pwrite at offset 0.
@@ -74,20 +54,44 @@ private:
     bool ok_ = false;
 };
 
-/// Keeps a second process from cutting the same file at the same time.
-class CutLock {
+/// Copies the end of a file to its start, piece by piece, from the first newline on.
+class LineMover {
 public:
-    explicit CutLock(int fd) : fd_(fd), busy_(flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {}
-    CutLock(const CutLock&) = delete;
-    CutLock& operator=(const CutLock&) = delete;
-    ~CutLock() {
-        if (!busy_) flock(fd_, LOCK_UN);
+    /// @param from  where the end begins: in the second half of the file, so that nothing is overwritten unread
+    LineMover(int fd, int64_t from) : fd_(fd), from_(from), piece_(static_cast<char*>(malloc(kPieceSize))) {}
+
+    /// Copies everything up to this offset that has not been copied yet.
+    bool CopyUpTo(int64_t end) {
+        if (piece_ == nullptr) return false;
+        while (from_ < end) {
+            const auto count = static_cast<size_t>(std::min<int64_t>(kPieceSize, end - from_));
+            if (!ReadAt(fd_, piece_.get(), count, from_) || !WriteLines(piece_.get(), piece_.get() + count))
+                return false;
+            from_ += static_cast<int64_t>(count);
+        }
+        return true;
     }
-    bool Busy() const { return busy_; }
+    /// Length of the copy.
+    int64_t Copied() const { return copied_; }
 
 private:
+    bool WriteLines(const char* begin, const char* end) {
+        if (inPartialLine_) {
+            const char* const newline = std::find(begin, end, '\n');
+            inPartialLine_ = newline == end;
+            begin = inPartialLine_ ? end : newline + 1;
+        }
+        const auto count = static_cast<size_t>(end - begin);
+        if (!WriteAt(fd_, begin, count, copied_)) return false;
+        copied_ += static_cast<int64_t>(count);
+        return true;
+    }
+
     int fd_;
-    bool busy_;
+    int64_t from_;
+    int64_t copied_ = 0;
+    bool inPartialLine_ = true;
+    HeapOwned<char> piece_;
 };
 
 }  // namespace
@@ -98,13 +102,22 @@ int LogFile::Open(const char* path, uint32_t limitKiB) {
     if (length >= sizeof path_) return ENAMETOOLONG;
     const std::lock_guard lock(mutex_);
     Release();
-    fd_ = open(path, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0666);
-    if (fd_ < 0) return errno;
-    identity_ = IdentityOf(fd_);
-    lseek(fd_, 0, SEEK_END);
+    memcpy(path_, path, length + 1);
     limit_ = limitKiB * kKiB;
     failing_ = false;
-    memcpy(path_, path, length + 1);
+    const int error = OpenFile();
+    open_ = error == 0;
+    return error;
+}
+
+int LogFile::OpenFile() {
+    fd_ = open(path_, O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0666);
+    struct stat status {};
+    if (fd_ < 0 || fstat(fd_, &status) != 0) return errno;
+    identity_ = IdentityOf(status);
+    lseek(fd_, 0, SEEK_END);
+    cutIsOurs_ = true;  // of a file that is too long already
+    waitedInVain_ = false;
     return 0;
 }
 
@@ -113,28 +126,46 @@ void LogFile::Close() {
     Release();
 }
 
-// A host that turns itself into a daemon may close every descriptor it finds, and the number then belongs to others.
-bool LogFile::OwnsNumber() const {
-    return IdentityOf(fd_) == identity_;
+void LogFile::Release() {
+    struct stat status {};
+    if (IsOurFile(status)) close(fd_);
+    fd_ = -1;
+    open_ = false;
 }
 
-void LogFile::Release() {
-    if (fd_ >= 0 && OwnsNumber()) close(fd_);
-    fd_ = -1;
+// A number that the host has closed, and perhaps given to something of its own, is found out by its inode.
+bool LogFile::IsOurFile(struct stat& status) const {
+    return fd_ >= 0 && fstat(fd_, &status) == 0 && IdentityOf(status) == identity_;
 }
 
 void LogFile::Write(const char* lines, size_t length) {
     char failed[PATH_MAX];
     {
         const std::lock_guard lock(mutex_);
-        if (fd_ < 0) return;
-        if (!OwnsNumber()) fd_ = -1;
-        const bool works = fd_ >= 0 && Append(lines, length) && CutWhenDue();
+        if (!open_) return;
+        const bool works = MakeReady() && Append(lines, length) && CutWhenDue(static_cast<int64_t>(length));
         const bool reported = std::exchange(failing_, !works);
         if (works || reported) return;
         memcpy(failed, path_, sizeof failed);
     }
     PXR_syslog_message(LOG_ERR, "KvAgent.cat", kSystemLogSet, kLogFileFails, 1, failed);
+}
+
+bool LogFile::MakeReady() {
+    struct stat now {};
+    if (!IsOurFile(now)) return OpenFile() == 0;
+    if (limit_ != 0 && now.st_size > limit_ && !cutIsOurs_) LetOthersCut();
+    return true;
+}
+
+// Whoever cuts takes along what others append meanwhile, all but what comes in the very last moment, which this avoids.
+void LogFile::LetOthersCut() {
+    const auto deadline = steady_clock::now() + kPatience;
+    struct stat now {};
+    while (!waitedInVain_ && fstat(fd_, &now) == 0 && now.st_size > limit_) {
+        waitedInVain_ = steady_clock::now() >= deadline;
+        std::this_thread::sleep_for(kPause);
+    }
 }
 
 // A line stands in the file whole or not at all: what a full disk lets through of it is taken back, unless another
@@ -155,72 +186,41 @@ void LogFile::TakeBack(int64_t written) {
     if (ftruncate(fd_, end - written) == 0) lseek(fd_, 0, SEEK_END);
 }
 
-bool LogFile::CutWhenDue() {
-    if (limit_ == 0 || lseek(fd_, 0, SEEK_CUR) <= limit_) return true;
-    const CutLock cutting(fd_);
-    if (cutting.Busy()) return true;  // the other process cuts
+// @return false when a cut fails; it is tried again with the next line
+bool LogFile::CutWhenDue(int64_t length) {
+    if (limit_ == 0) return true;
+    const int64_t end = lseek(fd_, 0, SEEK_CUR);
+    if (end <= limit_) {
+        cutIsOurs_ = false;
+        waitedInVain_ = false;
+        return true;
+    }
+    if (!cutIsOurs_ && !ReachesOverABound(end - length, end)) return true;
+    const bool done = Cut();
+    cutIsOurs_ = !done;
+    return done;
+}
+
+bool LogFile::ReachesOverABound(int64_t begin, int64_t end) const {
+    const int64_t quarter = limit_ / 4;
+    return (end - 1) / quarter > (begin - 1) / quarter;
+}
+
+bool LogFile::Cut() {
     struct stat now {};
     if (fstat(fd_, &now) != 0) return false;
     const int64_t keep = limit_ / 2;
     if (now.st_size <= 2 * keep) return true;
-    return Cut(now.st_size, keep);
-}
-
-bool LogFile::Cut(int64_t size, int64_t keep) {
     const AppendModeOff rearranging(fd_);
     if (!rearranging.Ok()) return false;
-    int64_t length = keep;
-    if (!MoveWholeLinesToStart(size - keep, length)) return false;
-    return ftruncate(fd_, length) == 0 && lseek(fd_, 0, SEEK_END) >= 0;
-}
-
-// Copies what follows the first newline of the block to the start of the file, piece by piece. The block lies in the
-// second half of the file, so source and target never overlap.
-// @param from    offset of the block
-// @param length  in: of the block, out: of what was copied
-bool LogFile::MoveWholeLinesToStart(int64_t from, int64_t& length) {
-    const std::unique_ptr<char, FreeMemory> piece(static_cast<char*>(malloc(kPieceSize)));
-    if (piece == nullptr) return false;
-    int64_t copied = 0;
-    bool inPartialLine = true;
-    for (int64_t done = 0; done < length;) {
-        const auto count = static_cast<size_t>(std::min<int64_t>(kPieceSize, length - done));
-        if (!ReadAt(fd_, piece.get(), count, from + done)) return false;
-        done += static_cast<int64_t>(count);
-        const char* begin = piece.get();
-        const char* const end = begin + count;
-        if (inPartialLine) {
-            const char* newline = std::find(begin, end, '\n');
-            inPartialLine = newline == end;
-            begin = inPartialLine ? end : newline + 1;
-        }
-        if (!WriteAt(fd_, begin, static_cast<size_t>(end - begin), copied)) return false;
-        copied += end - begin;
+    LineMover mover(fd_, now.st_size - keep);
+    int64_t end = 0;
+    for (int look = 0; look < kLooks && end != now.st_size; ++look) {
+        end = now.st_size;
+        const bool copied = mover.CopyUpTo(end);
+        if (fstat(fd_, &now) != 0) return false;
+        if (now.st_size < end) return true;  // this process slept so long that another one has cut
+        if (!copied) return false;
     }
-    length = copied;
-    return true;
-}
-
-struct PXR_log_file {
-    LogFile file;
-};
-
-PXR_log_file* PXR_log_file_open(const char* path, uint32_t limitKiB) {
-    const CancelBlock untilItIsOpen;
-    std::unique_ptr<PXR_log_file> log(new (std::nothrow) PXR_log_file);
-    const int error = log == nullptr ? ENOMEM : log->file.Open(path, limitKiB);
-    if (error == 0) return log.release();
-    log.reset();
-    errno = error;
-    return nullptr;
-}
-
-void PXR_log_file_write(PXR_log_file* file, const char* lines, size_t length) {
-    const CancelBlock wholeLines;
-    if (file != nullptr && lines != nullptr) file->file.Write(lines, length);
-}
-
-void PXR_log_file_close(PXR_log_file* file) {
-    const CancelBlock untilItIsClosed;
-    delete file;
+    return ftruncate(fd_, mover.Copied()) == 0 && lseek(fd_, 0, SEEK_END) >= 0;
 }

@@ -13,6 +13,7 @@
 /// @endcode
 
 #include "libplatform/KvExport.h"
+#include "libplatform/PXR_log_file.h"
 #include "libplatform/trace_protocol.h"
 
 KV_EXTERN_C_BEGIN
@@ -85,20 +86,5 @@ KV_EXPORT uint32_t PXR_trace_read_config(PXR_trace_config* config);
 /// @param line  at least PXR_TRACE_LINE_BUFFER_SIZE bytes; zero-terminated
 /// @return length of the line
 KV_EXPORT size_t PXR_trace_format_line(char* line, const char* command, uint32_t pid, const PXR_trace_message* message);
-
-/// A log file that keeps itself small: when it has outgrown its limit it is cut to its newest half, at a line boundary.
-/// One object may be used by many threads. Failures to write or cut are reported to the system log (set 4, message
-/// 534), once until the file works again.
-typedef struct PXR_log_file PXR_log_file;
-
-/// Opens a log for appending, creating it with mode 0666 as masked by the process.
-/// @param limitKiB  size limit; 0: none
-/// @return to be closed by the caller; null on failure, with errno set
-KV_EXPORT PXR_log_file* PXR_log_file_open(const char* path, uint32_t limitKiB);
-
-/// Appends whole lines with one write, then cuts the file if it is due.
-KV_EXPORT void PXR_log_file_write(PXR_log_file* file, const char* lines, size_t length);
-
-KV_EXPORT void PXR_log_file_close(PXR_log_file* file);
 
 KV_EXTERN_C_END

@@ -3,23 +3,20 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <sstream>
 #include <thread>
 
 #include "common/PXR_thread_internal.h"
-#include "common/PXR_trace_LogFile.h"
 #include "tests/support/CancelledThread.h"
 #include "tests/support/InMachineRoot.h"
+#include "tests/support/Lines.h"
 #include "tests/support/SyslogListener.h"
 #include "tests/support/TraceListener.h"
 #include "tests/support/Tracing.h"
@@ -54,20 +51,6 @@ std::string WithoutTime(const PXR_trace_packet& packet) {
 
 std::string TextOf(const PXR_trace_packet& packet) {
     return Bytes(packet.body.message.text, packet.body.message.length);
-}
-
-std::string Content(const std::string& path) {
-    std::ostringstream out;
-    out << std::ifstream(path, std::ios::binary).rdbuf();
-    return out.str();
-}
-
-std::vector<std::string> Lines(const std::string& content) {
-    std::vector<std::string> lines;
-    std::istringstream in(content);
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
 }
 
 /// How many descriptors a child would inherit.
@@ -454,126 +437,6 @@ TEST(PxrTrace, LinesAreCutAtTheirLimitAndDoNotTrustTheMessage) {
     message.length = 0;
     PXR_trace_format_line(line, "c", 7, &message);
     EXPECT_STREQ("\n", line);
-}
-
-/// Writes numbered lines and checks after each that the file holds whole consecutive ones up to it, within the limit.
-void GrowAndCheck(const char* path, uint32_t limitKiB, int count, size_t padding, int checkEvery) {
-    LogFile files[2];  // as of two processes
-    for (LogFile& file : files)
-        ASSERT_EQ(0, file.Open(path, limitKiB));
-    for (int n = 0; n < count; ++n) {
-        const std::string line = std::to_string(n) + std::string(padding + static_cast<size_t>(n) % 7, '.') + "\n";
-        const auto before = std::filesystem::file_size(path);
-        files[n % 2].Write(line.data(), line.size());
-        const auto size = std::filesystem::file_size(path);
-        ASSERT_GE(size < before ? limitKiB * 512U : limitKiB * 1024U, size) << "after line " << n;
-        if (size > before && n % checkEvery != 0) continue;
-        int expected = n;
-        const auto lines = Lines(Content(path));
-        for (auto it = lines.rbegin(); it != lines.rend(); ++it, --expected)
-            ASSERT_EQ(std::to_string(expected) + std::string(padding + static_cast<size_t>(expected) % 7, '.'), *it);
-    }
-}
-
-TEST(LogFile, KeepsItsNewestWholeLines) {
-    RunInRoot(MakeTestRoot(), [] {
-        GrowAndCheck("/tmp/small.log", 1, 300, 40, 1);
-        GrowAndCheck("/tmp/large.log", 1024, 4000, 500, 1000);  // several pieces are moved
-    });
-}
-
-TEST(LogFile, IsNotCutWhileAnotherProcessCutsIt) {
-    RunInRoot(MakeTestRoot(), [] {
-        LogFile file;
-        ASSERT_EQ(0, file.Open("/tmp/both.log", 1));
-        const int other = open("/tmp/both.log", O_RDWR | O_CLOEXEC);
-        const std::string line = std::string(599, '.') + "\n";
-        ASSERT_EQ(0, flock(other, LOCK_EX));
-        for (int i = 0; i < 3; ++i)
-            file.Write(line.data(), line.size());
-        EXPECT_EQ(3 * line.size(), std::filesystem::file_size("/tmp/both.log"));
-        ASSERT_EQ(0, flock(other, LOCK_UN));
-        file.Write("last\n", 5);
-        EXPECT_EQ("last\n", Content("/tmp/both.log"));
-        close(other);
-    });
-}
-
-// PXR_trace_init may be called by several threads, each time opening the log anew.
-TEST(LogFile, ThreadsThatOpenAndWriteLoseNothing) {
-    RunInRoot(MakeTestRoot(), [] {
-        LogFile file;
-        ASSERT_EQ(0, file.Open("/tmp/threads.log", 2));
-        const int next = dup(0);
-        close(next);
-        std::vector<std::thread> threads(8);
-        char letter = 'a';
-        for (auto& thread : threads) {
-            thread = std::thread([&file, line = std::string(30, letter++) + "\n"] {
-                for (int n = 0; n < 500; ++n) {
-                    file.Open("/tmp/threads.log", 2);
-                    file.Write(line.data(), line.size());
-                }
-            });
-        }
-        for (auto& thread : threads)
-            thread.join();
-        const int nextNow = dup(0);
-        EXPECT_EQ(next, nextNow) << "one descriptor is open, as before";
-        close(nextNow);
-        for (const auto& line : Lines(Content("/tmp/threads.log")))
-            EXPECT_EQ(std::string(30, line[0]), line);
-    });
-}
-
-// As a process does that closes every descriptor and opens files of its own.
-TEST(LogFile, LeavesAFileAloneThatReusesItsNumber) {
-    RunInRoot(MakeTestRoot(), [] {
-        SyslogListener syslog;
-        const int number = dup(0);
-        close(number);
-        LogFile file;
-        ASSERT_EQ(0, file.Open("/tmp/our.log", 1));
-        ASSERT_EQ(0, close(number));
-        ASSERT_EQ(number, open("/tmp/host.data", O_RDWR | O_CREAT, 0600));
-        file.Write("line\n", 5);
-        file.Write("line\n", 5);
-        file.Close();
-        EXPECT_EQ(0U, std::filesystem::file_size("/tmp/host.data"));
-        EXPECT_EQ(0, close(number)) << "still the host's";
-        EXPECT_THAT(syslog.Lines(), ElementsAre(HasSubstr("/tmp/our.log")));
-    });
-}
-
-TEST(LogFile, AFullDiskIsReportedOnceUntilItHasRoomAgain) {
-    RunInRoot(MakeTestRoot(), [] {
-        SetName("tool");
-        SyslogListener syslog;
-        signal(SIGXFSZ, SIG_IGN);
-        const auto setRoom = [](rlim_t bytes) {
-            const rlimit limit{bytes, RLIM_INFINITY};
-            ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
-        };
-        LogFile file;
-        ASSERT_EQ(0, file.Open("/tmp/full.log", 0));
-        const std::string line = std::string(299, '.') + "\n";
-        const auto write = [&](int times) {
-            for (int i = 0; i < times; ++i)
-                file.Write(line.data(), line.size());
-        };
-        setRoom(1000);
-        write(5);
-        EXPECT_EQ(900U, std::filesystem::file_size("/tmp/full.log")) << "whole lines only";
-        ASSERT_EQ(1U, syslog.Lines().size());
-        EXPECT_THAT(syslog.Lines()[0], StartsWith("pxragt: WXPLG0534AO-E "));
-        EXPECT_THAT(syslog.Lines()[0], HasSubstr("/tmp/full.log"));
-        setRoom(RLIM_INFINITY);
-        write(1);
-        setRoom(1000);
-        write(3);
-        EXPECT_EQ(2U, syslog.Lines().size());
-        EXPECT_EQ(1200U, std::filesystem::file_size("/tmp/full.log"));
-    });
 }
 
 }  // namespace
