@@ -212,14 +212,14 @@ protected:
 };
 
 TEST_F(Companion, StartsWhatDoesNotRunAndSignalsWhatDoes) {
-    EXPECT_THAT(Startup(), HasSubstr(path_)) << "there is no such program";
+    EXPECT_EQ(path_ + " could not be started.\n", Startup()) << "there is no such program";
     WriteScript(unique_, "#!/bin/sh\necho started > '" + Path("proof") + "'\n");
     EXPECT_EQ("", Startup());
     EXPECT_TRUE(fs::remove(Path("proof"))) << "started";
 
     const pid_t running = Spawn(path_);
     up_cmds[0].signal = SIGUSR2;
-    EXPECT_THAT(Startup(), HasSubstr(path_));
+    EXPECT_EQ(path_ + " is already running.\n", Startup());
     EXPECT_EQ(256 + SIGUSR2, Join(running));
     EXPECT_FALSE(fs::exists(Path("proof")));
 }
