@@ -74,6 +74,13 @@ PXR_trace_packet MakeMessage(int mask, int level, int header, size_t limit, cons
     return packet;
 }
 
+void Trace(int mask, int level, int header, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    Emit(mask, level, header, format, args);
+    va_end(args);
+}
+
 void SendPacket(const PXR_trace_packet& packet) {
     g_connection.Send(packet);
 }

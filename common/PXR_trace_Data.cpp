@@ -1,9 +1,10 @@
+// Bytes in the trace: dumps as text, and binary data in packets of their own.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 
 #include "common/PXR_trace_internal.h"
+#include "cover/Heap.h"
 #include "libplatform/PXR_trace.h"
 
 namespace {
@@ -15,10 +16,6 @@ static_assert(sizeof kRuler == 78 + 2);
 
 constexpr char kDataMarker[] = "@Qel_01-01_@";
 constexpr size_t kDataMarkerLength = sizeof kDataMarker - 1;
-
-struct FreeMemory {
-    void operator()(uint8_t* memory) const { free(memory); }
-};
 
 /// One line of a dump: the bytes in hexadecimal, padded to a full line's width, and as characters.
 struct DumpLine {
@@ -43,17 +40,17 @@ struct DumpLine {
 
 int PXR_mem_trace(int mask, int level, const char* title, const uint8_t* data, int length) {
     if (!trace::IsOn()) return 0;
-    PXR_trace(mask, level, "%s", title == nullptr ? "" : title);
+    trace::Trace(mask, level, trace::kNewLine, "%s", title == nullptr ? "" : title);
     if (data == nullptr || length <= 0) return 0;
-    PXR_trace_ext(mask, level, trace::kContinued, "%s", kTableHead);
-    PXR_trace_ext(mask, level, trace::kContinued, "%s", kRuler);
+    trace::Trace(mask, level, trace::kContinued, "%s", kTableHead);
+    trace::Trace(mask, level, trace::kContinued, "%s", kRuler);
     for (int left = length; left > 0; left -= kBytesPerLine, data += kBytesPerLine) {
         const DumpLine line(data, left);
         // Hexadecimal bytes and blanks for those that are missing stand in one text.
-        PXR_trace_ext(mask, level, trace::kContinued, "0x%08X %s   %s\n", reinterpret_cast<uintptr_t>(data), line.hex,
-                      line.characters);
+        trace::Trace(mask, level, trace::kContinued, "0x%08X %s   %s\n", reinterpret_cast<uintptr_t>(data), line.hex,
+                     line.characters);
     }
-    PXR_trace_ext(mask, level, trace::kContinued, "\n");
+    trace::Trace(mask, level, trace::kContinued, "\n");
     return 0;
 }
 
@@ -61,7 +58,7 @@ int PXR_trace_sp(const char* name, const uint8_t* data, int length) {
     if (data == nullptr || length < 0 || !trace::IsSwitchedOn()) return 0;
     const trace::Bracket bracket;
     const size_t total = kDataMarkerLength + static_cast<size_t>(length);
-    const std::unique_ptr<uint8_t, FreeMemory> copy(static_cast<uint8_t*>(malloc(total)));
+    const HeapOwned<uint8_t> copy(static_cast<uint8_t*>(malloc(total)));
     if (copy == nullptr) return -1;
     memcpy(copy.get(), kDataMarker, kDataMarkerLength);
     memcpy(copy.get() + kDataMarkerLength, data, static_cast<size_t>(length));

@@ -79,10 +79,10 @@ size_t PXR_trace_format_line(char* line, const char* command, uint32_t pid, cons
     if (message->header == trace::kNewLine) {
         const auto when = static_cast<time_t>(message->time);
         tm local{};
-        localtime_r(&when, &local);  // a time beyond every calendar leaves the zeros
+        if (localtime_r(&when, &local) == nullptr) local = {};  // beyond every calendar: filled in part
         const int wanted = snprintf(
-            line, kLimit + 1, "[%04d/%02d/%02d %02d-%02d-%02d] %s[%d]: %.*s: ", local.tm_year + 1900, local.tm_mon + 1,
-            local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, command, static_cast<int>(pid),
+            line, kLimit + 1, "[%04lld/%02d/%02d %02d-%02d-%02d] %s[%d]: %.*s: ", local.tm_year + 1900LL,
+            local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, command, static_cast<int>(pid),
             static_cast<int>(strnlen(message->thread, sizeof message->thread)), message->thread);
         length = std::min(static_cast<size_t>(std::max(wanted, 0)), kLimit);
     }

@@ -46,6 +46,8 @@ PXR_trace_packet EmptyPacket(PXR_trace_type type);
 /// @param limit  characters that the text may have, up to PXR_TRACE_TEXT_SIZE
 [[gnu::format(printf, 5, 0)]] PXR_trace_packet MakeMessage(int mask, int level, int header, size_t limit,
                                                            const char* format, va_list args);
+/// Traces one message where PXR_trace would, with any header flag.
+[[gnu::format(printf, 4, 5)]] void Trace(int mask, int level, int header, const char* format, ...);
 /// Sends a packet to the daemon, or drops it.
 void SendPacket(const PXR_trace_packet& packet);
 

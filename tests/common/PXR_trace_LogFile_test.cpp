@@ -44,7 +44,8 @@ ssize_t __real_write(int fd, const void* data, size_t size);
 ssize_t __real_pwrite64(int fd, const void* data, size_t size, off_t offset);
 
 ssize_t __wrap_write(int fd, const void* data, size_t size) {
-    return Meddle(afterNextWrite, [&] { return __real_write(fd, data, std::min(size, std::exchange(writeOnly, SIZE_MAX))); });
+    return Meddle(afterNextWrite,
+                  [&] { return __real_write(fd, data, std::min(size, std::exchange(writeOnly, SIZE_MAX))); });
 }
 ssize_t __wrap_pwrite64(int fd, const void* data, size_t size, off_t offset) {
     return Meddle(afterNextPwrite, [&] { return __real_pwrite64(fd, data, size, offset); });

@@ -7,13 +7,15 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <csignal>
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <sstream>
 #include <thread>
 
 #include "common/PXR_thread_internal.h"
+#include "common/PXR_trace_Connection.h"
+#include "common/PXR_trace_internal.h"
 #include "tests/support/CancelledThread.h"
 #include "tests/support/InMachineRoot.h"
 #include "tests/support/Lines.h"
@@ -59,6 +61,14 @@ int Inherited() {
     for (int fd = 0; fd < 100; ++fd)
         count += fcntl(fd, F_GETFD) == 0 ? 1 : 0;
     return count;
+}
+
+bool IsOpenHere(const char* path) {
+    const auto isIt = [path](const auto& entry) {
+        std::error_code closed;  // the descriptor of the listing itself
+        return std::filesystem::read_symlink(entry, closed) == path;
+    };
+    return std::ranges::any_of(std::filesystem::directory_iterator("/proc/self/fd"), isIt);
 }
 
 void SetName(const char* name) {
@@ -128,6 +138,26 @@ TEST(PxrTrace, SilentUntilInitSucceedsAndAfterTerm) {
         EXPECT_EQ(3U, daemon.WaitFor(3).size());
         EXPECT_EQ("on", TextOf(daemon.Connections().at(1).at(1)));
         EXPECT_EQ(inherited, Inherited()) << "not the connection";
+    });
+}
+
+// As a thread does that has seen tracing on while another one turns it off.
+TEST(PxrTrace, AMessageOnItsWayDoesNotConnectAgainAfterTheEnd) {
+    RunInRoot(MakeTestRoot(), [] {
+        TraceListener daemon;
+        trace::Connection connection;
+        ASSERT_TRUE(connection.Open());
+        {
+            const std::lock_guard lock(connection.Mutex());
+            connection.CloseLocked();
+        }
+        connection.Send(trace::EmptyPacket(PXR_TRACE_TYPE_DATA));
+        ASSERT_TRUE(connection.Open());
+        connection.Send(trace::EmptyPacket(PXR_TRACE_TYPE_MESSAGE));
+        const auto packets = daemon.WaitFor(3);
+        ASSERT_EQ(3U, packets.size());
+        EXPECT_EQ(PXR_TRACE_TYPE_START, packets[1].type);
+        EXPECT_EQ(PXR_TRACE_TYPE_MESSAGE, packets[2].type);
     });
 }
 
@@ -334,7 +364,9 @@ TEST(PxrTrace, ConfigurationHasTwoKindsOfDefaults) {
 }
 
 TEST(PxrTrace, IpmiTrafficGoesToItsOwnLogInOneVariant) {
-    for (const auto& [target, kept] : {std::pair{"libplatform.so.1.0.0", true}, {"libplatform.so.2.0.0", false}}) {
+    for (const auto& [target, kept] : {std::pair{"libplatform.so.1.0.0", true},
+                                       {"/opt/x/libplatform.so.1.0.0", true},
+                                       {"libplatform.so.2.0.0", false}}) {
         MachineRoot root = MakeVariant(target);
         root.AddFile(kConfigPath, Config("TraceLevel = 20\n"));
         RunInRoot(root, [] {
@@ -349,6 +381,7 @@ TEST(PxrTrace, IpmiTrafficGoesToItsOwnLogInOneVariant) {
             EXPECT_EQ("no IPMI", TextOf(daemon.WaitFor(2).at(1))) << "0xA000 is a mask of its own";
             PXR_trace_term();
             PXR_trace(0x8000, 0, "closed\n");
+            EXPECT_FALSE(IsOpenHere(PXR_TRACE_IPMI_LOG));
         });
         const auto lines = Lines(root.ReadFile(PXR_TRACE_IPMI_LOG));
         if (!kept) {
@@ -370,7 +403,10 @@ TEST(PxrTrace, AnIpmiLogThatCannotBeOpenedIsReported) {
         SyslogListener syslog;
         TraceListener daemon;
         EXPECT_EQ(0, PXR_trace_init()) << "tracing goes on";
-        EXPECT_THAT(syslog.Lines(), ElementsAre("pxragt: WXPLG2049AA-E pxragt open 21"));  // EISDIR; no catalogue here
+        SetName("/bin/tool");
+        EXPECT_EQ(0, PXR_trace_init());
+        EXPECT_THAT(syslog.Lines(), ElementsAre("pxragt: WXPLG2049AA-E pxragt open 21",  // EISDIR; no catalogue here
+                                                "pxragt: WXPLG2049AO-E tool open 21"));
     });
 }
 
@@ -382,6 +418,7 @@ TEST(PxrTrace, EditToolWritesItsIpmiLogAndNothingElse) {
         EXPECT_EQ(0, PXR_trace_init_ipmi_pxraaedit_log());
         PXR_trace(0x8000, 20, "works without a daemon\n");
         PXR_trace_ext(0x8000, 0, 0, "needs one\n");
+        PXR_mem_trace(0x8000, 20, "a dump\n", reinterpret_cast<const uint8_t*>("x"), 1);
         ASSERT_EQ(0, PXR_trace_init());
         PXR_trace(0x1000, 0, "dropped");
         EXPECT_EQ(0, PXR_trace_term_ipmi_pxraaedit_log());
@@ -389,7 +426,9 @@ TEST(PxrTrace, EditToolWritesItsIpmiLogAndNothingElse) {
         PXR_trace_sp("end", reinterpret_cast<const uint8_t*>("x"), 1);
         EXPECT_EQ(PXR_TRACE_TYPE_DATA, daemon.WaitFor(2).at(1).type);
     });
-    EXPECT_THAT(Lines(root.ReadFile(PXR_TRACE_IPMI_EDIT_LOG)), ElementsAre(EndsWith("]: : works without a daemon")));
+    EXPECT_THAT(Lines(root.ReadFile(PXR_TRACE_IPMI_EDIT_LOG)),
+                ElementsAre(EndsWith("]: : works without a daemon"), EndsWith(": a dump"), StartsWith(" address   +0"),
+                            StartsWith("-----"), EndsWith("78 " + std::string(48, ' ') + "x"), ""));
     EXPECT_EQ("", root.ReadFile(PXR_TRACE_IPMI_LOG));
 }
 
@@ -427,6 +466,12 @@ TEST(PxrTrace, LinesAreCutAtTheirLimitAndDoNotTrustTheMessage) {
     ASSERT_EQ(612U, PXR_trace_format_line(line, command.c_str(), 7, &message));
     EXPECT_EQ(std::string(line).substr(22),
               command + "[7]: " + std::string(32, 'n') + ": " + std::string(295, 't') + "\n");
+    for (const auto& [time, date] :
+         {std::pair{INT64_MAX, "[1900/01/00 00-00-00] "}, {67768036191500000, "[2147485547/12/"}}) {
+        message.time = time;
+        PXR_trace_format_line(line, "c", 7, &message);
+        EXPECT_THAT(line, StartsWith(date));
+    }
     message.header = 2;
     message.text[3] = '\0';
     PXR_trace_format_line(line, "c", 7, &message);
