@@ -188,7 +188,7 @@ int PXR_sprint_message(char* buffer, const char* catalogue, int set, int number,
 }
 
 void PXR_syslog_message(int priority, const char* catalogue, int set, int number, int count, ...) {
-    const trace::Bracket bracket;
+    const trace::CallerGuard guard;
     if (IsOutputDisabled()) return;
     va_list args;
     va_start(args, count);
@@ -204,7 +204,7 @@ void PXR_syslog_message(int priority, const char* catalogue, int set, int number
 }
 
 void PXR_WriteSyslogLine(int priority, const char* head, const char* text) {
-    const trace::Bracket bracket;
+    const trace::CallerGuard guard;
     WriteOutput(priority, head, text);
 }
 
@@ -227,7 +227,7 @@ uint32_t PXR_ReportError(uint32_t code, const char* catalogue, std::source_locat
     // The text of a report comes from a catalogue; what goes wrong there is not reported in turn.
     static thread_local bool reporting = false;
     if (!trace::ReachesDaemon() || reporting) return code;
-    const trace::Bracket bracket;
+    const trace::CallerGuard guard;
     struct Reporting {
         Reporting() { reporting = true; }
         Reporting(const Reporting&) = delete;

@@ -31,7 +31,7 @@ Connection g_connection;
 }
 
 [[gnu::format(printf, 4, 0)]] void Emit(int mask, int level, int header, const char* format, va_list args) {
-    const Bracket bracket;
+    const CallerGuard guard;
     const bool toIpmiLog = mask == PXR_TRACE_MASK_IPMI;
     if (toIpmiLog ? !g_ipmiLog.Wants(level) : !ReachesDaemon()) return;
     const PXR_trace_packet packet = MakeMessage(mask, level, header, PXR_TRACE_TEXT_MAX, format, args);
@@ -87,10 +87,10 @@ void SendPacket(const PXR_trace_packet& packet) {
 
 }  // namespace trace
 
-using trace::Bracket;
+using trace::CallerGuard;
 
 int PXR_trace_init() {
-    const Bracket bracket;
+    const CallerGuard guard;
     PXR_trace_config config;
     PXR_trace_read_config(&config);
     if (trace::KeepsIpmiLog()) trace::OpenIpmiLog(config);
@@ -100,7 +100,7 @@ int PXR_trace_init() {
 }
 
 int PXR_trace_term() {
-    const Bracket bracket;
+    const CallerGuard guard;
     const std::lock_guard lock(trace::g_connection.Mutex());
     trace::g_state.fetch_and(~trace::kSwitchedOn, std::memory_order_relaxed);
     trace::g_ipmiLog.Close();
@@ -143,7 +143,7 @@ void KvRasLog(int level, const char* sourceFile, int line, const char* format, .
     static constexpr RasLevel kLevels[] = {{"GAP", -1}, {"Error", 5}, {"Trace", 10}, {"Debug", 30}};
     constexpr int kLevelCount = std::size(kLevels);
     if (!trace::ReachesDaemon() || level < 0 || level >= kLevelCount || kLevels[level].traceLevel < 0) return;
-    const Bracket bracket;
+    const CallerGuard guard;
     char message[PXR_TRACE_TEXT_MAX + 1] = "";  // more of it would not fit into a trace message
     if (format != nullptr) {
         va_list args;

@@ -89,14 +89,14 @@ void Connection::Send(const PXR_trace_packet& packet) {
 void Connection::CloseLocked() {
     open_ = false;
     const int fd = descriptor_.load(std::memory_order_relaxed);
-    if (!OwnsNumber(fd)) return;
+    if (!IsOurSocket(fd)) return;
     const int idle = NewSocket();
     if (idle < 0 || !InstallLocked(idle)) shutdown(fd, SHUT_RDWR);
 }
 
 Connection::Outcome Connection::Deliver(const PXR_trace_packet& packet) {
     const int fd = descriptor_.load(std::memory_order_acquire);
-    if (!OwnsNumber(fd)) return Outcome::PeerLost;
+    if (!IsOurSocket(fd)) return Outcome::PeerLost;
     bool sent = SendNow(fd, packet);
     if (!sent && errno == EAGAIN && !stalled_.load(std::memory_order_relaxed)) {
         sent = SendWhenWritable(fd, packet);
@@ -125,7 +125,7 @@ bool Connection::SendWhenWritable(int fd, const PXR_trace_packet& packet) {
 
 bool Connection::IsAliveLocked() const {
     const int fd = descriptor_.load(std::memory_order_relaxed);
-    if (!OwnsNumber(fd)) return false;
+    if (!IsOurSocket(fd)) return false;
     // getpeername still succeeds when the peer has closed; the hang-up shows in poll.
     pollfd peer{fd, 0, 0};
     return poll(&peer, 1, 0) == 0;
@@ -146,7 +146,7 @@ bool Connection::ReconnectLocked() {
 bool Connection::InstallLocked(int fresh) {
     const uint32_t inode = SocketInode(fresh);
     const int current = descriptor_.load(std::memory_order_relaxed);
-    if (!OwnsNumber(current)) {
+    if (!IsOurSocket(current)) {
         socket_ = inode;
         descriptor_.store(fresh, std::memory_order_release);
         return true;
@@ -162,7 +162,7 @@ bool Connection::InstallLocked(int fresh) {
 
 // A host that turns itself into a daemon may close every descriptor it finds, and the number then belongs to others.
 // While a new connection takes the number over, a sender may be told no; it then waits for the lock and asks again.
-bool Connection::OwnsNumber(int fd) const {
+bool Connection::IsOurSocket(int fd) const {
     const uint32_t own = socket_;
     return fd >= 0 && own != 0 && SocketInode(fd) == own;
 }

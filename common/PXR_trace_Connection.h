@@ -37,7 +37,7 @@ private:
     bool IsAliveLocked() const;
     bool ReconnectLocked();
     bool InstallLocked(int fresh);
-    bool OwnsNumber(int fd) const;
+    bool IsOurSocket(int fd) const;
 
     std::mutex mutex_;
     bool open_ = false;                 ///< between a successful Open and CloseLocked; guarded by mutex_

@@ -56,7 +56,7 @@ int PXR_mem_trace(int mask, int level, const char* title, const uint8_t* data, i
 
 int PXR_trace_sp(const char* name, const uint8_t* data, int length) {
     if (data == nullptr || length < 0 || !trace::IsSwitchedOn()) return 0;
-    const trace::Bracket bracket;
+    const trace::CallerGuard guard;
     const size_t total = kDataMarkerLength + static_cast<size_t>(length);
     const HeapOwned<uint8_t> copy(static_cast<uint8_t*>(malloc(total)));
     if (copy == nullptr) return -1;

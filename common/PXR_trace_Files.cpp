@@ -23,7 +23,7 @@ constexpr int kLogFileNotOpened = 2049;
 MessageLog g_singleTrace;
 
 [[gnu::format(printf, 3, 0)]] void WriteSingle(int mask, int level, const char* format, va_list args) {
-    const Bracket bracket;
+    const CallerGuard guard;
     if (!g_singleTrace.Wants(level)) return;
     g_singleTrace.Write(MakeMessage(mask, level, kNewLine, PXR_TRACE_TEXT_SIZE, format, args).body.message);
 }
@@ -96,7 +96,7 @@ size_t PXR_trace_format_line(char* line, const char* command, uint32_t pid, cons
 }
 
 int PXR_single_trace_init(const char* path) {
-    const trace::Bracket bracket;
+    const trace::CallerGuard guard;
     PXR_trace_config config;
     PXR_trace_read_config(&config);
     return trace::g_singleTrace.Open(path, config) == 0 ? 0 : -1;
@@ -119,12 +119,12 @@ int PXR_Single_trace_pxraaedit(int level, int, int, const char* format, ...) {
 }
 
 void PXR_Single_trace_term() {
-    const trace::Bracket bracket;
+    const trace::CallerGuard guard;
     trace::g_singleTrace.Close();
 }
 
 int PXR_trace_init_ipmi_pxraaedit_log() {
-    const trace::Bracket bracket;
+    const trace::CallerGuard guard;
     trace::g_state.fetch_or(trace::kEditTool, std::memory_order_relaxed);
     PXR_trace_config config;
     PXR_trace_read_config(&config);
@@ -132,7 +132,7 @@ int PXR_trace_init_ipmi_pxraaedit_log() {
 }
 
 int PXR_trace_term_ipmi_pxraaedit_log() {
-    const trace::Bracket bracket;
+    const trace::CallerGuard guard;
     trace::g_ipmiLog.Close();
     return 0;
 }

@@ -61,12 +61,12 @@ void CopyName(char (&target)[N], const char* source) {
 
 /// Stands around all tracing: it changes no errno, for those who look at theirs after a failing call, and no thread is
 /// cancelled in it, where that would lose a descriptor or half a line.
-class Bracket {
+class CallerGuard {
 public:
-    Bracket() : errno_(errno) {}
-    Bracket(const Bracket&) = delete;
-    Bracket& operator=(const Bracket&) = delete;
-    ~Bracket() { errno = errno_; }
+    CallerGuard() : errno_(errno) {}
+    CallerGuard(const CallerGuard&) = delete;
+    CallerGuard& operator=(const CallerGuard&) = delete;
+    ~CallerGuard() { errno = errno_; }
 
 private:
     int errno_;

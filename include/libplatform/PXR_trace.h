@@ -3,7 +3,8 @@
 /// Tracing. Messages go to the trace daemon over a local socket; messages about IPMI traffic go to the IPMI log, and
 /// command-line tools may keep a single trace file. Any thread may trace. Nothing here reports its own failures to the
 /// caller beyond the results named below, changes errno, or waits for a daemon that is stuck for longer than a tenth of
-/// a second: without a listener messages are dropped. A call costs a flag test while tracing is off.
+/// a second: without a listener messages are dropped. Only the report of a log that begins to fail may wait longer, for
+/// the system log. A call costs a flag test while tracing is off.
 ///
 /// @code
 ///     PXR_set_command_name(argv[0]);
