@@ -12,6 +12,7 @@
 #include "common/ByteReader.h"
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
+#include "cover/Heap.h"
 #include "lib_driverIF/KvPltfSvcIpmiCall.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain.h"
 #include "libplatform/KvPsBmc.h"
@@ -49,8 +50,8 @@ struct NameCommand {
 /// The catalogue's word for "unknown".
 void PutUnknown(std::span<char> buffer) {
     char* text = nullptr;
-    const bool found = GetCatMessagePureLocale("KvAgent.cat", 3, 1, &text) == 0;
-    const std::unique_ptr<char, decltype(&free)> owner(text, free);
+    const bool found = GetCatMessageLocale("KvAgent.cat", 3, 1, &text) == 0;
+    const OwnedText owner(text);
     const std::string_view word = found ? text : "Unknown";
     word.copy(buffer.data(), buffer.size() - 1);
 }

@@ -88,6 +88,12 @@ TEST_F(BmcServices, NamesThatAreRefusedOrTooLongAreUnknown) {
         unlink("/opt/velmora/lantrel/lib/nls/C/KvAgent.cat");
         EXPECT_EQ("Unknown", ProcessorName()) << "without a catalogue too";
     });
+    setenv("LANG", "ja_JP.UTF-8", 1);
+    Run([this] {
+        Bmc().Refuse(kOem, 0x26, 0xC1);
+        EXPECT_EQ("\x95\x73\x96\xbe", ProcessorName()) << "Japanese, however the host spells it";
+    });
+    unsetenv("LANG");
 }
 
 TEST_F(BmcServices, NameFailuresHaveTheirNumbers) {
