@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
@@ -16,6 +17,7 @@
 #include <optional>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "libplatform/PXR_proc.h"
 #include "libplatform/PXR_trace.h"
@@ -27,11 +29,14 @@ namespace {
 struct Options {
     std::string socket = PXR_TRACE_SOCKET;
     std::string log = PXR_TRACE_DAEMON_LOG;
-    uint32_t mask = 0xFFFFFFFF;
+    std::vector<uint32_t> masks;
     std::optional<int> level;
     bool foreground = false;
     bool daemon = false;
 };
+
+/// How long a daemon that is told to end goes on reading what was sent to it before.
+constexpr std::chrono::milliseconds kLastWords{1000};
 
 constexpr const char* kFooter =
     "Settings come from /etc/opt/velmora/lantrel/trace.cfg:\n"
@@ -46,9 +51,10 @@ constexpr const char* kFooter =
 void AddOptions(CLI::App& app, Options& options) {
     app.add_option("--socket", options.socket, "Local socket to listen on")->capture_default_str();
     app.add_option("--log", options.log, "Log file")->capture_default_str();
-    app.add_option("--mask", options.mask,
-                   "Log the messages whose mask has no other bits than these, for example 0x3000 for the library and "
-                   "the plug-in interface (default: all messages)");
+    app.add_option("--mask", options.masks,
+                   "Log the messages of this mask alone, for example 0x2000 for the plug-in interface; may be given "
+                   "several times (default: all messages)")
+        ->allow_extra_args(false);
     app.add_option("--level", options.level, "Highest level to log (default: TraceLevel)");
     auto* foreground = app.add_flag("--foreground", options.foreground, "Stay in the foreground (the default)");
     app.add_flag("--daemon", options.daemon, "Go into the background once the socket is there")->excludes(foreground);
@@ -67,14 +73,14 @@ bool IsStartedAsCompanion() {
 }
 
 // Blocks the signals that steer the daemon, so that they are read from a descriptor between two packets.
-Descriptor OpenSignals() {
+FileDescriptor OpenSignals() {
     sigset_t steering;
     sigemptyset(&steering);
     for (const int number : {SIGTERM, SIGINT, SIGHUP})
         sigaddset(&steering, number);
     sigprocmask(SIG_BLOCK, &steering, nullptr);
     signal(SIGPIPE, SIG_IGN);
-    Descriptor signals(signalfd(-1, &steering, SFD_CLOEXEC | SFD_NONBLOCK));
+    FileDescriptor signals(signalfd(-1, &steering, SFD_CLOEXEC | SFD_NONBLOCK));
     if (signals.Get() < 0) throw std::system_error(errno, std::generic_category(), "signalfd");
     return signals;
 }
@@ -82,7 +88,7 @@ Descriptor OpenSignals() {
 void OpenFiles(TraceWriter& writer, const Options& options) {
     PXR_trace_config config;
     PXR_trace_read_config(&config);
-    writer.Open(options.log, {options.mask, options.level.value_or(static_cast<int>(config.traceLevel))}, config);
+    writer.Open(options.log, {options.masks, options.level.value_or(static_cast<int>(config.traceLevel))}, config);
 }
 
 void Reload(TraceWriter& writer, const Options& options) {
@@ -94,7 +100,7 @@ void Reload(TraceWriter& writer, const Options& options) {
 }
 
 int Run(const Options& options) {
-    const Descriptor signals = OpenSignals();
+    const FileDescriptor signals = OpenSignals();
     TraceWriter writer;
     OpenFiles(writer, options);
     const ListeningSocket listener(options.socket);
@@ -108,9 +114,11 @@ int Run(const Options& options) {
         server.ServeUntil(signals.Get());
         signalfd_siginfo received{};
         if (read(signals.Get(), &received, sizeof received) != static_cast<ssize_t>(sizeof received)) continue;
-        if (received.ssi_signo != SIGHUP) return EXIT_SUCCESS;
+        if (received.ssi_signo != SIGHUP) break;
         Reload(writer, options);
     }
+    server.Drain(kLastWords);
+    return EXIT_SUCCESS;
 }
 
 }  // namespace

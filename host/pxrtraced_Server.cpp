@@ -1,3 +1,4 @@
+// The trace daemon's socket: clients that come and go, and the packets in what they send.
 #include "pxrtraced_Server.h"
 
 #include <poll.h>
@@ -12,6 +13,8 @@
 #include <system_error>
 #include <utility>
 #include <vector>
+
+#include "libplatform/PXR_proc.h"
 
 namespace {
 
@@ -46,20 +49,24 @@ ino_t SocketFileInode(const std::string& path) {
 
 bool IsStaleSocket(const std::string& path, const sockaddr_un& address) {
     if (SocketFileInode(path) == 0) return false;
-    const Descriptor probe(NewSocket());
+    const FileDescriptor probe(NewSocket());
     return connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
            errno == ECONNREFUSED;
 }
 
 }  // namespace
 
-Descriptor::Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-
-Descriptor::~Descriptor() {
-    if (fd_ >= 0) close(fd_);
+ListeningSocket::Lock::Lock(const std::string& path) : path_(path), fd_(PXR_lock_cmd(path.c_str())) {
+    if (fd_ >= 0) return;
+    if (errno == EAGAIN) errno = EADDRINUSE;
+    Fail(path);
 }
 
-ListeningSocket::ListeningSocket(const std::string& path) : path_(path), socket_(NewSocket()) {
+ListeningSocket::Lock::~Lock() {
+    PXR_unlock_cmd(path_.c_str(), fd_);
+}
+
+ListeningSocket::ListeningSocket(const std::string& path) : path_(path), lock_(path + ".lock"), socket_(NewSocket()) {
     if (socket_.Get() < 0) Fail("socket");
     const mode_t before = umask(0177);  // the agent and its tools run as root; nobody else has anything to say here
     try {
@@ -95,22 +102,35 @@ TraceServer::Client::Client(int fd) : socket(fd) {
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0) sender.pid = static_cast<uint32_t>(peer.pid);
 }
 
+TraceServer::TraceServer(const ListeningSocket& listener, TraceWriter& writer)
+    : listener_(listener), writer_(writer), maxClients_(kMaxClients) {}
+
 void TraceServer::ServeUntil(int wake) {
-    bool acceptPaused = false;
-    std::vector<pollfd> waits;
-    for (;;) {
-        const bool accepts = !acceptPaused && clients_.size() < kMaxClients;
-        waits.clear();
-        waits.push_back({wake, POLLIN, 0});
-        waits.push_back({accepts ? listener_.Get() : -1, POLLIN, 0});
-        for (const Client& client : clients_)
-            waits.push_back({client.socket.Get(), POLLIN, 0});
-        if (poll(waits.data(), waits.size(), acceptPaused ? kAcceptPauseMs : -1) < 0 && errno != EINTR) Fail("poll");
-        if (waits[0].revents != 0) return;
-        size_t slot = 2;
-        clients_.remove_if([&](Client& client) { return waits[slot++].revents != 0 && !Receive(client); });
-        acceptPaused = waits[1].revents != 0 && !Accept();
-    }
+    while (Serve(wake, -1) != Round::Woken)
+        continue;
+}
+
+void TraceServer::Drain(std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    maxClients_ += kBacklog;  // who waits has sent as well
+    while (Serve(-1, 0) != Round::Idle && std::chrono::steady_clock::now() < end)
+        continue;
+}
+
+// Waits once, for wake or for the timeout at most, and serves who is ready.
+TraceServer::Round TraceServer::Serve(int wake, int timeoutMs) {
+    const bool paused = std::exchange(acceptPaused_, false);
+    const bool accepts = !paused && clients_.size() < maxClients_;
+    std::vector<pollfd> waits{{wake, POLLIN, 0}, {accepts ? listener_.Get() : -1, POLLIN, 0}};
+    for (const Client& client : clients_)
+        waits.push_back({client.socket.Get(), POLLIN, 0});
+    const int ready = poll(waits.data(), waits.size(), paused ? kAcceptPauseMs : timeoutMs);
+    if (ready < 0 && errno != EINTR) Fail("poll");
+    if (waits[0].revents != 0) return Round::Woken;
+    size_t slot = 2;
+    clients_.remove_if([&](Client& client) { return waits[slot++].revents != 0 && !Receive(client); });
+    acceptPaused_ = waits[1].revents != 0 && !Accept();
+    return ready > 0 || paused ? Round::Served : Round::Idle;
 }
 
 // @return false when the system cannot hand out another descriptor for now

@@ -5,29 +5,16 @@
 #include <sys/types.h>
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <list>
 #include <string>
 
+#include "cover/FileDescriptor.h"
 #include "pxrtraced_Writer.h"
 
-/// A descriptor that closes itself.
-class Descriptor {
-public:
-    Descriptor() = default;
-    explicit Descriptor(int fd) : fd_(fd) {}
-    Descriptor(Descriptor&& other) noexcept;
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    Descriptor& operator=(Descriptor&&) = delete;
-    ~Descriptor();
-    int Get() const { return fd_; }
-
-private:
-    int fd_ = -1;
-};
-
-/// The listening socket. A socket file that a dead daemon has left is replaced; one that is being served is not.
+/// The listening socket. A socket file that a dead daemon has left is replaced; one that is being served is not. A lock
+/// beside it, held as long as this lives, keeps a second daemon from looking at what is only half made.
 class ListeningSocket {
 public:
     /// @throws std::system_error
@@ -39,29 +26,47 @@ public:
     int Get() const { return socket_.Get(); }
 
 private:
+    class Lock {
+    public:
+        explicit Lock(const std::string& path);
+        Lock(const Lock&) = delete;
+        Lock& operator=(const Lock&) = delete;
+        ~Lock();
+
+    private:
+        std::string path_;
+        int fd_;
+    };
+
     void Bind();
 
     std::string path_;
-    Descriptor socket_;
+    Lock lock_;
+    FileDescriptor socket_;
     ino_t inode_ = 0;
 };
 
 class TraceServer {
 public:
-    TraceServer(const ListeningSocket& listener, TraceWriter& writer) : listener_(listener), writer_(writer) {}
+    TraceServer(const ListeningSocket& listener, TraceWriter& writer);
 
     /// Serves clients until wake is readable.
     void ServeUntil(int wake);
+    /// Takes what clients have sent by now, also those that are not connected yet. Ends after so long at most.
+    void Drain(std::chrono::milliseconds limit);
 
 private:
+    enum class Round { Idle, Served, Woken };
+
     struct Client {
         explicit Client(int fd);
-        Descriptor socket;
+        FileDescriptor socket;
         Sender sender;
         std::array<unsigned char, PXR_TRACE_PACKET_SIZE> packet{};  ///< as much of the next packet as has come
         size_t received = 0;
     };
 
+    Round Serve(int wake, int timeoutMs);
     bool Accept();
     bool Receive(Client& client);
     bool TakeBytes(Client& client, const unsigned char* bytes, size_t count);
@@ -71,4 +76,6 @@ private:
     const ListeningSocket& listener_;
     TraceWriter& writer_;
     std::list<Client> clients_;
+    size_t maxClients_;
+    bool acceptPaused_ = false;  ///< the system had no descriptor left
 };

@@ -5,10 +5,12 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "libplatform/PXR_trace.h"
 
@@ -20,11 +22,12 @@ struct Sender {
 
 /// What gets into the log.
 struct Filter {
-    uint32_t mask = 0xFFFFFFFF;  ///< a message passes when all bits of its mask are in here
-    int level = 0;               ///< and its level is not above this
+    std::vector<uint32_t> masks;  ///< a message passes when its mask is one of these; empty: any
+    int level = 0;                ///< and its level is not above this
 
     bool Passes(const PXR_trace_message& message) const {
-        return (message.mask & ~mask) == 0 && static_cast<int32_t>(message.level) <= level;
+        const bool wanted = masks.empty() || std::ranges::find(masks, message.mask) != masks.end();
+        return wanted && static_cast<int32_t>(message.level) <= level;
     }
 };
 

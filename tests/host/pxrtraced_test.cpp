@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,12 +9,12 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <sstream>
 
 #include "libplatform/PXR_proc.h"
 #include "libplatform/trace_protocol.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/InMachineRoot.h"
+#include "tests/support/Lines.h"
 
 namespace {
 
@@ -109,11 +110,7 @@ protected:
         EXPECT_TRUE(Eventually([&] { return (content = root_.ReadFile(path)).find(end + "\n") != std::string::npos; }))
             << "no " << end << " in:\n"
             << content;
-        std::vector<std::string> lines;
-        std::istringstream in(content);
-        for (std::string line; std::getline(in, line);)
-            lines.push_back(line);
-        return lines;
+        return Lines(content);
     }
     /// Sends a message and waits until it is logged, and so everything that was sent before it on this connection.
     std::vector<std::string> LogAfter(int fd) {
@@ -132,13 +129,14 @@ protected:
 
 TEST_F(Pxrtraced, LogsWhatPassesItsFilters) {
     Configure("TraceLevel = 20\n");
-    Start({"--mask", "0x3000"});
+    Start({"--mask", "0x7000", "--mask", "0x1000"});
     const int fd = ConnectAs("pxragt", 4711);
-    PXR_trace_packet named = Message("first\n", 20, 0x2000);
+    PXR_trace_packet named = Message("first\n", 20, 0x7000);
     SetName(named.body.message.thread, "main");
     Send(fd, named);
     Send(fd, Message("too detailed", 21));
-    Send(fd, Message("of another mask", 0, 0x7000));
+    for (const uint32_t mask : {0U, 0x2000U, 0x3000U})
+        Send(fd, Message("of another mask", 0, mask));
     Send(fd, Message("continued", 5, 0x1000, 0));
     EXPECT_THAT(LogAfter(fd),
                 ElementsAre(MatchesRegex(kDate + std::string("pxragt\\[4711\\]: main: first")), "continued"));
@@ -249,17 +247,54 @@ TEST_F(Pxrtraced, TakesOverASocketThatADeadDaemonLeft) {
     LogAfter(Connect());
 }
 
-TEST_F(Pxrtraced, ManyClientsComeAndGo) {
+// As two daemons that were started together: the other one is about to replace the socket.
+TEST_F(Pxrtraced, LeavesAStaleSocketToWhoHasTheLock) {
     Start();
-    for (int i = 0; i < 300; ++i) {
-        const int fd = ConnectAs("client", static_cast<uint32_t>(i));
-        Send(fd, Message("line of " + std::to_string(i) + "\n", 0, 0x1000, 0));
-        if (i % 3 != 0) close(clients_.back()), clients_.pop_back();
+    EXPECT_EQ(256 + SIGKILL, Stop(SIGKILL));
+    const std::string lock = root_.Outside(PXR_TRACE_SOCKET ".lock");
+    const int other = PXR_lock_cmd(lock.c_str());
+    ASSERT_LE(0, other);
+    pid_ = Launch({});
+    ASSERT_TRUE(Eventually([this] { return waitpid(pid_, nullptr, WNOHANG) == pid_; }));
+    pid_ = -1;
+    EXPECT_EQ(0, PXR_unlock_cmd(lock.c_str(), other));
+    Start();
+    Stop();
+    EXPECT_FALSE(std::filesystem::exists(lock));
+}
+
+TEST_F(Pxrtraced, ServesWhoWaitsWhenOthersLeave) {
+    Start();
+    const auto linesBecome = [this](long count) {
+        return Eventually([&] {
+            const std::string log = root_.ReadFile(PXR_TRACE_DAEMON_LOG);
+            return std::count(log.begin(), log.end(), '\n') == count;
+        });
+    };
+    for (uint32_t i = 1; i < 300; ++i)  // the first one is there already
+        Send(ConnectAs("client", i), Message("line of " + std::to_string(i) + "\n", 0, 0x1000, 0));
+    EXPECT_TRUE(linesBecome(255)) << "of 256 clients";
+    for (int i = 0; i < 100; ++i)
+        close(std::exchange(clients_[static_cast<size_t>(i)], -1));
+    EXPECT_TRUE(linesBecome(299));
+}
+
+// At a shutdown these are the last words of those who go before.
+TEST_F(Pxrtraced, WhatWasSentBeforeTheEndIsLogged) {
+    Start();
+    const int early = ConnectAs("early", 1);
+    LogAfter(early);
+    kill(pid_, SIGSTOP);
+    const int late = ConnectAs("late", 2);
+    for (int i = 0; i < 100; ++i) {
+        Send(early, Message("early " + std::to_string(i), 0, 0x1000, 0));
+        Send(late, Message("late " + std::to_string(i), 0, 0x1000, 0));
     }
-    EXPECT_TRUE(Eventually([&] {
-        const std::string log = root_.ReadFile(PXR_TRACE_DAEMON_LOG);
-        return std::count(log.begin(), log.end(), '\n') == 300;
-    }));
+    kill(pid_, SIGTERM);
+    EXPECT_EQ(0, Stop(SIGCONT));
+    const auto lines = Lines(root_.ReadFile(PXR_TRACE_DAEMON_LOG));
+    EXPECT_EQ(201U, lines.size());
+    EXPECT_THAT(lines, testing::IsSupersetOf({"early 99", "late 99"}));
 }
 
 // The runtime starts its companion commands without arguments and waits for them.
