@@ -1,7 +1,8 @@
 // The walks over the BMC's sensor data repository: one to find the controllers, one to read everything.
 //
 // A walk follows the ids from record to record under a reservation. The controller cancels that whenever the repository
-// changes; the walk then begins anew.
+// changes or another one reserves it; the walk then begins anew, and lets nobody in again before its end: two walks
+// that go on by turns would cancel each other for ever.
 
 #include <signal.h>
 
@@ -49,8 +50,9 @@ struct Step {
 };
 
 /// Goes through the repository once. An id that comes up twice ends the walk: from there it would go in circles.
+/// @param courteous  others are let in between records
 template <typename Visit>
-uint32_t WalkOnce(IpmiBracket& bracket, uint16_t reservation, const WalkCodes& codes, Visit visit) {
+uint32_t WalkOnce(IpmiBracket& bracket, uint16_t reservation, bool courteous, const WalkCodes& codes, Visit visit) {
     std::bitset<0x10000> seen;
     uint16_t id = 0;
     while (id != kLastRecord) {
@@ -64,7 +66,7 @@ uint32_t WalkOnce(IpmiBracket& bracket, uint16_t reservation, const WalkCodes& c
         if (const uint32_t rc = visit(step)) return rc;
         if (id == 0) seen.set(step.ownId);
         id = step.nextId;
-        if (id != kLastRecord && !bracket.LetOthersIn()) return ReportNotOpened(codes.notOpened);
+        if (courteous && id != kLastRecord && !bracket.LetOthersIn()) return ReportNotOpened(codes.notOpened);
     }
     return 0;
 }
@@ -74,16 +76,20 @@ uint32_t WalkOnce(IpmiBracket& bracket, uint16_t reservation, const WalkCodes& c
 template <typename Begin, typename Visit>
 uint32_t Walk(IpmiBracket& bracket, const WalkCodes& codes, Begin begin, Visit visit) {
     uint32_t result = 0;
+    bool cancelled = false;
     for (int pass = 0; pass < kPasses; ++pass) {
-        if (!bracket.LetOthersIn()) return ReportNotOpened(codes.notOpened);
+        if (!cancelled && !bracket.LetOthersIn()) return ReportNotOpened(codes.notOpened);
         uint16_t reservation = 0;
         result = ReserveSdrRepository(bracket.Handle(), g_bBmcAdr, &reservation);
         if (result != 0) continue;
         begin();
-        result = WalkOnce(bracket, reservation, codes, visit);
+        result = WalkOnce(bracket, reservation, !cancelled, codes, visit);
         if (!IsRefusedWith(result, kReservationCancelled)) return result;
+        cancelled = true;
         result = 0;
     }
+    PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_EVENT,
+              "The walk over the SDR repository is given up after %d passes. (0x%08X)", kPasses, result);
     return result;
 }
 

@@ -5,18 +5,21 @@
 
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <thread>
 #include <tuple>
 
 #include "tests/support/SimulatedMachine.h"
+#include "tests/support/Tracing.h"
 
 using namespace ktx_ipmi;
 
 namespace {
 
 using sim::Bytes;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::SizeIs;
@@ -282,7 +285,9 @@ TEST_F(Repository, FourCancellationsEndTheReadWithWhatThereIs) {
         return answer();
     });
     Run([this] {
-        EXPECT_EQ(0U, KvPsInitializeIpmi());
+        Tracing tracing;
+        EXPECT_THAT(tracing.LinesOf([] { EXPECT_EQ(0U, KvPsInitializeIpmi()); }),
+                    Contains("1000 1 1 The walk over the SDR repository is given up after 4 passes. (0x00000000)"));
         EXPECT_THAT(Names(), ElementsAre(std::pair(1, "Sens1"), std::pair(2, "Sens2")));
         EXPECT_EQ(1U + 4U, Bmc().Count(kStorage, kReserve));
     });
@@ -342,6 +347,51 @@ TEST_F(Repository, OthersAreLetInBetweenRecords) {
         EXPECT_LT(servedAfter, 60U) << "while the controllers are looked for";
         EXPECT_THAT(Names(), SizeIs(60));
     });
+}
+
+// Each has its own copy of the one controller; what they share is who reserved the repository last, and the lock files.
+TEST_F(Repository, TwelveProcessesThatStartTogetherFindEverything) {
+    constexpr int kProcesses = 12;
+    constexpr uint32_t kSensors = 40;
+    Add(sim::ControllerLocator(0x20, 0x04, 7, 1, "BMC"));
+    AddSensors(kSensors);
+    struct Shared {
+        std::atomic<pid_t> reservedBy{0};
+        std::atomic<int> ready{0};
+    };
+    void* memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(MAP_FAILED, memory);
+    Shared& shared = *new (memory) Shared;
+    server.OnCommand(kStorage, kReserve, [&](const sim::Request&, const auto& answer) {
+        shared.reservedBy = getpid();
+        return answer();
+    });
+    server.OnCommand(kStorage, kGetSdr, [&](const sim::Request&, const auto& answer) {
+        usleep(300);
+        return shared.reservedBy == getpid() ? answer() : sim::Response{sim::cc::kReservationCancelled, {}};
+    });
+    Run([&] {
+        TerminateIpmiLib();
+        std::vector<pid_t> children;
+        for (int i = 0; i < kProcesses; ++i) {
+            children.push_back(fork());
+            if (children.back() != 0) continue;
+            const bool initialised = InitIpmiLib();
+            ++shared.ready;
+            for (int waits = 0; shared.ready < kProcesses && waits < 100'000; ++waits)
+                usleep(100);
+            const uint32_t rc = KvPsInitializeIpmi();
+            EXPECT_TRUE(initialised);
+            EXPECT_EQ(0U, rc);
+            EXPECT_EQ(kSensors, SdrInstanceCnt());
+            EXPECT_EQ(1U, g_dwSelDevCnt);
+            EXPECT_LE(Bmc().Count(kStorage, kReserve), 4U) << "each of the two walks is disturbed once at most";
+            _exit(HasFailure() ? 1 : 0);
+        }
+        for (const pid_t child : children)
+            EXPECT_EQ(0, WaitForExit(child));
+    });
+    munmap(memory, sizeof(Shared));
 }
 
 TEST_F(Repository, AProcessThatIsToldToEndStopsWalking) {
