@@ -61,7 +61,8 @@ struct SharedLayout {
 constexpr SharedLayout kCompactLayout{"CompactSDR", 12, 23, 31};
 constexpr SharedLayout kEventOnlyLayout{"EventOnlySDR", 10, 12, 16};
 
-/// How the sensors of a run differ. A run of one is named like any other; a count of 0 means one.
+/// How the sensors of a run differ. A count of 0 means one, like 1; what a record of one says about names is noise:
+/// boards leave zeroes there, and "PCIe Slot3" would become "PCIe Slot30".
 class Run {
 public:
     explicit Run(const uint8_t* share) : share_(share[0]), modifier_(share[1]) {}
@@ -70,6 +71,7 @@ public:
     bool InstancesDiffer() const { return (modifier_ & 0x80) != 0; }
     /// Appends what tells the sensors of the run apart: a number, or a letter.
     void AppendSuffix(char (&name)[KVPS_SENSOR_NAME_SIZE], unsigned index) const {
+        if (Count() == 1) return;
         const unsigned offset = (modifier_ & 0x7Fu) + index;
         const size_t used = strlen(name);
         const unsigned kind = share_ >> 4 & 0x03u;

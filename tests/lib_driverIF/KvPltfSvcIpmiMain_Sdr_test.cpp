@@ -109,7 +109,8 @@ TEST_F(Repository, SharedRecordsStandForARunOfSensors) {
          {Case{dimms.EncodeCompact(), {{10, 1, "DIMM1"}, {11, 2, "DIMM2"}, {12, 3, "DIMM3"}}},
           Case{letters.EncodeEventOnly(), {{10, 1, "Drive D"}, {11, 1, "Drive E"}}},
           Case{bare, {{10, 1, "Fan"}, {11, 1, "Fan"}}},
-          Case{Shared(10, "Lid", 0, 9).EncodeEventOnly(), {{10, 1, "Lid9"}}},
+          Case{Shared(10, "Slot3", 0).EncodeEventOnly(), {{10, 1, "Slot3"}}},
+          Case{Shared(10, "Slot3", 1, 9).EncodeCompact(), {{10, 1, "Slot3"}}},
           Case{Shared(253, "Edge", 15).EncodeCompact(), {{253, 1, "Edge0"}, {254, 1, "Edge1"}}},
           Case{Shared(255, "None", 1).EncodeCompact(), {}}}) {
         Run([&] {
