@@ -166,6 +166,8 @@ uint32_t KvPsGetSdrData(uint8_t entityId, uint8_t sensorType, unsigned long* cou
 uint32_t KvPsGetSensorData(uint8_t owner, uint8_t lun, uint8_t sensor, KVPS_SENSOR_DATA* out) {
     if (out == nullptr) return ReportNull();
     *out = {};
+    constexpr uint32_t kNoSuchSensor = MakeResult(fn::kFindSensor, service_reason::kNoSuchSensor);
+    if (lun > kLastLun || sensor == kNoSensor) return PXR_ReportError(kNoSuchSensor);
     SensorReading reading{};
     {
         const IpmiBracket bracket;
@@ -177,9 +179,7 @@ uint32_t KvPsGetSensorData(uint8_t owner, uint8_t lun, uint8_t sensor, KVPS_SENS
     std::copy_n(reading.states, sizeof out->states, out->states);
     SDR sdr;
     const SdrLookup found = FindSdr(owner, lun, sensor, &sdr);
-    if (found != SdrLookup::kFound && found != SdrLookup::kEmpty) {
-        return PXR_ReportError(MakeResult(fn::kFindSensor, service_reason::kNoSuchSensor));
-    }
+    if (found != SdrLookup::kFound && found != SdrLookup::kEmpty) return PXR_ReportError(kNoSuchSensor);
     out->readingType = sdr.readingType;
     out->sensorType = sdr.sensorType;
     out->nominalSpecified = sdr.nominalSpecified;

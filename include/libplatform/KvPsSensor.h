@@ -89,18 +89,19 @@ KV_EXPORT uint32_t KvPsGetAllSdrData(unsigned long* count, SDR** records);
 ///         no records are loaded; 0x6000B111 out of memory
 KV_EXPORT uint32_t KvPsGetSdrData(uint8_t entityId, uint8_t sensorType, unsigned long* count, SDR*** array);
 
-/// Reads a sensor's current value with one command, and joins it with its record.
+/// Reads a sensor's current value with one command, and joins it with its record. What cannot be is not asked.
 /// @param out  zeroes where nothing is known
-/// @return 0; 0x60004201 null; 0x6054B104 the driver could not be opened; 0x6049B106 no such sensor owner, LUN above 3,
-///         or sensor number 255
+/// @return 0; 0x60004201 null; 0x6049B106 LUN above 3, sensor number 255, or no such sensor owner; 0x6054B104 the
+///         driver could not be opened
 KV_EXPORT uint32_t KvPsGetSensorData(uint8_t owner, uint8_t lun, uint8_t sensor, KVPS_SENSOR_DATA* out);
 
 /// Reads many sensors under one opening of the device, which is what most of a reading costs; others who want the BMC
 /// get their turn in between. One that fails does not keep back the others.
 /// @param records  count records, as KvPsGetAllSdrData gives them
 /// @param data     count readings, the caller's
-/// @param results  count codes as KvPsGetSensorData gives them; 0x6000B100 for event-only sensors, which have no
-/// reading
+/// @param results  count codes as KvPsGetSensorData gives them; 0x6000B100, untraced as it is no failure, for
+/// event-only
+///                 sensors, which have no reading
 /// @return 0; 0x60004201 null; 0x6054B104 the driver could not be opened, from the start or again on the way; the
 ///         sensors not reached have the same code
 KV_EXPORT uint32_t KvPsGetSensorDataList(const SDR* records, unsigned long count, KVPS_SENSOR_DATA* data,

@@ -82,6 +82,10 @@ TEST_F(Sensors, AReadingThatFailsHasItsCode) {
     Bmc().Sensors()->At(9);
     RunStarted([this] {
         KVPS_SENSOR_DATA data;
+        Bmc().ResetCounts();
+        EXPECT_EQ(0x6049B106U, KvPsGetSensorData(0x20, 0, 255, &data));
+        EXPECT_EQ(0x6049B106U, KvPsGetSensorData(0x20, 4, 5, &data));
+        EXPECT_EQ(0U, Bmc().Count()) << "what cannot be is not asked";
         EXPECT_EQ(0x6039B2CBU, KvPsGetSensorData(0x20, 0, 200, &data)) << "unknown to the BMC";
         EXPECT_EQ(0x6049B106U, KvPsGetSensorData(0x26, 0, 5, &data)) << "an owner without records";
         EXPECT_EQ(0U, KvPsGetSensorData(0x20, 0, 9, &data)) << "a sensor without record";
