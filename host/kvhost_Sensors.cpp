@@ -16,6 +16,8 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+// Flags of a reading.
+constexpr uint8_t kScanningEnabled = 1u << 6;
 constexpr uint8_t kReadingUnavailable = 1u << 5;
 
 struct Records {
@@ -35,7 +37,7 @@ std::string NameOf(const SDR& sdr) {
     return Printable(ToUtf8(name, false));
 }
 
-/// What the sensors read now. Nothing for those that do not answer, and those that only log events.
+/// What the sensors read now. Nothing for those that do not answer or scan, and those that only log events.
 std::vector<std::optional<KVPS_SENSOR_DATA>> ReadAll(const Library& library, std::span<const SDR> records) {
     std::vector<KVPS_SENSOR_DATA> data(records.size());
     std::vector<uint32_t> results(records.size());
@@ -45,7 +47,8 @@ std::vector<std::optional<KVPS_SENSOR_DATA>> ReadAll(const Library& library, std
     }
     std::vector<std::optional<KVPS_SENSOR_DATA>> readings;
     for (size_t i = 0; i < records.size(); ++i) {
-        const bool available = results[i] == 0 && (data[i].flags & kReadingUnavailable) == 0;
+        const bool available =
+            results[i] == 0 && (data[i].flags & (kScanningEnabled | kReadingUnavailable)) == kScanningEnabled;
         readings.push_back(available ? std::optional(data[i]) : std::nullopt);
     }
     return readings;

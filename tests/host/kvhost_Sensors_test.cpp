@@ -19,6 +19,17 @@ TEST_F(KvhostSensors, ShowsEverySensorWithItsReading) {
     EXPECT_THAT(Output("sensors"), HasSubstr("Inlet Temp"));
 }
 
+TEST_F(KvhostSensors, ShowsWhatIsMeasuredAlone) {
+    UseMachine(R"({"smbios": {"bios": {"vendor": "Velmora"}}, "bmc": {"sdr": [
+        {"kind": "full", "number": 1, "name": "Measured", "sensorType": "fan", "reading": 5, "flags": "0xC0"},
+        {"kind": "full", "number": 2, "name": "Unavailable", "sensorType": "fan", "reading": 5, "flags": "0xE0"},
+        {"kind": "full", "number": 3, "name": "Not scanning", "sensorType": "fan", "reading": 5, "flags": "0x80"}]}})");
+    std::vector<json> readings;
+    for (const json& sensor : Json("sensors"))
+        readings.push_back(sensor["reading"]);
+    EXPECT_THAT(readings, testing::ElementsAre("0x05", nullptr, nullptr));
+}
+
 TEST_F(KvhostSensors, ShowsTheRecordsAsTheyAreKept) {
     UseRackServer();
     const json record = Json("sensors --packed")[0];
