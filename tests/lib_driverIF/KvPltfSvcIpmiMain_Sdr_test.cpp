@@ -11,6 +11,7 @@
 #include <thread>
 #include <tuple>
 
+#include "libplatform/PXR_syscall.h"
 #include "tests/support/SimulatedMachine.h"
 #include "tests/support/Tracing.h"
 
@@ -34,7 +35,7 @@ sim::FullRecord Full(uint8_t number, const std::string& name = "Sensor", uint8_t
 }
 
 sim::SharedRecord Shared(uint8_t number, const std::string& name, uint8_t count, uint8_t offset = 0) {
-    return {{.number = number, .name = name}, count, false, offset};
+    return {{.number = number, .sensorType = 0x0D, .eventType = 0x6F, .name = name}, count, false, offset};
 }
 
 Bytes WithByte(Bytes record, size_t at, uint8_t value) {
@@ -78,21 +79,26 @@ TEST_F(Repository, FullRecordsArePackedByteForByte) {
     record.conversion = {0x80, 1, 0, 2, 9, 0x40, 0xF6, 0xC0, 5, 0xE1};
     record.nominalGiven = true;
     record.nominal = 42;
-    Add(record.Encode());
+    const Bytes overChannel = WithByte(record.Encode(), 6, 0xF1);  // LUN 1; the other bits say how it is reached
+    Add(overChannel);
+    Add(WithByte(WithByte(overChannel, 7, 9), 30, 0x06));  // normal maximum and minimum given, no nominal reading
+    Bmc().Sensors()->At(7, 1);
     Run([] {
         ASSERT_EQ(0U, KvPsInitializeIpmi());
-        const SDR expected{0x20, 0,  7,           3, 0x61, 1, 1, {0x80, 1, 0, 2, 9, 0x40, 0xF6, 0xC0, 5, 0xE1},
+        const SDR expected{0x20, 1,  7,           3, 0x61, 1, 1, {0x80, 1, 0, 2, 9, 0x40, 0xF6, 0xC0, 5, 0xE1},
                            1,    42, "CPU1 Temp", 1};
         SDR packed;
-        ASSERT_EQ(SdrLookup::kFound, FindSdr(0x20, 0, 7, &packed));
+        ASSERT_EQ(SdrLookup::kFound, FindSdr(0x20, 1, 7, &packed));
         EXPECT_EQ(0, memcmp(&expected, &packed, sizeof packed));
-        EXPECT_EQ(SdrLookup::kEmpty, FindSdr(0x20, 0, 8, &packed));
-        EXPECT_EQ(SdrLookup::kNoDevice, FindSdr(0x20, 1, 7, &packed));
-        EXPECT_EQ(SdrLookup::kNoNumber, FindSdr(0x20, 0, 255, &packed));
-        EXPECT_EQ(1U, SdrInstanceCnt());
+        ASSERT_EQ(SdrLookup::kFound, FindSdr(0x20, 1, 9, &packed));
+        EXPECT_EQ(0, packed.nominalSpecified);
+        EXPECT_EQ(SdrLookup::kEmpty, FindSdr(0x20, 1, 8, &packed));
+        EXPECT_EQ(SdrLookup::kNoDevice, FindSdr(0x20, 0, 7, &packed));
+        EXPECT_EQ(SdrLookup::kNoNumber, FindSdr(0x20, 1, 255, &packed));
+        EXPECT_EQ(2U, SdrInstanceCnt());
         g_dwBmcTimezone = 3600;
         KvPsTerminateIpmi();
-        EXPECT_EQ(SdrLookup::kNoTable, FindSdr(0x20, 0, 7, &packed));
+        EXPECT_EQ(SdrLookup::kNoTable, FindSdr(0x20, 1, 7, &packed));
         EXPECT_EQ(0U, g_dwBmcTimezone);
     });
 }
@@ -103,12 +109,13 @@ TEST_F(Repository, SharedRecordsStandForARunOfSensors) {
     dimms.instancesIncrease = true;
     auto letters = Shared(10, "Drive ", 2, 3);
     letters.modifierAlpha = true;
+    const auto reserved = WithByte(letters.EncodeEventOnly(), 12, 2 | 1 << 4 | 0xC0);
     const auto bare = WithByte(Shared(10, "Fan", 2).EncodeCompact(), 23, 2 | 2 << 4);
     using Case = std::tuple<Bytes, Sensors>;
     for (const auto& [record, expected] :
          {Case{dimms.EncodeCompact(), {{10, 1, "DIMM1"}, {11, 2, "DIMM2"}, {12, 3, "DIMM3"}}},
-          Case{letters.EncodeEventOnly(), {{10, 1, "Drive D"}, {11, 1, "Drive E"}}},
-          Case{bare, {{10, 1, "Fan"}, {11, 1, "Fan"}}},
+          Case{letters.EncodeCompact(), {{10, 1, "Drive D"}, {11, 1, "Drive E"}}},
+          Case{reserved, {{10, 1, "Drive D"}, {11, 1, "Drive E"}}}, Case{bare, {{10, 1, "Fan"}, {11, 1, "Fan"}}},
           Case{Shared(10, "Slot3", 0).EncodeEventOnly(), {{10, 1, "Slot3"}}},
           Case{Shared(10, "Slot3", 1, 9).EncodeCompact(), {{10, 1, "Slot3"}}},
           Case{Shared(253, "Edge", 15).EncodeCompact(), {{253, 1, "Edge0"}, {254, 1, "Edge1"}}},
@@ -120,6 +127,8 @@ TEST_F(Repository, SharedRecordsStandForARunOfSensors) {
             ForEachSdr([&](const SDR& sdr) {
                 sensors.emplace_back(sdr.number, sdr.entityInstance, sdr.name);
                 EXPECT_THAT(sdr.conversion, testing::Each(0xFF));
+                EXPECT_EQ(0x0D, sdr.sensorType);
+                EXPECT_EQ(0x6F, sdr.readingType);
                 EXPECT_EQ(record[3], sdr.recordType);
             });
             EXPECT_EQ(expected, sensors);
@@ -216,6 +225,14 @@ TEST_F(Repository, ShortPiecesArePutTogetherAndAnEmptyOneIsAFailure) {
     ExpectNames({"Sens1"});
     cutTo(2, 16);
     ExpectNames({}, 0x6000B100);
+    Bmc().Sdr()->Clear();
+    Bytes longest = Full(1, "Sens1").Encode();
+    longest.resize(5 + 0xFF);
+    Add(WithByte(longest, 4, 0xFF));
+    cutTo(2 + 15, 0);
+    ExpectNames({"Sens1"});
+    cutTo(2 + 14, 0);  // the last byte lies behind the last offset that a command can name
+    ExpectNames({}, 0x6000B100);
 }
 
 TEST_F(Repository, TablesHoldOneHundredAndTwentySevenDevices) {
@@ -253,6 +270,12 @@ TEST_F(Repository, KeepersOfEventLogsAreFound) {
         EXPECT_EQ(1, g_stSelDev[0].reserve);
         EXPECT_EQ(0U, g_stSelDev[0].lastTimeStamp);
     });
+    SetProduct("Server Varistel Q51");
+    Run([&] {
+        KvPsInitializeIpmi();
+        EXPECT_THAT(addresses(), ElementsAre(0x24, 0x26));
+    });
+    Add({0, 0, 0x51, 0x12, 0});  // ends before its address
     Bmc().Refuse(kStorage, 0x40, sim::cc::kInvalidCommand, 2);
     SetProduct("Server Varistel Q52 M2");
     Run([&] {
@@ -328,25 +351,44 @@ TEST_F(Repository, NoMoreCommandsThanNeeded) {
     });
 }
 
-TEST_F(Repository, OthersAreLetInBetweenRecords) {
+TEST_F(Repository, OthersAreLetInBetweenRecordsAndReadings) {
     AddSensors(60);
     Run([this] {
-        std::thread other;
-        std::atomic<size_t> servedAfter{0};
-        server.OnCommand(kStorage, kGetSdr, [&](const sim::Request&, const auto& answer) {
-            if (!other.joinable()) {
-                other = std::thread([&] {
-                    const IpmiBracket bracket;
-                    servedAfter = Bmc().Count(kStorage, kGetSdr);
-                });
-            }
-            if (servedAfter == 0) usleep(1000);  // until the other one stands in the queue
-            return answer();
-        });
-        EXPECT_EQ(0U, KvPsInitializeIpmi());
-        other.join();
-        EXPECT_LT(servedAfter, 60U) << "while the controllers are looked for";
+        /// Runs something with somebody else waiting from the first command of a kind on. @return how many were sent
+        /// before it was the other one's turn
+        const auto sentBefore = [this](uint8_t netFn, uint8_t command, const std::function<void()>& run) {
+            std::thread other;
+            std::atomic<size_t> served{0};
+            Bmc().ResetCounts();
+            server.OnCommand(netFn, command, [&](const sim::Request&, const auto& answer) {
+                if (!other.joinable()) {
+                    other = std::thread([&] {
+                        const IpmiBracket bracket;
+                        served = Bmc().Count(netFn, command);
+                    });
+                }
+                if (served == 0) usleep(1000);  // until the other one stands in the queue
+                return answer();
+            });
+            run();
+            other.join();
+            server.OnCommand(netFn, command, {});
+            return served.load();
+        };
+        EXPECT_LT(sentBefore(kStorage, kGetSdr, [] { EXPECT_EQ(0U, KvPsInitializeIpmi()); }), 60U)
+            << "while the controllers are looked for";
         EXPECT_THAT(Names(), SizeIs(60));
+        unsigned long count = 0;
+        SDR* records = nullptr;
+        ASSERT_EQ(0U, KvPsGetAllSdrData(&count, &records));
+        EXPECT_LT(sentBefore(sim::netfn::kSensorEvent, 0x2D,
+                             [&] {
+                                 std::vector<KVPS_SENSOR_DATA> data(count);
+                                 std::vector<uint32_t> results(count);
+                                 EXPECT_EQ(0U, KvPsGetSensorDataList(records, count, data.data(), results.data()));
+                             }),
+                  60U);
+        free(records);
     });
 }
 
@@ -415,6 +457,11 @@ TEST_F(Repository, AProcessThatIsToldToEndStopsWalking) {
         EXPECT_EQ(0x6000B10DU, KvPsInitializeIpmi());
         EXPECT_EQ(0U, Bmc().Count(kStorage, kGetSdr));
     });
+    Run([this] {
+        SetTerminateProcess();
+        EXPECT_EQ(0x6000B10DU, KvPsInitializeIpmi());
+        EXPECT_EQ(0U, Bmc().Count(kStorage, kGetSdr));
+    });
     runWithSignalBlocked([this] {
         server.OnCommand(sim::netfn::kSensorEvent, 0x2D, [](const sim::Request&, const auto& answer) {
             kill(getpid(), SIGTERM);
@@ -443,8 +490,8 @@ TEST_F(Repository, TheDumpIsWrittenWhereItsFileIs) {
     EXPECT_TRUE(
         dump.ends_with("\nSensorNo=0x41, RecType=0x03, EntityId=0x1d, Status=FRCENABLE, Length: 20\n"
                        "+00+01+02+03+04+05+06+07+08+09+0a+0b+0c+0d+0e+0f+10+11+12+13\n"
-                       " 02 00 51 03 0f 20 00 41 1d 01 04 01 02 01 00 00 c3 46 61 6e\n"
-                       "  .  .  Q  .  .     .  A  .  .  .  .  .  .  .  .  .  F  a  n\n"
+                       " 02 00 51 03 0f 20 00 41 1d 01 04 6f 02 01 00 00 c3 46 61 6e\n"
+                       "  .  .  Q  .  .     .  A  .  .  .  o  .  .  .  .  .  F  a  n\n"
                        "EventOnlySDR(Sensor#:0x41, Type:0x04, Name:\"Fan1\")\n"
                        "EventOnlySDR(Sensor#:0x42, Type:0x04, Name:\"Fan2\")\n"))
         << dump;
