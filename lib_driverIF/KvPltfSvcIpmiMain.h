@@ -48,6 +48,7 @@ extern std::shared_mutex g_sdrMutex;
 extern DEVICE_INFO g_stSnsDev[kMaxDevices];
 extern uint32_t g_dwSnsDevCnt;
 extern SDR (*g_pSdr)[kSlotsPerDevice];  ///< a block for each sensor device; null while no records are loaded
+extern uint32_t g_dwSdrBlocks;          ///< how many; devices found since the table was made have none
 extern DEVICE_INFO g_stSelDev[kMaxDevices];
 extern uint32_t g_dwSelDevCnt;
 

@@ -113,7 +113,7 @@ uint32_t SdrInstanceCnt();
 template <typename Visit>
 void ForEachSdr(Visit visit) {
     if (g_pSdr == nullptr) return;
-    for (uint32_t device = 0; device < g_dwSnsDevCnt; ++device) {
+    for (uint32_t device = 0; device < g_dwSdrBlocks; ++device) {
         for (SDR& slot : g_pSdr[device]) {
             if (slot.recordType != 0) visit(slot);
         }

@@ -11,6 +11,7 @@ std::shared_mutex g_sdrMutex;
 DEVICE_INFO g_stSnsDev[kMaxDevices];
 uint32_t g_dwSnsDevCnt = 0;
 SDR (*g_pSdr)[kSlotsPerDevice] = nullptr;
+uint32_t g_dwSdrBlocks = 0;
 DEVICE_INFO g_stSelDev[kMaxDevices];
 uint32_t g_dwSelDevCnt = 0;
 
@@ -45,16 +46,21 @@ SdrLookup Find(uint8_t owner, uint8_t lun, uint8_t sensor, SDR*& slot) {
     if (g_pSdr == nullptr) return SdrLookup::kNoTable;
     if (sensor >= kSlotsPerDevice) return SdrLookup::kNoNumber;
     const int device = IndexOf(owner, lun);
-    if (device < 0) return SdrLookup::kNoDevice;
+    if (device < 0 || static_cast<uint32_t>(device) >= g_dwSdrBlocks) return SdrLookup::kNoDevice;
     slot = &g_pSdr[device][sensor];
     return slot->recordType == 0 ? SdrLookup::kEmpty : SdrLookup::kFound;
+}
+
+void FreeBlocks() {
+    delete[] std::exchange(g_pSdr, nullptr);
+    g_dwSdrBlocks = 0;
 }
 
 }  // namespace
 
 void ClearSensorTables() {
     const std::unique_lock lock(g_sdrMutex);
-    delete[] std::exchange(g_pSdr, nullptr);
+    FreeBlocks();
     std::ranges::fill(g_stSnsDev, DEVICE_INFO{});
     g_dwSnsDevCnt = 0;
     std::ranges::fill(g_stSelDev, DEVICE_INFO{});
@@ -78,14 +84,16 @@ void AddSelDevice(const DEVICE_INFO& device) {
 
 bool MakeSdrTable() {
     const std::unique_lock lock(g_sdrMutex);
-    delete[] std::exchange(g_pSdr, nullptr);
+    FreeBlocks();
     g_pSdr = new (std::nothrow) SDR[g_dwSnsDevCnt][kSlotsPerDevice]();
-    return g_pSdr != nullptr;
+    if (g_pSdr == nullptr) return false;
+    g_dwSdrBlocks = g_dwSnsDevCnt;
+    return true;
 }
 
 void FreeSdrTable() {
     const std::unique_lock lock(g_sdrMutex);
-    delete[] std::exchange(g_pSdr, nullptr);
+    FreeBlocks();
 }
 
 bool StoreSdr(const SDR& sdr) {

@@ -251,6 +251,22 @@ TEST_F(Repository, TablesHoldOneHundredAndTwentySevenDevices) {
     });
 }
 
+TEST_F(Repository, DevicesFoundLaterHaveNoRecords) {
+    AddSensors(1);
+    Run([] {
+        ASSERT_EQ(0U, KvPsInitializeIpmi());
+        DEVICE_INFO later{};
+        for (later.address = 0x22; later.address < 0xFE; later.address += 2)
+            AddSensorDevice(later);
+        SDR sdr;
+        ASSERT_EQ(SdrLookup::kFound, FindSdr(0x20, 0, 1, &sdr));
+        sdr.owner = 0x22;
+        EXPECT_FALSE(StoreSdr(sdr));
+        EXPECT_EQ(SdrLookup::kNoDevice, FindSdr(0x22, 0, 1, nullptr));
+        EXPECT_THAT(Names(), SizeIs(1));
+    });
+}
+
 TEST_F(Repository, KeepersOfEventLogsAreFound) {
     Add(sim::ControllerLocator(0x52, 0x29, 10, 1, "No log"));
     Add(sim::ControllerLocator(0x24, 0x04, 7, 1, "Log"));
