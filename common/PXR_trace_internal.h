@@ -98,5 +98,9 @@ extern MessageLog g_ipmiLog;
 bool OpenIpmiLog(const PXR_trace_config& config);
 /// Whether this installation keeps an IPMI log.
 bool KeepsIpmiLog();
+/// Whether this process writes into one at present.
+inline bool WritesIpmiLog() {
+    return IsOn() && g_ipmiLog.Wants(PXR_TRACE_LEVEL_ERROR);
+}
 
 }  // namespace trace

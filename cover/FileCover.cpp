@@ -1,23 +1,24 @@
+// Files, directories and paths.
+
 #include "cover/FileCover.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <filesystem>
 #include <string>
 #include <string_view>
 #include <system_error>
-#include <utility>
 
 #include "cover/CancelBlock.h"
 #include "cover/ErrorCover.h"
+#include "cover/FileDescriptor.h"
 
 namespace {
 
@@ -26,44 +27,22 @@ int Fail(int error) {
     return 0;
 }
 
-class File {
-public:
-    File(const char* path, int flags, int mode = 0) : fd_(FileOpen(path, flags, mode)) {}
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-    ~File() { Close(); }
-    explicit operator bool() const { return fd_ >= 0; }
-    int Get() const { return fd_; }
-    /// Some file systems report only here that the data did not arrive.
-    bool Close() { return fd_ < 0 || close(std::exchange(fd_, -1)) == 0; }
-
-private:
-    int fd_;
-};
-
-/// Files may be larger than the memory that is left.
-bool ReadWhole(int fd, std::string& content) try {
-    constexpr uint32_t kChunk = 64 * 1024;
-    while (true) {
-        const size_t filled = content.size();
-        content.resize(filled + kChunk);
-        const int got = FileRead(fd, content.data() + filled, kChunk);
-        if (got < 0) return false;
-        content.resize(filled + static_cast<size_t>(got));
-        if (static_cast<uint32_t>(got) < kChunk) return true;
+/// What is left of one file goes to another: inside the kernel as far as it does that for these two, the rest through a
+/// small buffer. Files may be larger than the memory that is left.
+bool CopyContent(int from, int to) {
+    constexpr size_t kAtOnce = 1u << 30;
+    while (copy_file_range(from, nullptr, to, nullptr, kAtOnce, 0) > 0) {
     }
-} catch (const std::exception&) {  // std::bad_alloc, or std::length_error from 2 GiB on
-    SetRecentErrno(ENOMEM);
-    return false;
+    std::array<char, 16 * 1024> buffer;
+    int got = 0;
+    while ((got = FileRead(from, buffer.data(), buffer.size())) > 0) {
+        if (FileWrite(to, buffer.data(), static_cast<uint32_t>(got)) < 0) return false;
+    }
+    return got == 0;
 }
 
-bool WriteWhole(int fd, const std::string& content) {
-    for (size_t at = 0; at < content.size();) {
-        const auto part = static_cast<uint32_t>(std::min<size_t>(content.size() - at, INT_MAX));
-        if (FileWrite(fd, content.data() + at, part) < 0) return false;
-        at += part;
-    }
-    return true;
+bool IsSameFile(const struct stat& one, const struct stat& other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 bool MakeDirectory(const char* path) {
@@ -172,18 +151,21 @@ int RemoveDir(const char* path) {
 
 int CreateCopyFile(const char* source, const char* destination, int failIfExists) {
     const CancelBlock block;  // no half copy
-    struct stat status = {};
     if (source == nullptr || destination == nullptr) return Fail(EINVAL);
-    if (failIfExists != 0 && lstat(destination, &status) == 0) return Fail(EEXIST);
+    struct stat existing = {};
+    const bool exists = lstat(destination, &existing) == 0;
+    if (failIfExists != 0 && exists) return Fail(EEXIST);
 
-    std::string content;
-    const File in(source, O_RDONLY);
-    if (!in || fstat(in.Get(), &status) != 0 || !ReadWhole(in.Get(), content)) return 0;
+    struct stat status = {};
+    const FileDescriptor in(FileOpen(source, O_RDONLY, 0));
+    if (!in || fstat(in.Get(), &status) != 0) return 0;
+    if (exists && stat(destination, &existing) == 0 && IsSameFile(status, existing)) return 1;
 
     const int exclusive = failIfExists != 0 ? O_EXCL : 0;
-    File out(destination, O_WRONLY | O_CREAT | O_TRUNC | exclusive, static_cast<int>(status.st_mode & 07777));
+    const auto mode = static_cast<int>(status.st_mode & 07777);
+    FileDescriptor out(FileOpen(destination, O_WRONLY | O_CREAT | O_TRUNC | exclusive, mode));
     if (!out) return 0;
-    if (WriteWhole(out.Get(), content) && out.Close()) return 1;
+    if (CopyContent(in.Get(), out.Get()) && out.Close() == 0) return 1;
     const int error = GetRecentErrno();
     unlink(destination);
     return Fail(error);

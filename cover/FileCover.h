@@ -23,8 +23,8 @@ int CreateDirectoryforFile(const char* file);
 /// Removes a directory and all that is in it; links are removed, not followed. @return 1; 0 on failure
 int RemoveDir(const char* path);
 
-/// Copies a file with its mode (as masked by the process). The source is read whole first; a destination that could not
-/// be written is removed.
+/// Copies a file with its mode (as masked by the process), inside the kernel where it can. A destination that could not
+/// be written is removed; a copy to itself changes nothing.
 /// @param failIfExists  1: fails with EEXIST when the destination exists
 /// @return 1; 0 on failure
 int CreateCopyFile(const char* source, const char* destination, int failIfExists);

@@ -9,6 +9,7 @@
 
 #include "common/PXR_host.h"
 #include "common/PXR_thread_internal.h"
+#include "common/PXR_trace_internal.h"
 #include "cover/FileCover.h"
 #include "cover/TimerCover.h"
 #include "lib_driverIF/KvLibIpmi.h"
@@ -114,8 +115,10 @@ void TraceRequest(const Request& request, uint8_t address, const Levels& levels)
     PXR_mem_trace(kMaskIpmi, levels.data, "IPMI Request Data\n", request.bytes, static_cast<int>(request.length));
 }
 
-// The log around a refused command is kept aside, one copy per completion code, before the log rolls over.
+// The log around a refused command is kept aside, one copy per completion code, before the log rolls over. An old log
+// that nobody writes tells nothing about it, and absent sensors are refused at every poll, with the BMC locked.
 void KeepLogOf(uint8_t completionCode) {
+    if (!trace::WritesIpmiLog()) return;
     const CancelBlock block;
     char copy[128];
     snprintf(copy, sizeof copy, kIpmiLogCopy, completionCode);

@@ -181,6 +181,10 @@ TEST_F(Gate, KeepsTheLogOfARefusedCommand) {
     const MachineRoot root = MakeTestRoot();
     root.AddFile("/var/opt/velmora/lantrel/log/@ipmi@.log", "what led to it");
     RunInRoot(root, [this] {
+        bmc.answer = {0xCA};
+        Call({0x10, 0x2D, 0x40});
+        PXR_trace_init_ipmi_pxraaedit_log();
+        bmc.requests.clear();
         bmc.answer = {0xCB};
         EXPECT_EQ(0u, Call({0x10, 0x2D, 0x40}).result) << "the completion code is the caller's to judge";
         EXPECT_EQ(1u, bmc.requests.size());
@@ -188,7 +192,15 @@ TEST_F(Gate, KeepsTheLogOfARefusedCommand) {
         EXPECT_EQ(kCompCodeError, CheckRecentCompCode());
         bmc.answer = {0xC1};
         FinishesWhenCancelled([] { Call({0x18, 0x01}); });
+        PXR_trace_term_ipmi_pxraaedit_log();
+        bmc.answer = {0xCC};
+        Call({0x10, 0x2D, 0x40});
     });
+    for (const char* unwritten : {"CA", "CC"}) {
+        EXPECT_FALSE(std::filesystem::exists(
+            root.Outside(std::string("/var/opt/velmora/lantrel/log/@ipmi@_comperr_") + unwritten + ".log")))
+            << "no log is being written";
+    }
     EXPECT_EQ("what led to it", root.ReadFile("/var/opt/velmora/lantrel/log/@ipmi@_comperr_CB.log"));
     EXPECT_EQ("what led to it", root.ReadFile("/var/opt/velmora/lantrel/log/@ipmi@_comperr_C1.log"))
         << "a cancelled thread finishes the copy";
