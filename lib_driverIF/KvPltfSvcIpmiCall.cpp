@@ -172,7 +172,6 @@ bool WorksUnderReservation(const Request& request) {
 }
 
 void AnswerReservationCancelled(const Request& request, const Response& response) {
-    response.Clear();
     response.Fill(request, &kReservationCancelled, 1);
     PXR_trace(kMaskIpmi, kLevelCall,
               "BMCUPDATE occurred. it set ReservationCancel at Responce data. (Request=%02X %02X Response=%02X %02X "

@@ -7,38 +7,33 @@
 
 namespace ktx_ipmi {
 
-namespace {
-
-constexpr int kMaskDiagnostics = 0x1000;
-
-}  // namespace
-
-void Exchange::ReportNullOutput() {
-    PXR_trace(kMaskDiagnostics, 0, "Invalid Parameter. pSnsData=0x%p", static_cast<void*>(nullptr));
-    PXR_ReportError(reason::kNullOutput);
+void Exchange::ReportNullOutput() const {
+    PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "Invalid Parameter. pSnsData=0x%p",
+              static_cast<void*>(nullptr));
+    ReportPlain(reason::kNullOutput);
 }
 
 uint32_t Exchange::Check() const {
     if (handle_ == kInvalidHandle) {
-        PXR_trace(kMaskDiagnostics, 0, "Invalid Driver Handle");
-        return PXR_ReportError(reason::kNotOpened);
+        PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "Invalid Driver Handle");
+        return ReportPlain(reason::kNotOpened);
     }
     if (address_ & 1) {
-        PXR_trace(kMaskDiagnostics, 0, "SoftwareID is NOT Device ID.");
-        return PXR_ReportError(reason::kSoftwareId);
+        PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "SoftwareID is NOT Device ID.");
+        return ReportPlain(reason::kSoftwareId);
     }
     return 0;
 }
 
 uint32_t Exchange::CallFailed(uint32_t result) const {
-    if (result == reason::kFirmwareUpdate) return PXR_ReportError(result);
+    if (result == reason::kFirmwareUpdate) return ReportPlain(result);
     if (result >> 28 == kErrorClass >> 28) return Report(result);  // the gate's own code
-    if (IsOem()) return PXR_ReportError(reason::kCallFailed);
+    if (IsOem()) return ReportPlain(reason::kCallFailed);
     return Report(ModifyErrorCode(result));
 }
 
 uint32_t Exchange::Refused(uint8_t completionCode) const {
-    return IsOem() ? PXR_ReportError(reason::kOemRefused) : Report(reason::kCompletionCode | completionCode);
+    return IsOem() ? ReportPlain(reason::kOemRefused) : Report(reason::kCompletionCode | completionCode);
 }
 
 uint32_t Exchange::Transmit(std::span<const uint8_t> data) {

@@ -1,5 +1,7 @@
 // Commands to the controller itself: identity, watchdog, channels, LAN; and sensor readings.
 
+#include <utility>
+
 #include "lib_driverIF/KvPltfSvcIpmiCmd.h"
 #include "lib_driverIF/KvPltfSvcIpmiCmd_Exchange.h"
 
@@ -28,13 +30,13 @@ Command SensorCommand(uint8_t command, uint32_t functionId, uint8_t lun) {
 uint32_t GetDeviceId(int handle, uint8_t address, DeviceId* out) {
     Exchange exchange(handle, address, kGetDeviceId);
     if (out != nullptr) *out = {};
-    if (const uint32_t rc = exchange.Send({}, out)) return rc;
+    if (const uint32_t rc = exchange.Send({}, out != nullptr)) return rc;
     exchange.Reader().Bytes({reinterpret_cast<uint8_t*>(out), sizeof *out});  // all single bytes
     return 0;
 }
 
 uint32_t ResetWatchdogTimer(int handle, uint8_t address) {
-    return Exchange(handle, address, kResetWatchdogTimer).Send({}, kNoOutput);
+    return Exchange(handle, address, kResetWatchdogTimer).Send({});
 }
 
 uint32_t SetWatchdogTimer(int handle, uint8_t address, const WatchdogTimer* timer) {
@@ -42,7 +44,7 @@ uint32_t SetWatchdogTimer(int handle, uint8_t address, const WatchdogTimer* time
     return Exchange(handle, address, kSetWatchdogTimer)
         .Send({t.timerUse, t.timerActions, t.preTimeoutInterval, t.expirationFlagsClear, Low(t.initialCount),
                High(t.initialCount)},
-              timer);
+              timer != nullptr);
 }
 
 uint32_t SetWatchdogTimerCF2(int handle, uint8_t address, uint8_t action, uint16_t count) {
@@ -58,7 +60,8 @@ uint32_t SetWatchdogTimerCF2(int handle, uint8_t address, uint8_t action, uint16
 
 uint32_t GetChannelInfo(int handle, uint8_t address, uint8_t channel, uint8_t* medium, uint8_t* protocol,
                         uint8_t* session) {
-    const void* outputs = AllOf(medium, protocol, session);
+    const bool outputs = medium != nullptr && protocol != nullptr && session != nullptr;
+    if (outputs) *medium = *protocol = *session = 0;
     Exchange exchange(handle, address, kGetChannelInfo);
     if (const uint32_t rc = exchange.Send({channel}, outputs)) return rc;
     ByteReader in = exchange.Reader();
@@ -71,19 +74,20 @@ uint32_t GetChannelInfo(int handle, uint8_t address, uint8_t channel, uint8_t* m
 
 uint32_t GetLanConfiguration(int handle, uint8_t address, uint8_t channel, uint8_t parameter, uint8_t set,
                              uint8_t block, uint8_t* data, uint32_t* length) {
-    const void* outputs = AllOf(data, length);
+    const bool outputs = data != nullptr && length != nullptr;
+    const std::span<uint8_t> out(data, outputs ? std::exchange(*length, 0) : 0);
+    std::ranges::fill(out, uint8_t{0});
     Exchange exchange(handle, address, kGetLanConfiguration);
     if (const uint32_t rc = exchange.Send({channel, parameter, set, block}, outputs)) return rc;
-    const uint32_t received = static_cast<uint32_t>(exchange.Data().size());
-    exchange.Reader().Bytes({data, *length});
-    *length = std::min(*length, received);
+    exchange.Reader().Bytes(out);
+    *length = static_cast<uint32_t>(std::min(out.size(), exchange.Data().size()));
     return 0;
 }
 
 uint32_t GetSensorReading(int handle, uint8_t address, uint8_t lun, uint8_t sensor, SensorReading* out) {
     Exchange exchange(handle, address, SensorCommand(0x2D, 0x39, lun));
     if (out != nullptr) *out = {};
-    if (const uint32_t rc = exchange.Send({sensor}, out)) return rc;
+    if (const uint32_t rc = exchange.Send({sensor}, out != nullptr)) return rc;
     ByteReader in = exchange.Reader();
     out->reading = in.U8();
     out->flags = in.U8();
@@ -96,7 +100,7 @@ uint32_t GetSensorReadingFactors(int handle, uint8_t address, uint8_t lun, uint8
                                  SensorReadingFactors* out) {
     Exchange exchange(handle, address, SensorCommand(0x23, 0x3A, lun));
     if (out != nullptr) *out = {};
-    if (const uint32_t rc = exchange.Send({sensor, reading}, out)) return rc;
+    if (const uint32_t rc = exchange.Send({sensor, reading}, out != nullptr)) return rc;
     ByteReader in = exchange.Reader();
     out->nextReading = in.U8();
     in.Bytes(out->factors);

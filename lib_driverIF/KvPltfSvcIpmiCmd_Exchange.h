@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <initializer_list>
+#include <source_location>
 #include <span>
 
 #include "common/ByteReader.h"
@@ -40,25 +41,23 @@ constexpr uint8_t High(uint16_t value) {
     return static_cast<uint8_t>(value >> 8);
 }
 
-/// One request and its answer.
+/// One request and its answer. Failures are reported with the position where it is made, the command's function.
 class Exchange {
 public:
     // The buffer is left as it is: commands are sent by the hundred, and clearing it twice would cost as much as the
     // rest.
-    Exchange(int handle, uint8_t address, Command command) : handle_(handle), address_(address), command_(command) {}
+    Exchange(int handle, uint8_t address, Command command, std::source_location where = std::source_location::current())
+        : handle_(handle), address_(address), command_(command), where_(where) {}
 
-    /// Sends the command. @param output  one of the caller's output pointers, to be checked first; any non-null one
-    /// where there is none
+    /// Sends the command. @param outputs  whether the caller's output pointers are there, which is checked first
     /// @return 0, or the code of the failure, reported
-    uint32_t Send(std::span<const uint8_t> data, const void* output) {
-        if (output == nullptr) {
-            ReportNullOutput();
-            return reason::kNullOutput;
-        }
-        return Transmit(data);
+    uint32_t Send(std::span<const uint8_t> data, bool outputs = true) {
+        if (outputs) return Transmit(data);
+        ReportNullOutput();
+        return reason::kNullOutput;
     }
-    uint32_t Send(std::initializer_list<uint8_t> data, const void* output) {
-        return Send(std::span(data.begin(), data.size()), output);
+    uint32_t Send(std::initializer_list<uint8_t> data, bool outputs = true) {
+        return Send(std::span(data.begin(), data.size()), outputs);
     }
 
     /// The answer's data, behind the completion code.
@@ -67,12 +66,15 @@ public:
 
     /// The result of decoding: 0, or 0xB100 when the answer was too short for it.
     uint32_t Decoded(const ByteReader& reader) const { return reader.Ok() ? 0 : Report(reason::kBadArguments); }
-    uint32_t Report(uint32_t reasonCode) const { return PXR_ReportError(reasonCode | command_.functionId << 16); }
+    /// Reports a failure, with the command's number in its code.
+    uint32_t Report(uint32_t reasonCode) const { return ReportPlain(reasonCode | command_.functionId << 16); }
+    /// The same without.
+    uint32_t ReportPlain(uint32_t code) const { return PXR_ReportError(code, where_); }
 
 private:
     static constexpr uint32_t kHeader = 3;
 
-    static void ReportNullOutput();
+    void ReportNullOutput() const;
     uint32_t Check() const;
     uint32_t Transmit(std::span<const uint8_t> data);
     uint32_t CallFailed(uint32_t result) const;
@@ -82,17 +84,9 @@ private:
     int handle_;
     uint8_t address_;
     Command command_;
+    std::source_location where_;
     std::array<uint8_t, kMaxMessage> response_;  // the gate clears it; nothing is read before Send
     uint32_t length_ = kHeader;
 };
-
-/// One of several output pointers, all of which are needed; null when any is.
-template <typename... Outputs>
-const void* AllOf(const Outputs*... outputs) {
-    return ((outputs != nullptr) && ...) ? &kLastRecord : nullptr;
-}
-
-/// For commands without an output pointer.
-inline const void* const kNoOutput = &kLastRecord;
 
 }  // namespace ktx_ipmi

@@ -24,10 +24,11 @@ constexpr size_t kModelModifiersSize = 9;
 constexpr size_t kDimmStateSize = 5;
 
 uint32_t Ask(int handle, uint8_t address, Command command, std::initializer_list<uint8_t> data, OemAnswer* out,
-             size_t limit = std::tuple_size_v<decltype(OemAnswer::bytes)>) {
+             size_t limit = std::tuple_size_v<decltype(OemAnswer::bytes)>,
+             std::source_location where = std::source_location::current()) {
     if (out != nullptr) *out = {};
-    Exchange exchange(handle, address, command);
-    if (const uint32_t rc = exchange.Send(data, out)) return rc;
+    Exchange exchange(handle, address, command, where);
+    if (const uint32_t rc = exchange.Send(data, out != nullptr)) return rc;
     const std::span<const uint8_t> answer = exchange.Data();
     out->length = static_cast<uint32_t>(std::min({answer.size(), limit, out->bytes.size()}));
     std::copy_n(answer.begin(), out->length, out->bytes.begin());
@@ -66,13 +67,13 @@ uint32_t GetProcessorName(int handle, uint8_t address, OemAnswer* out) {
 
 uint32_t SendSVPCommand(int handle, uint8_t address, const uint8_t* command) {
     const size_t count = command != nullptr ? size_t{1} + command[0] : 0;
-    return Exchange(handle, address, kSvpCommand).Send(std::span(command, count), command);
+    return Exchange(handle, address, kSvpCommand).Send(std::span(command, count), command != nullptr);
 }
 
 uint32_t GetDIMMState(int handle, uint8_t address, uint8_t board, uint8_t response[5]) {
     if (response != nullptr) memset(response, 0, kDimmStateSize);
     Exchange exchange(handle, address, kDimmState);
-    if (const uint32_t rc = exchange.Send({board}, response)) return rc;
+    if (const uint32_t rc = exchange.Send({board}, response != nullptr)) return rc;
     ByteReader in = exchange.Reader();
     in.Bytes({response, kDimmStateSize});
     return exchange.Decoded(in);

@@ -30,7 +30,7 @@ constexpr uint8_t kSdrHeaderLength = 5;
 template <typename Number>
 uint32_t GetNumber(Exchange& exchange, Number* out, Number (ByteReader::*read)()) {
     if (out != nullptr) *out = 0;
-    if (const uint32_t rc = exchange.Send({}, out)) return rc;
+    if (const uint32_t rc = exchange.Send({}, out != nullptr)) return rc;
     ByteReader in = exchange.Reader();
     *out = (in.*read)();
     return exchange.Decoded(in);
@@ -38,8 +38,12 @@ uint32_t GetNumber(Exchange& exchange, Number* out, Number (ByteReader::*read)()
 
 uint32_t ReadSdrPiece(Exchange& exchange, uint16_t reservation, uint16_t recordId, uint8_t offset, uint8_t count,
                       uint16_t* nextId, uint8_t* bytes, uint32_t* received) {
-    const void* outputs = AllOf(nextId, bytes, received);
-    if (outputs != nullptr) *received = 0;
+    const bool outputs = nextId != nullptr && bytes != nullptr && received != nullptr;
+    if (outputs) {
+        *nextId = 0;
+        *received = 0;
+        memset(bytes, 0, count);
+    }
     if (const uint32_t rc = exchange.Send(
             {Low(reservation), High(reservation), Low(recordId), High(recordId), offset, count}, outputs)) {
         return rc;
@@ -57,7 +61,7 @@ uint32_t ReadSdrPiece(Exchange& exchange, uint16_t reservation, uint16_t recordI
 uint32_t GetSelInfo(int handle, uint8_t address, SelInfo* out) {
     Exchange exchange(handle, address, kGetSelInfo);
     if (out != nullptr) *out = {};
-    if (const uint32_t rc = exchange.Send({}, out)) return rc;
+    if (const uint32_t rc = exchange.Send({}, out != nullptr)) return rc;
     ByteReader in = exchange.Reader();
     out->version = in.U8();
     out->entries = in.U16();
@@ -76,7 +80,7 @@ uint32_t ReserveSel(int handle, uint8_t address, uint16_t* reservation) {
 
 uint32_t GetSelEntry(int handle, uint8_t address, uint16_t reservation, uint16_t recordId, uint16_t* nextId,
                      KVPS_SEL_ENTRY* out) {
-    const void* outputs = AllOf(nextId, out);
+    const bool outputs = nextId != nullptr && out != nullptr;
     if (nextId != nullptr) *nextId = kLastRecord;
     if (out != nullptr) *out = {};
     Exchange exchange(handle, address, kGetSelEntry);
@@ -85,8 +89,9 @@ uint32_t GetSelEntry(int handle, uint8_t address, uint16_t reservation, uint16_t
         return rc;
     }
     if (const size_t length = exchange.Data().size() + 3; length != kSelEntryAnswer) {
-        PXR_trace(0x1000, 0, "GetSelEntry Command Invalid Response. Len=%d", static_cast<int>(length));
-        return PXR_ReportError(reason::kBadArguments);
+        PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "GetSelEntry Command Invalid Response. Len=%d",
+                  static_cast<int>(length));
+        return exchange.ReportPlain(reason::kBadArguments);
     }
     ByteReader in = exchange.Reader();
     *nextId = in.U16();
@@ -98,14 +103,16 @@ uint32_t GetSelEntry(int handle, uint8_t address, uint16_t reservation, uint16_t
 
 uint32_t DeleteSelEntry(int handle, uint8_t address, uint16_t reservation, uint16_t recordId) {
     return Exchange(handle, address, kDeleteSelEntry)
-        .Send({Low(reservation), High(reservation), Low(recordId), High(recordId)}, kNoOutput);
+        .Send({Low(reservation), High(reservation), Low(recordId), High(recordId)});
 }
 
 uint32_t ClearSel(int handle, uint8_t address, uint16_t reservation, uint8_t action, uint8_t* progress) {
     if (progress != nullptr) *progress = 0;
     Exchange exchange(handle, address, kClearSel);
-    if (const uint32_t rc = exchange.Send({Low(reservation), High(reservation), 'C', 'L', 'R', action}, progress))
+    if (const uint32_t rc =
+            exchange.Send({Low(reservation), High(reservation), 'C', 'L', 'R', action}, progress != nullptr)) {
         return rc;
+    }
     *progress = exchange.Reader().U8();  // a controller that answers nothing has nothing left to do
     return 0;
 }
@@ -118,7 +125,7 @@ uint32_t GetSelTime(int handle, uint8_t address, uint32_t* time) {
 uint32_t SetSelTime(int handle, uint8_t address, uint32_t time) {
     const auto low = static_cast<uint16_t>(time);
     const auto high = static_cast<uint16_t>(time >> 16);
-    return Exchange(handle, address, kSetSelTime).Send({Low(low), High(low), Low(high), High(high)}, kNoOutput);
+    return Exchange(handle, address, kSetSelTime).Send({Low(low), High(low), Low(high), High(high)});
 }
 
 uint32_t ReserveSdrRepository(int handle, uint8_t address, uint16_t* reservation) {
@@ -144,7 +151,11 @@ uint32_t GetSdrHeader(int handle, uint8_t address, uint16_t reservation, uint16_
 }
 
 uint32_t GetFruInventoryAreaInfo(int handle, uint8_t address, uint8_t fru, uint16_t* size, uint8_t* access) {
-    const void* outputs = AllOf(size, access);
+    const bool outputs = size != nullptr && access != nullptr;
+    if (outputs) {
+        *size = 0;
+        *access = 0;
+    }
     Exchange exchange(handle, address, kGetFruAreaInfo);
     if (const uint32_t rc = exchange.Send({fru}, outputs)) return rc;
     ByteReader in = exchange.Reader();
@@ -155,8 +166,11 @@ uint32_t GetFruInventoryAreaInfo(int handle, uint8_t address, uint8_t fru, uint1
 
 uint32_t ReadFruInventoryData(int handle, uint8_t address, uint8_t fru, uint16_t offset, uint8_t count,
                               uint8_t* returned, uint8_t* data) {
-    const void* outputs = AllOf(returned, data);
-    if (returned != nullptr) *returned = 0;
+    const bool outputs = returned != nullptr && data != nullptr;
+    if (outputs) {
+        *returned = 0;
+        memset(data, 0, count);
+    }
     Exchange exchange(handle, address, kReadFruData);
     if (const uint32_t rc = exchange.Send({fru, Low(offset), High(offset), count}, outputs)) return rc;
     ByteReader in = exchange.Reader();

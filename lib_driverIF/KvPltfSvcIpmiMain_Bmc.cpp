@@ -155,7 +155,6 @@ void SetDimmState(const uint8_t answer[5], uint8_t mask, uint32_t* state) {
 // Capacity on demand
 
 constexpr size_t kCapacityRecordSize = 4;
-constexpr uint8_t kCompletionNotPresent = 0xCB;
 
 uint32_t CheckSensor(uint8_t owner, uint8_t lun, uint8_t sensor) {
     if (owner & 1) {
@@ -284,7 +283,7 @@ uint32_t KvPsOEMGetCodData(uint8_t owner, uint8_t lun, uint8_t sensor, uint8_t* 
     if (!bracket) return ReportNotOpened(MakeResult(fn::kNone, service_reason::kNotOpened));
     OemAnswer answer;
     const uint32_t rc = OEMGetCoDInformation(bracket.Handle(), owner, sensor, &answer);
-    if (rc == reason::kOemRefused && GetRecentCompCode() == kCompletionNotPresent) {
+    if (rc == reason::kOemRefused && GetRecentCompCode() == kNotPresent) {
         return PXR_ReportError(MakeResult(fn::kNone, service_reason::kNoCapacityRecord));
     }
     if (rc != 0) return rc;
