@@ -1,3 +1,6 @@
+/// @file
+/// The class data model: making, filling, copying, searching and freeing enumerations.
+
 #include "libplatform/PXR_data_access.h"
 
 #include <cstdlib>
@@ -162,7 +165,7 @@ void* PackTexts(char* const* texts, uint32_t count) {
 /// A copy of the value block as far as the record tells its size; null when memory is exhausted.
 void* CopyValue(const _KVCIM_PROP& p) {
     if (const TextArray array = TextsOf(p); array.count != 0) return PackTexts(array.texts, array.count);
-    if (IsTextType(p.type)) return CopyText(static_cast<const char*>(p.value), TextLength(p.value));
+    if (IsTextType(p.type)) return CopyText(static_cast<const char*>(p.value), TextLength(p));
     const uint32_t size = ScalarSize(p.type);
     void* const block = Allocate(size);
     if (block != nullptr) std::memcpy(block, p.value, size);

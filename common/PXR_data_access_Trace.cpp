@@ -1,8 +1,6 @@
 /// @file
 /// The dump of an enumeration that the entry points write before and after a request.
 
-#include <malloc.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -29,15 +27,13 @@ class QuotedTexts {
 public:
     explicit QuotedTexts(const _KVCIM_PROP& p) {
         const TextArray array = TextsOf(p);
-        if (array.count == 0) {
-            Add(static_cast<const char*>(p.value), malloc_usable_size(p.value));
-        }
+        if (array.count == 0) Add(static_cast<const char*>(p.value), TextLength(p));
         for (uint32_t i = 0; i < array.count && length_ < kLineLength; ++i) {
             Add(array.texts[i], kLineLength);
         }
     }
 
-    const char* Get() const { return line_; }
+    const char* Text() const { return line_; }
 
 private:
     void Add(const char* text, size_t limit) {
@@ -58,7 +54,7 @@ void TraceOne(int mask, const _KVCIM_PROP& p, int level) {
     if (p.value == nullptr || (size == 0 && !IsTextType(p.type))) {
         PXR_trace_ext(mask, level, 0, PROPERTY_LINE "UNDEFINE\n", p.code, code, p.type, type);
     } else if (size == 0) {
-        PXR_trace_ext(mask, level, 0, PROPERTY_LINE "%s", p.code, code, p.type, type, QuotedTexts(p).Get());
+        PXR_trace_ext(mask, level, 0, PROPERTY_LINE "%s", p.code, code, p.type, type, QuotedTexts(p).Text());
     } else if (size == 1) {
         PXR_trace_ext(mask, level, 0, PROPERTY_LINE "0x%02X", p.code, code, p.type, type,
                       static_cast<unsigned>(ReadScalar(p, size)));
@@ -72,29 +68,6 @@ void TraceOne(int mask, const _KVCIM_PROP& p, int level) {
 }
 
 }  // namespace
-
-TextArray TextsOf(const _KVCIM_PROP& p) {
-    if (p.code != KTX_PROP_ALL_MAC_ADDRESS || !IsTextType(p.type) || p.value == nullptr) return {};
-    const auto begin = reinterpret_cast<uintptr_t>(p.value);
-    const uintptr_t end = begin + malloc_usable_size(p.value);
-    const auto inside = [begin, end](uintptr_t at) { return at > begin && at < end; };
-    if (end - begin < sizeof(char*)) return {};
-
-    auto* const texts = static_cast<char* const*>(p.value);
-    const auto first = reinterpret_cast<uintptr_t>(texts[0]);
-    if (!inside(first) || (first - begin) % sizeof(char*) != 0) return {};
-    const uint32_t count = (first - begin) / sizeof(char*);
-    for (uint32_t i = 0; i < count; ++i) {
-        const auto text = reinterpret_cast<uintptr_t>(texts[i]);
-        if (!inside(text) || text < first) return {};
-        if (std::memchr(texts[i], '\0', end - text) == nullptr) return {};
-    }
-    return {texts, count};
-}
-
-size_t TextLength(const void* value) {
-    return strnlen(static_cast<const char*>(value), malloc_usable_size(const_cast<void*>(value)));
-}
 
 void TraceEnum(int mask, const _KVCIM_ENUM* e) {
     if (e == nullptr || !trace::IsOn()) return;

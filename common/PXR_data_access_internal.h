@@ -72,5 +72,6 @@ struct TextArray {
 };
 TextArray TextsOf(const _KVCIM_PROP& p);
 
-/// Length of the single text in a value block, without its terminator; ends with the block where there is none.
-size_t TextLength(const void* value);
+/// Length of the single text that a text property holds, without its terminator. Where the block may be an array of
+/// texts it ends with the block.
+size_t TextLength(const _KVCIM_PROP& p);
