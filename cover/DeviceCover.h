@@ -27,7 +27,10 @@ void PortOut(uint16_t port, uint8_t value);
 class Descriptor {
 public:
     Descriptor() = default;
-    Descriptor(const char* path, int flags) : fd_(Open(path, flags)) {}
+    Descriptor(const char* path, int flags) {
+        const CancelBlock untilOwned;
+        fd_ = Open(path, flags);
+    }
     Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
     Descriptor& operator=(Descriptor&& other) noexcept {
         std::swap(fd_, other.fd_);

@@ -264,6 +264,10 @@ int Init_IpmiIF() {
     return trace.Out(error);
 }
 
+bool IsIpmiIFUp() {
+    return g_initialised;
+}
+
 void Terminate_IpmiIF() {
     const CancelBlock whole;
     const IpmiCallTrace trace(__func__);

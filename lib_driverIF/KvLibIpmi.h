@@ -34,6 +34,7 @@ int Init_IpmiIF();
 /// waiting for their turn with -1, and a transfer under way has half a second to come to its end. Returns when the last
 /// caller has left. Init_IpmiIF may follow.
 void Terminate_IpmiIF();
+bool IsIpmiIFUp();
 
 /// Whether Terminate_IpmiIF is under way: nothing new is begun.
 extern std::atomic<bool> g_ipmiStopping;

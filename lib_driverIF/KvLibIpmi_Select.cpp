@@ -104,7 +104,7 @@ Interface FromDeviceRecord(const DeviceRecord& record) {
         chosen.base = smic_func.defaultBase;
     } else {
         chosen.type = InterfaceType(record.type);
-        chosen.slave = record.slave;
+        if (record.slave != 0) chosen.slave = record.slave;  // else it does not tell
         chosen.memoryMapped = (record.base & 1) == 0;
         chosen.base = record.base & ~uint64_t{1};
     }

@@ -212,7 +212,8 @@ uint32_t Execute(const Request& request, const Response& response, const Levels&
 
 bool InitIpmiLib() {
     if (!OpenIpmiLock()) return false;
-    if (Init_IpmiIF() == 0) return true;
+    // The library's own commands need the kernel's device alone; the registers serve other modules of the agent.
+    if (Init_IpmiIF() == 0 || CWDTOperationThread::IsDeviceThere()) return true;
     CloseIpmiLock();
     return false;
 }

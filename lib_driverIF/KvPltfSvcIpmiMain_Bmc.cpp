@@ -207,7 +207,9 @@ uint32_t KvPsGetBmcAdr(uint8_t* address) {
     if (const uint32_t rc = KvPsGetTypeData(kIpmiDeviceInformation, &count, &array)) return rc;
     const std::unique_ptr<KVPS_SMBIOS_TPHEAD*[]> owner(array);
     if (count == 0 || array[0]->length <= kSlaveAddressField) return 0;
-    return KvPsGetSmbiosMultiByte(array[0], kSlaveAddressField, 1, address);
+    const uint32_t rc = KvPsGetSmbiosMultiByte(array[0], kSlaveAddressField, 1, address);
+    if (*address == 0) *address = kBmcAddress;  // the firmware does not tell
+    return rc;
 }
 
 uint32_t KvPsSendSVPCommandIpmi(const uint8_t* request) {

@@ -22,12 +22,12 @@ uint32_t KvPsGetDeviceId(KVPS_DEVICE_ID* out) {
 uint32_t KvPsGetIpmiInterface(KVPS_IPMI_INTERFACE* out) {
     if (out == nullptr) return ktx_ipmi::ReportNull();
     if (!ktx_ipmi::IsIpmiLibStarted()) return PXR_ReportError(ktx_ipmi::reason::kNotOpened);
-    *out = {
-        .type = IPMI_IFTYPE,
-        .slaveAddress = IPMI_SLAVE_ADDR,
-        .dataRegister = IPMI_REG_DATA,
-        .statusRegister = IPMI_REG_STATUS,
-        .segment = g_pMMapSegmentAddress,
-    };
+    *out = {};
+    out->slaveAddress = IPMI_SLAVE_ADDR;
+    if (!IsIpmiIFUp()) return 0;
+    out->type = IPMI_IFTYPE;
+    out->dataRegister = IPMI_REG_DATA;
+    out->statusRegister = IPMI_REG_STATUS;
+    out->segment = g_pMMapSegmentAddress;
     return 0;
 }

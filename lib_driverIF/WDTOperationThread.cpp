@@ -56,6 +56,7 @@ struct KernelReceive {
 };
 static_assert(sizeof(KernelReceive) == 24 && offsetof(KernelReceive, message) == 16);
 
+constexpr const char* kDevice = "/dev/ipmi0";
 constexpr unsigned long kSendCommand = 0x8014690D;
 constexpr unsigned long kReceiveMessageTruncated = 0xC018690B;
 constexpr int32_t kSystemInterface = 0x0C;
@@ -101,12 +102,16 @@ private:
 
 }  // namespace
 
+bool CWDTOperationThread::IsDeviceThere() {
+    return static_cast<bool>(device::Descriptor(kDevice, O_RDWR));
+}
+
 int CWDTOperationThread::LOGG_IPMIInit() {
     if (device_ >= 0) {
         Trace("Allready ipmi driver open.");
         return 0;
     }
-    device_ = device::Open("/dev/ipmi0", O_RDWR);
+    device_ = device::Open(kDevice, O_RDWR);
     if (device_ >= 0) return 0;
     const int error = errno;
     PXR_trace(PXR_TRACE_MASK_PLUGIN, PXR_TRACE_LEVEL_CALL,

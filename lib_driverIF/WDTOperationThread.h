@@ -10,6 +10,9 @@
 /// The IPMI device, opened for the time of a bracket of the command layer, whose lock also serialises every use.
 class CWDTOperationThread {
 public:
+    /// Whether the kernel has a device that can be opened.
+    static bool IsDeviceThere();
+
     /// Opens the device unless it is open. @return 0; -1 when it cannot be opened
     int LOGG_IPMIInit();
 

@@ -63,8 +63,8 @@ enum KvPluginMessage {
 };
 
 /// Starts the library. A failure leaves running whatever was started: call TerminateLib in any case.
-/// @return 0, or the code of the part that could not be started (0x6000B700 SMBIOS, 0x6000B400 IPMI, or the data
-///         factory's own)
+/// @return 0; 0x6000B700 no SMBIOS table; 0x6000B400 no way to the BMC, what comes from elsewhere is served; reason
+///         0xB10D the process is terminating
 KV_EXPORT int InitLib(void);
 
 /// Stops the library and frees what InitLib made. May be called again, and InitLib after it.
@@ -90,8 +90,8 @@ KV_EXPORT int SendMessage(int message, void* param, void** out);
 ///               whose source failed, leave it without instances.
 /// @param param  read for class KTX_CLS_ALERT_RECORD alone; may be null
 /// @param mode   KvCommandMode: 2 for KTX_CLS_POWER_CTRL, 1 for every other class
-/// @return 0; 0x60024201 no enumeration; 0x60024202 mode and class do not match; for the classes 39, 42, 45, 52 and 60
-///         the code of the failed step
+/// @return 0; 0x60024201 no enumeration; 0x60024202 mode and class do not match; for the classes 39, 42, 52 and 60 the
+///         code of the failed step
 KV_EXPORT int PXR_ExecCommand(_KVCIM_ENUM* e, const _PXR_COMMAND_PARAM* param, int mode);
 
 /// @return the alert interval table, six rows ended by {0, 0}; the library's, rewritten by message 0

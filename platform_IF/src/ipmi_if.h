@@ -6,7 +6,7 @@
 
 /// Starts the hardware data: the copy of the SMBIOS structures, and the BMC's sensors and event logs. A machine without
 /// these, or whose BMC cannot be reached, still has everything else: that failure is traced, and the start goes on.
-/// @return 0; what the copy of the structures gave; reason 0xB10D the process is terminating
+/// @return 0; reason 0xB10D the process is terminating
 uint32_t InitIpmiIf();
 /// Ends both. @return 0
 uint32_t TerminateIpmiIf();

@@ -102,11 +102,14 @@ void LoadWords() {
     GetCatMessageLocale(kAgentCatalogue, kSetStateWords, kWordNormal, &g_pszNormal);
 }
 
-/// Starts what the classes read from, lowest first. After a failure the rest stays down.
+/// Starts what the classes read from, lowest first. Without the firmware's table the rest stays down; without a way to
+/// the BMC the firmware's structures are there all the same.
 uint32_t StartLayers() {
     if (!ktx_smbios::InitSmbiosLib()) return PXR_ReportError(MakeResult(fn::kNone, Reason::SmbiosStart));
-    if (!ktx_ipmi::InitIpmiLib()) return PXR_ReportError(MakeResult(fn::kNone, Reason::IpmiStart));
-    return InitIpmiIf();
+    const bool reachesBmc = ktx_ipmi::InitIpmiLib();
+    const uint32_t noWay = reachesBmc ? 0 : PXR_ReportError(MakeResult(fn::kNone, Reason::IpmiStart));
+    const uint32_t result = InitIpmiIf();
+    return noWay != 0 ? noWay : result;
 }
 
 template <typename Watch>

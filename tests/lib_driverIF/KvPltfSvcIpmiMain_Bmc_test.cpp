@@ -48,6 +48,9 @@ TEST_F(BmcServices, TheAddressIsThatOfTheFirstIpmiDevice) {
     smbios.Add(sim::SmbiosIpmiDevice{.slaveAddress = 0x26});
     expectAddress(0x24);
     smbios = {};
+    smbios.Add(sim::SmbiosIpmiDevice{.slaveAddress = 0});  // not told
+    expectAddress(0x20);
+    smbios = {};
     smbios.Add(sim::SmbiosStructure(38, 38 << 8, 6));  // ends before the address
     expectAddress(0x20);
 }

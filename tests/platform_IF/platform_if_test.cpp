@@ -16,6 +16,8 @@
 #include "kvdatafactory/Alert/KvAfHooks.h"
 #include "libplatform/KvDeviceOps.h"
 #include "libplatform/KvPsDevice.h"
+#include "libplatform/KvPsSmbios.h"
+#include "libplatform/PXR_syscall.h"
 #include "platform_IF/src/platform_if.h"
 #include "platform_IF/src/watch_config.h"
 #include "simulator/Scenario.h"
@@ -246,20 +248,25 @@ void RunOnServer(const MachineRoot& root, const std::function<void()>& body) {
 TEST(InitLib, LoadsTheWordsAndCanStartAgain) {
     const MachineRoot root = MakeTestRoot();
     root.AddSystemFile(kRackServer, "/scenario.json");
-    RunOnServer(root, [] {
-        unsetenv("LANG");
-        for (int round = 0; round < 2; ++round) {
-            ASSERT_EQ(0, InitLib());
-            EXPECT_STREQ("Unknown", g_pszUnknown);
-            EXPECT_STREQ("Normal", g_pszNormal);
-            KVPS_DEVICE_ID id{};
-            EXPECT_EQ(0u, KvPsGetDeviceId(&id)) << "the BMC can be asked";
-            EXPECT_EQ(0, TerminateLib());
-            EXPECT_EQ(nullptr, g_pszUnknown);
-            EXPECT_NE(0u, KvPsGetDeviceId(&id));
-            EXPECT_EQ(0, TerminateLib());
-        }
-    });
+    using Case = std::tuple<const char*, const char*, const char*>;
+    for (const auto& [language, unknown, normal] :
+         {Case{"C", "Unknown", "Normal"}, {"ja_JP.SJIS", "\x95\x73\x96\xBE", "\x90\xB3\x8F\xED"}}) {
+        RunOnServer(root, [=] {
+            setenv("LANG", language, 1);
+            for (int round = 0; round < 2; ++round) {
+                ASSERT_EQ(0, InitLib());
+                ASSERT_EQ(0, InitLib()) << "the words of the first start are freed";
+                EXPECT_STREQ(unknown, g_pszUnknown);
+                EXPECT_STREQ(normal, g_pszNormal);
+                KVPS_DEVICE_ID id{};
+                EXPECT_EQ(0u, KvPsGetDeviceId(&id)) << "the BMC can be asked";
+                EXPECT_EQ(0, TerminateLib());
+                EXPECT_EQ(nullptr, g_pszUnknown);
+                EXPECT_NE(0u, KvPsGetDeviceId(&id));
+                EXPECT_EQ(0, TerminateLib());
+            }
+        });
+    }
 }
 
 TEST(EntryPoints, TraceEntryAndExit) {
@@ -309,14 +316,76 @@ TEST(InitLib, GoesOnWithoutCatalogues) {
     });
 }
 
-TEST(InitLib, TellsWhichLayerDidNotStart) {
+TEST(InitLib, ServesWhatCouldBeStarted) {
+    const std::string noKernelDevice =
+        R"(, "faults": [{"kind": "openError", "device": "/dev/ipmi0", "errno": 19, "times": 99}])";
+    const std::string bt = R"("smbios": {"ipmiDevice": {"interface": 3, "slaveAddress": 0}})";
+    struct Case {
+        std::string machine;
+        uint32_t result;
+        bool firmware, bmc;
+        uint32_t interface = KVPS_INTERFACE_NONE;
+    };
+    for (const Case& each : {Case{R"("description": "no firmware")", 0x6000B700, false, false},
+                             {R"("smbios": {"ipmiDevice": {"slaveAddress": 0}})", 0, true, true, KVPS_INTERFACE_KCS},
+                             {R"("smbios": {"ipmiDevice": {}})" + noKernelDevice, 0, true, false, KVPS_INTERFACE_KCS},
+                             {bt, 0, true, true, KVPS_INTERFACE_NONE},
+                             {bt + noKernelDevice, 0x6000B400, true, false}}) {
+        SCOPED_TRACE(each.machine);
+        const MachineRoot root = MakeTestRoot();
+        root.AddFile("/scenario.json", '{' + each.machine + '}');
+        RunOnServer(root, [&each] {
+            umount2("/sys", MNT_DETACH);  // the kernel has its own copy of the firmware's table
+            EXPECT_EQ(each.result, static_cast<uint32_t>(InitLib()));
+            EXPECT_STREQ("Unknown", g_pszUnknown);
+            unsigned long count = 0;
+            KVPS_SMBIOS_TPHEAD** array = nullptr;
+            EXPECT_EQ(0u, KvPsGetTypeData(38, &count, &array));
+            delete[] array;
+            EXPECT_EQ(each.firmware ? 1u : 0u, count);
+            KVPS_DEVICE_ID id{};
+            EXPECT_EQ(each.bmc, KvPsGetDeviceId(&id) == 0);
+            KVPS_IPMI_INTERFACE interface { 99, 0, 99, 99, 99 };
+            EXPECT_EQ(each.bmc || each.interface != 0, KvPsGetIpmiInterface(&interface) == 0);
+            if (each.bmc) {
+                EXPECT_EQ(each.interface, interface.type);
+                EXPECT_EQ(0x20u, interface.slaveAddress);
+                EXPECT_EQ(each.interface != 0 ? 0xCA2u : 0, interface.dataRegister);
+            }
+            EXPECT_EQ(0, TerminateLib());
+        });
+    }
+}
+
+KvDeviceOps g_failing;
+unsigned g_opensLeft = 0;
+
+TEST(InitLib, GoesOnWithoutSomeOfTheStructures) {
     const MachineRoot root = MakeTestRoot();
-    root.AddFile("/scenario.json", R"({"description": "no firmware"})");
-    RunOnServer(root, [] {
-        umount2("/sys", MNT_DETACH);  // the kernel has its own copy of the firmware's table
-        EXPECT_EQ(0x6000B700u, static_cast<uint32_t>(InitLib()));
-        EXPECT_STREQ("Unknown", g_pszUnknown) << "what was started stays";
-        EXPECT_EQ(0, TerminateLib());
+    root.AddFile("/scenario.json", R"({"smbios": {"system": {"product": "Tessark Blade"}}, "bmc": {"sdr": [
+        {"kind": "controllerLocator", "address": "0x20", "capabilities": "0xBF", "name": "BMC"}]}})");
+    RunInRoot(root, [] {
+        sim::ScopedVirtualClock clock;
+        sim::SimulatedServer server(clock);
+        sim::LoadScenario(server, "/scenario.json");
+        g_failing = *server.Ops();
+        g_failing.open = [](void* context, const char* path, int flags) {
+            const bool memory = std::strcmp(path, "/dev/mem") == 0;
+            if (memory && g_opensLeft == 0) return -1;
+            if (memory) --g_opensLeft;
+            return static_cast<sim::SimulatedServer*>(context)->Ops()->open(context, path, flags);
+        };
+        g_opensLeft = 3;  // entry point, table, the structure of type 1; none for type 127
+        KvSetDeviceOps(&g_failing);
+        EXPECT_EQ(0, InitLib());
+        KVPS_DEVICE_ID id{};
+        EXPECT_EQ(0u, KvPsGetDeviceId(&id));
+        EXPECT_LT(0u, server.GetBmc().Count(sim::netfn::kStorage, 0x10)) << "a blade's adapters are in its FRU";
+        TerminateLib();
+        g_opensLeft = 99;
+        SetTerminateProcess();
+        EXPECT_EQ(0x6000B10Du, static_cast<uint32_t>(InitLib()));
+        KvSetDeviceOps(nullptr);
     });
 }
 
