@@ -62,9 +62,17 @@ std::string LanguageText(Bytes bytes, uint8_t language) {
     return text;
 }
 
-std::string PackedText(Bytes bytes, unsigned bits, void (*convert)(const uint8_t*, uint32_t, char*)) {
-    std::string text(bytes.size() * 8 / bits, '\0');
-    convert(bytes.data(), static_cast<uint32_t>(text.size()), text.data());
+/// Two digits a byte. The high one comes first here, the low one in the names of sensors.
+std::string BcdPlusText(Bytes bytes) {
+    std::string text;
+    for (const uint8_t byte : bytes)
+        text.append({ktx_ipmi::kBcdPlusDigits[byte >> 4], ktx_ipmi::kBcdPlusDigits[byte & 0x0F]});
+    return text;
+}
+
+std::string SixBitText(Bytes bytes) {
+    std::string text(bytes.size() * 8 / 6, '\0');
+    ktx_ipmi::Convert6BitAsciiToAscii(bytes.data(), static_cast<uint32_t>(text.size()), text.data());
     return text;
 }
 
@@ -74,10 +82,10 @@ std::string FieldText(uint8_t typeLength, Bytes bytes, uint8_t language) {
         case ktx_ipmi::kUnicode:
             return HexBytes(bytes);  // in a FRU image the first coding is for what is no text
         case ktx_ipmi::kBcdPlus:
-            text = PackedText(bytes, ktx_ipmi::BitsPerIdCharacter(typeLength), ktx_ipmi::ConvertBcdPlusToAscii);
+            text = BcdPlusText(bytes);
             break;
         case ktx_ipmi::kSixBit:
-            text = PackedText(bytes, ktx_ipmi::BitsPerIdCharacter(typeLength), ktx_ipmi::Convert6BitAsciiToAscii);
+            text = SixBitText(bytes);
             break;
         default:
             text = LanguageText(bytes, language);

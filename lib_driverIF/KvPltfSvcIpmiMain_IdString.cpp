@@ -66,7 +66,7 @@ void GetIdString(const uint8_t* typeLength, char* out, uint32_t size) {
 }
 
 void ConvertBcdPlusToAscii(const uint8_t* packed, uint32_t length, char* out) {
-    ConvertString(packed, length, 4, "0123456789 -.:,_", out);
+    ConvertString(packed, length, 4, kBcdPlusDigits, out);
 }
 
 void Convert6BitAsciiToAscii(const uint8_t* packed, uint32_t length, char* out) {

@@ -10,6 +10,8 @@ namespace ktx_ipmi {
 
 /// Coding of a text: bits 6 and 7 of its type/length byte.
 enum IdCoding : uint8_t { kUnicode = 0, kBcdPlus = 1, kSixBit = 2, kEightBit = 3 };
+/// The characters of BCD plus, by their codes.
+inline constexpr std::string_view kBcdPlusDigits = "0123456789 -.:,_";
 inline constexpr uint8_t kIdLengthBits = 0x1F;  ///< of the type/length byte in a sensor record: characters
 
 /// Bits that a character takes in the coding of a type/length byte.

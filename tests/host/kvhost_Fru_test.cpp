@@ -64,7 +64,7 @@ TEST(FruImage, EveryAreaWithItsFields) {
 TEST(FruImage, TextsInEveryCoding) {
     using Case = std::tuple<const char*, uint8_t, Bytes, const char*>;
     for (const auto& [what, language, field, text] :
-         {Case{"no text", 25, {0x02, 0xAB, 0x01}, "ab 01"}, Case{"BCD plus", 25, {0x42, 0x21, 0xB3}, "123-"},
+         {Case{"no text", 25, {0x02, 0xAB, 0x01}, "ab 01"}, Case{"BCD plus", 25, {0x42, 0x12, 0x3B}, "123-"},
           Case{"6-bit ASCII", 25, {0x83, 0x29, 0xDC, 0xA6}, "IPMI"},
           Case{"Latin-1", 25, {0xC3, 'R', 0xE9, ' '}, "R\u00e9"},
           Case{"two bytes a character", 0x11, {0xC4, 0x63, 0x6B, 0x38, 0x5E}, "\u6b63\u5e38"},
