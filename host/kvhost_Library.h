@@ -18,6 +18,7 @@
 #include "libplatform/PXR_message.h"
 #include "libplatform/PXR_trace.h"
 #include "libplatform/platform_if.h"
+#include "libplatform/smbios_ioctl.h"
 
 namespace kvhost {
 
@@ -43,6 +44,7 @@ namespace kvhost {
     X(KvPsGetStructureHeader)      \
     X(KvPsGetTypeData)             \
     X(KvPsFreeTypeData)            \
+    X(smbios_ioctl)                \
     X(KvPsGetAllSdrData)           \
     X(KvPsGetSensorDataList)       \
     X(KvPsGetFruInventoryAreaSize) \

@@ -1,3 +1,5 @@
+// Views of the machine below the classes: the BMC and the SMBIOS structures.
+
 #include "host/kvhost_Machine.h"
 
 #include <algorithm>
@@ -37,6 +39,10 @@ Json BmcFields(const KVPS_DEVICE_ID& id, const KVPS_IPMI_INTERFACE& registers) {
     fields["manufacturer id"] = Hex(LittleEndian(id.manufacturerId), 6);
     fields["product id"] = Hex(LittleEndian(id.productId), 4);
     fields["slave address"] = Hex(registers.slaveAddress, 2);
+    if (registers.type == KVPS_INTERFACE_NONE) {
+        fields["interface"] = "other";
+        return fields;
+    }
     fields["interface"] = registers.type == KVPS_INTERFACE_KCS ? "KCS" : "SMIC";
     fields["registers"] = Hex(registers.dataRegister, 4) + ' ' + Hex(registers.statusRegister, 4);
     if (registers.segment != 0) fields["segment"] = Hex(registers.segment, 8);
@@ -54,26 +60,69 @@ struct Structure {
     std::vector<std::string> strings;
 };
 
-Structure Read(const KVPS_SMBIOS_TPHEAD& record) {
-    const auto* bytes = reinterpret_cast<const uint8_t*>(&record) + offsetof(KVPS_SMBIOS_TPHEAD, type);
-    const size_t size = record.dataSize - offsetof(KVPS_SMBIOS_TPHEAD, type);
-    return {record.type, record.handle, size, StringsOf({bytes, size}, record.length)};
+/// @param bytes  a whole structure, its header at least
+Structure Read(std::span<const uint8_t> bytes) {
+    return {bytes[0], LittleEndian(bytes.subspan(2, 2)), bytes.size(), StringsOf(bytes, bytes[1])};
 }
 
-std::vector<Structure> ReadStructures(const Library& library, const std::vector<unsigned>& types) {
-    unsigned long count = 0;
-    KVPS_SMBIOS_TPHEAD** records = nullptr;
-    library.Check(library.KvPsGetTypeData(KVPS_SMBIOS_ALL_TYPES, &count, &records));
-    const std::unique_ptr<KVPS_SMBIOS_TPHEAD*[], decltype(library.KvPsFreeTypeData)> owner(records,
-                                                                                           library.KvPsFreeTypeData);
-    std::vector<Structure> structures;
-    for (unsigned long i = 0; i < count; ++i) {
-        if (types.empty() || std::ranges::find(types, records[i]->type) != types.end()) {
-            structures.push_back(Read(*records[i]));
+class StructureReader {
+public:
+    StructureReader(const Library& library, const std::vector<unsigned>& types) : library_(library), types_(types) {}
+
+    std::vector<Structure> All() {
+        ReadCopied();
+        for (unsigned type = KVPS_SMBIOS_TYPES; type <= UINT8_MAX; ++type) {
+            if (IsWanted(type)) ReadVendors(static_cast<uint16_t>(type));
+        }
+        return std::move(structures_);
+    }
+
+private:
+    bool IsWanted(unsigned type) const { return types_.empty() || std::ranges::find(types_, type) != types_.end(); }
+
+    void ReadCopied() {
+        unsigned long count = 0;
+        KVPS_SMBIOS_TPHEAD** records = nullptr;
+        library_.Check(library_.KvPsGetTypeData(KVPS_SMBIOS_ALL_TYPES, &count, &records));
+        const std::unique_ptr<KVPS_SMBIOS_TPHEAD*[], decltype(library_.KvPsFreeTypeData)> owner(
+            records, library_.KvPsFreeTypeData);
+        for (const KVPS_SMBIOS_TPHEAD* record : std::span(records, count)) {
+            const auto* const bytes = reinterpret_cast<const uint8_t*>(&record->type);
+            const size_t size = record->dataSize - offsetof(KVPS_SMBIOS_TPHEAD, type);
+            if (IsWanted(record->type)) structures_.push_back(Read({bytes, size}));
         }
     }
-    return structures;
-}
+
+    /// The vendor's own types are not in the library's copy; its table reader has them.
+    void ReadVendors(uint16_t type) {
+        uint32_t count = 0;
+        Ask(type, 0, &count, sizeof count);
+        for (uint32_t index = 1; index <= std::min<uint32_t>(count, UINT16_MAX); ++index) {
+            std::vector<uint8_t> bytes(Ask(type, index, nullptr, 0));
+            Ask(type, index, bytes.data(), bytes.size());
+            structures_.push_back(Read(bytes));
+        }
+    }
+
+    /// @param index  0: for the number of structures of the type
+    /// @return the size of what was asked for
+    size_t Ask(uint16_t type, uint32_t index, void* buffer, size_t size) const {
+        smbios_gettable_block block{};
+        block.mode = SMBIOS_TABLE_BY_INDEX;
+        block.type = type;
+        block.index = static_cast<uint16_t>(index);
+        block.buffer = buffer;
+        block.size = static_cast<uint32_t>(size);
+        if (library_.smbios_ioctl(SMBIOS_GETTABLE, &block) != 0) {
+            throw std::runtime_error("the structures of type " + std::to_string(type) + " cannot be read");
+        }
+        return block.size;
+    }
+
+    const Library& library_;
+    const std::vector<unsigned>& types_;
+    std::vector<Structure> structures_;
+};
 
 Json ToJson(const Structure& structure) {
     Json strings = Json::array();
@@ -121,7 +170,10 @@ void ShowBmc(const Library& library, std::ostream& out, bool json) {
 }
 
 void ShowSmbios(const Library& library, const std::vector<unsigned>& types, std::ostream& out, bool json) {
-    const std::vector<Structure> structures = ReadStructures(library, types);
+    KVPS_SMBIOS_HEAD head{};
+    library.KvPsGetStructureHeader(&head);
+    if (head.length == 0) throw std::runtime_error("the firmware's table was not found");
+    const std::vector<Structure> structures = StructureReader(library, types).All();
     if (!json) {
         for (const Structure& structure : structures)
             Print(structure, out);

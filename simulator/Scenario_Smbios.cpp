@@ -208,7 +208,7 @@ void ApplySmbios(SimulatedServer& server, ScenarioNode node) {
     for (const ScenarioNode& each : node.List("raw")) {
         Bytes bytes;
         each.Read(bytes);
-        image.AddRaw(bytes);
+        image.AddStructures(bytes);
     }
     image.AddEndOfTable();
     node.Done();

@@ -83,6 +83,19 @@ void SmbiosImage::AddRaw(const Bytes& bytes, uint16_t structures) {
     table_.insert(table_.end(), bytes.begin(), bytes.end());
     count_ = static_cast<uint16_t>(count_ + structures);
     largest_ = std::max(largest_, bytes.size());
+    if (!bytes.empty()) lastType_ = bytes[0];
+}
+
+void SmbiosImage::AddStructures(const Bytes& bytes) {
+    constexpr uint8_t kEnd[] = {0, 0};
+    for (auto begin = bytes.begin(); begin != bytes.end();) {
+        const auto rest = bytes.end() - begin;
+        const auto formatted = std::min<ptrdiff_t>(rest > 1 ? begin[1] : rest, rest);
+        const auto strings = std::search(begin + formatted, bytes.end(), std::begin(kEnd), std::end(kEnd));
+        const auto end = strings != bytes.end() ? strings + sizeof kEnd : strings;
+        AddRaw({begin, end});
+        begin = end;
+    }
 }
 
 uint16_t SmbiosImage::Add(const SmbiosBios& bios) {
@@ -262,7 +275,8 @@ uint16_t SmbiosImage::Add(const SmbiosIpmiDevice& device) {
 }
 
 void SmbiosImage::AddEndOfTable() {
-    Add(SmbiosStructure(127, NextHandle(127), 4));
+    constexpr uint8_t kEndOfTable = 127;
+    if (lastType_ != kEndOfTable) Add(SmbiosStructure(127, NextHandle(127), 4));
 }
 
 Bytes SmbiosImage::EntryPoint() const {

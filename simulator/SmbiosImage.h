@@ -210,7 +210,9 @@ public:
     void Add(const SmbiosStructure& structure);
     /// Adds bytes as they are. @param structures  by how many the entry point's count grows
     void AddRaw(const Bytes& bytes, uint16_t structures = 1);
-    /// Type 127, the last structure of a table.
+    /// Adds the structures that lie one behind the other in the bytes: one, or a whole table.
+    void AddStructures(const Bytes& bytes);
+    /// Type 127, the last structure of a table; unless one is there.
     void AddEndOfTable();
 
     /// The structures one after the other.
@@ -227,6 +229,7 @@ private:
 
     Bytes table_;
     uint16_t count_ = 0;
+    uint8_t lastType_ = 0;
     size_t largest_ = 0;
     std::map<uint8_t, uint16_t> perType_;
 };

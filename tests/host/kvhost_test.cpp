@@ -2,6 +2,7 @@
 /// kvhost: how it names, shows and lays out what a plug-in answers, and the program itself in a machine root.
 
 #include <gmock/gmock.h>
+#include <sys/mount.h>
 
 #include <algorithm>
 #include <tuple>
@@ -203,6 +204,27 @@ TEST_F(Kvhost, ShowsTheMachineBelowTheClasses) {
     EXPECT_EQ(1, structures[0]["type"]);
     EXPECT_EQ("Velmora", structures[0]["strings"][0]);
     EXPECT_EQ(17, structures.back()["type"]);
+}
+
+TEST_F(Kvhost, ShowsEveryStructureOfATableAndTellsWhenThereIsNone) {
+    UseMachine(R"({"smbios": {"raw": ["01 04 01 00 00 00  C8 05 02 C8 01 41 00 00  26 10 03 00 03 20 00 FF )"
+               R"(00 00 00 00 00 00 00 00 00 00  7F 04 04 00 00 00"]}})");
+    std::string shown;
+    for (const auto& structure : Json("smbios"))
+        shown += structure["type"].dump() + structure["strings"].dump() + ' ';
+    EXPECT_EQ("1[] 38[] 127[] 200[\"A\"] ", shown);
+    EXPECT_EQ(1u, Json("smbios 200 201").size());
+    EXPECT_EQ("other", Json("bmc")["interface"]) << "BT";
+
+    UseMachine("{}");
+    const int status = root_.Run([] {
+        umount2("/sys", MNT_DETACH);  // the kernel has its own copy of the firmware's table
+        const char* const command = "/opt/velmora/lantrel/bin/kvhost --machine sim:/machine.json smbios 2>/output";
+        execl("/bin/sh", "sh", "-c", command, nullptr);
+        return 127;
+    });
+    EXPECT_EQ(1, status);
+    EXPECT_THAT(root_.ReadFile("/output"), testing::EndsWith("kvhost: the firmware's table was not found\n"));
 }
 
 TEST_F(Kvhost, AMachineWithoutFirmwareStillHasItsKernelsLists) {
