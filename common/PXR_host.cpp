@@ -1,3 +1,5 @@
+// The host agent as the library sees it.
+
 #include "common/PXR_host.h"
 
 #pragma weak IsLPARAgent
@@ -20,6 +22,7 @@ namespace {
 // The settings of a board on which nothing was configured.
 constexpr std::array<uint32_t, 7> kDefaultBmcFunctions{1, 5, 0, 0, 10, 0, 10};
 constexpr size_t kWatchdogRecordOffset = 168;
+constexpr int kQuery = 1;  // the mode of a request, as in our own PXR_ExecCommand
 
 }  // namespace
 
@@ -36,7 +39,7 @@ void WriteLogFile(_KVCIM_ENUM* alerts) {
 }
 
 bool FillFromProviders(_KVCIM_ENUM* e) {
-    return &PXR_DispatchForGetInfo != nullptr && PXR_DispatchForGetInfo(e) == 0;
+    return &PXR_DispatchForGetInfo != nullptr && PXR_DispatchForGetInfo(e, nullptr, kQuery) == 0;
 }
 
 uint16_t RegisterSpacing(uint16_t fromFirmware) {

@@ -20,8 +20,9 @@ int PXR_SendPacket(_KVCIM_ENUM* alerts, int reserved);
 /// Writes an enumeration of alert records to the agent's log. Absent: not written.
 int PXR_ExecCommand_LogFile(_KVCIM_ENUM* alerts, void* param, int reserved);
 
-/// Fills an enumeration from the agent's own providers (used for class 39). Absent: nothing is filled in.
-int PXR_DispatchForGetInfo(_KVCIM_ENUM* e);
+/// Fills an enumeration from the agent's own providers (used for class 39), as PXR_ExecCommand does from ours; param is
+/// null, mode 1. Absent: nothing is filled in.
+int PXR_DispatchForGetInfo(_KVCIM_ENUM* e, void* param, int mode);
 
 /// May replace the distance, in bytes, between the BMC's registers. Absent: unchanged.
 void GetIPMIRegSpace(uint16_t* spacing);

@@ -2,7 +2,9 @@
 /// @file
 /// The pattern that all class builders share.
 
+#include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "common/PXR_result.h"
 #include "libplatform/PXR_data_access.h"
@@ -46,20 +48,50 @@ uint32_t AppendInstance(_KVCIM_ENUM* e, int classId, uint32_t function, Fill fil
     return fill(properties);
 }
 
-/// Appends one instance per record; a request yields all instances or none.
-/// @param records  a range of records
-/// @param fill     uint32_t(PropertyWriter&, const Record&)
-template <typename Records, typename Fill>
-uint32_t AppendInstances(_KVCIM_ENUM* e, int classId, uint32_t function, const Records& records, Fill fill) {
-    for (const auto& record : records) {
-        const auto fillOne = [&](PropertyWriter& properties) { return fill(properties, record); };
-        if (const uint32_t rc = AppendInstance(e, classId, function, fillOne)) return rc;
-    }
-    return 0;
-}
-
-/// Ends a builder: empties the enumeration after a failure.
+/// Ends a builder: a request yields all instances or none.
 inline uint32_t AllOrNone(_KVCIM_ENUM* e, uint32_t result) {
     if (result != 0) FreeEnumContents(e);
     return result;
+}
+
+/// Where records come from, and how they go.
+template <typename Record>
+struct RecordSource {
+    uint32_t (*get)(int* count, Record** list);
+    void (*release)(Record* list, int count);
+};
+
+/// The records of a source, for a scope.
+template <typename Record>
+class Records {
+public:
+    explicit Records(const RecordSource<Record>& source) : source_(source), result_(source.get(&count_, &list_)) {}
+    ~Records() { source_.release(list_, count_); }
+    Records(const Records&) = delete;
+    Records& operator=(const Records&) = delete;
+
+    /// What the source gave.
+    uint32_t Result() const { return result_; }
+    std::span<const Record> All() const { return {list_, static_cast<size_t>(count_)}; }
+
+private:
+    const RecordSource<Record>& source_;
+    Record* list_ = nullptr;
+    int count_ = 0;
+    uint32_t result_;
+};
+
+/// A builder of one instance per record: fetches, appends, releases.
+/// @param fill  uint32_t(PropertyWriter&, const Record&)
+template <typename Record, typename Fill>
+uint32_t BuildFromRecords(_KVCIM_ENUM* e, int classId, uint32_t function, const RecordSource<Record>& source,
+                          Fill fill) {
+    const Records<Record> records(source);
+    uint32_t result = records.Result();
+    for (const Record& record : records.All()) {
+        if (result != 0) break;
+        result =
+            AppendInstance(e, classId, function, [&](PropertyWriter& properties) { return fill(properties, record); });
+    }
+    return AllOrNone(e, result);
 }

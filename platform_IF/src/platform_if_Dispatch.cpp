@@ -38,6 +38,6 @@ uint32_t ExecuteCommand(_KVCIM_ENUM* e) {
     if (command == nullptr || command->value == nullptr) {
         return PXR_ReportError(MakeResult(fn::kExecuteCommand, Reason::NullArgument));
     }
-    // Power control joins here; until then no command number is known, and a host that asks for one is told so.
+    // No command is carried out, and a host that asks for one is told so.
     return PXR_ReportError(MakeResult(fn::kExecuteCommand, Reason::BadArgument));
 }

@@ -1,3 +1,5 @@
+// The watch configuration that the host hands over.
+
 #include "platform_IF/src/watch_config.h"
 
 #include <mutex>
@@ -20,15 +22,11 @@ void Replace(CurrentWatch<Watch>& kept, Watch watch) {
 }
 
 template <typename Watch>
-CurrentWatch<Watch> Copy(const CurrentWatch<Watch>& kept) {
+CurrentWatch<Watch> Take(CurrentWatch<Watch>& kept) {
     const std::lock_guard lock(g_configMutex);
-    return kept;
-}
-
-template <typename Watch>
-void Clear(CurrentWatch<Watch>& kept) {
-    const std::lock_guard lock(g_configMutex);
+    CurrentWatch<Watch> taken = kept;
     kept.refresh = false;
+    return taken;
 }
 
 FileSystemWatch CopyOf(const PXR_strage_watch& watch) {
@@ -65,27 +63,19 @@ void SetSyslogDogAlertConfig(const PXR_syslog_watch* watch) {
     g_syslog = watch != nullptr ? *watch : PXR_syslog_watch{};
 }
 
-CurrentWatch<PXR_memory_watch> GetMemAlertConfig() {
-    return Copy(g_memory);
+CurrentWatch<PXR_memory_watch> TakeMemAlertConfig() {
+    return Take(g_memory);
 }
-CurrentWatch<FileSystemWatch> GetFSAlertConfig() {
-    return Copy(g_fileSystems);
+
+CurrentWatch<FileSystemWatch> TakeFSAlertConfig() {
+    return Take(g_fileSystems);
 }
-CurrentWatch<PXR_cpu_watch> GetCpuAlertConfig() {
-    return Copy(g_cpu);
+
+CurrentWatch<PXR_cpu_watch> TakeCpuAlertConfig() {
+    return Take(g_cpu);
 }
 
 PXR_syslog_watch GetSyslogDogAlertConfig() {
     const std::lock_guard lock(g_configMutex);
     return g_syslog;
-}
-
-void ClearMemRefresh() {
-    Clear(g_memory);
-}
-void ClearFSRefresh() {
-    Clear(g_fileSystems);
-}
-void ClearCpuRefresh() {
-    Clear(g_cpu);
 }

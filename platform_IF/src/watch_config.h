@@ -29,18 +29,17 @@ bool SetFSAlertConfig(const PXR_strage_watch* watch);
 void SetCpuAlertConfig(const PXR_cpu_watch* watch);
 void SetSyslogDogAlertConfig(const PXR_syslog_watch* watch);
 
-/// What a watcher works by: its settings, and whether they were replaced since ClearRefresh.
+/// What a watcher works by: its settings, and whether they were replaced since it last took them.
 template <typename Watch>
 struct CurrentWatch {
     Watch watch{};
     bool refresh = false;
 };
 
-CurrentWatch<PXR_memory_watch> GetMemAlertConfig();
-CurrentWatch<FileSystemWatch> GetFSAlertConfig();
-CurrentWatch<PXR_cpu_watch> GetCpuAlertConfig();
+// Each watcher takes its own at the beginning of a pass. Copying and lowering the flag are one step: settings that come
+// during the pass are news to the next one.
+CurrentWatch<PXR_memory_watch> TakeMemAlertConfig();
+/// @throws std::bad_alloc; the flag stays up
+CurrentWatch<FileSystemWatch> TakeFSAlertConfig();
+CurrentWatch<PXR_cpu_watch> TakeCpuAlertConfig();
 PXR_syslog_watch GetSyslogDogAlertConfig();
-
-void ClearMemRefresh();
-void ClearFSRefresh();
-void ClearCpuRefresh();
