@@ -77,13 +77,11 @@ int ReceiveBridged(uint8_t sequence, uint8_t* buffer, uint32_t* responseLength) 
 
 }  // namespace
 
-int ipmb_create_send_message(uint8_t target, const uint8_t* request, uint32_t length, uint8_t* out, uint32_t capacity,
-                             uint32_t* outLength, uint8_t* sequence) {
+int ipmb_create_send_message(uint8_t target, uint8_t sequence, const uint8_t* request, uint32_t length, uint8_t* out,
+                             uint32_t capacity, uint32_t* outLength) {
     IpmiCallTrace trace(__func__);
     if (length < kShortestRequest || length > kIpmiMaxMessage) return trace.Fail(kGeneralFailure);
     if (length + kBridgeOverhead > capacity) return trace.Fail(kNoBufferSpace);
-    *sequence = ipmb_seq_reserve();
-    if (*sequence == kIpmbNoSequence) return trace.Fail(kNoSequence);
 
     out[0] = kNetFnAppRequest;
     out[1] = kCommandSendMessage;
@@ -92,7 +90,7 @@ int ipmb_create_send_message(uint8_t target, const uint8_t* request, uint32_t le
     out[4] = request[0];
     out[5] = Checksum(out + 3, 2);
     out[6] = IPMI_SLAVE_ADDR;
-    out[7] = static_cast<uint8_t>(*sequence | kRequesterLun);
+    out[7] = static_cast<uint8_t>(sequence | kRequesterLun);
     memcpy(out + 8, request + 1, length - 1);
     out[length + 7] = Checksum(out + 6, length + 1);
     *outLength = length + kBridgeOverhead;
@@ -118,17 +116,17 @@ int ipmb_message(uint8_t target, uint8_t* buffer, uint32_t length, uint32_t* res
     IpmbRequestEntry* const entry = ipmb_reqq_reserve();
     if (entry == nullptr) return trace.Fail(kNoMemory);
 
-    uint8_t message[kIpmiMaxMessage];
-    uint32_t messageLength = 0;
-    uint8_t sequence = kIpmbNoSequence;
-    int error = ipmb_create_send_message(target, buffer, length, message, sizeof message, &messageLength, &sequence);
-    if (error != 0) {
+    const uint8_t sequence = ipmb_reqq_push(entry, {.target = target, .command = buffer[1]});
+    if (sequence == kIpmbNoSequence) {
         ipmb_reqq_release(entry);
-        return trace.Out(error);
+        return trace.Fail(kNoSequence);
     }
-    ipmb_reqq_push(entry, sequence, target, buffer[1]);
     Place place(entry);
 
+    uint8_t message[kIpmiMaxMessage];
+    uint32_t messageLength = 0;
+    int error = ipmb_create_send_message(target, sequence, buffer, length, message, sizeof message, &messageLength);
+    if (error != 0) return trace.Out(error);
     uint32_t sentLength = sizeof message;
     error = ipmi_message(message, messageLength, &sentLength, status);
     if (error != 0 || *status != 0) return trace.Out(error);

@@ -1,9 +1,9 @@
 // Requesters of bridged messages wait here for their responses, which one thread fetches from the BMC while any is
 // outstanding.
 //
-// g_queueMutex guards the queue, the free list, the sequence numbers and the timer thread's flags; the arrival of a
-// response is guarded by its entry's mutex, always taken after g_queueMutex. Requests, the interface's registers and
-// other modules are never reached with either held.
+// The queue's mutex guards the queue, the free list, the sequence numbers and the timer thread's flags; the arrival of a
+// response is guarded by its entry's mutex, always taken second. Requests, the interface's registers and other modules
+// are never reached with either held.
 
 #include <pthread.h>
 #include <signal.h>
@@ -71,7 +71,32 @@ uint64_t SequenceBit(uint8_t sequence) {
     return uint64_t{1} << (sequence >> 2);
 }
 
-/// The caller holds the queue's mutex. With the last number the timer thread's look at the registers ends.
+// ---- With the queue's mutex held. ----
+
+IpmbRequestEntry* FindBySequence(uint8_t sequence) {
+    IpmbRequestEntry* entry = ipmb_req_queue;
+    while (entry != nullptr && entry->sequence != sequence)
+        entry = entry->next;
+    return entry;
+}
+
+/// @return number << 2; kIpmbNoSequence when all are in use
+uint8_t ReserveNumber() {
+    for (int tried = 0; tried < kSequences; ++tried) {
+        const uint8_t number = ipmb_seq_reserve_now_seq;
+        ipmb_seq_reserve_now_seq = static_cast<uint8_t>((number + 1) % kSequences);
+        const auto sequence = static_cast<uint8_t>(number << 2);
+        // A response releases its number before the requester has left the queue.
+        if ((ipmb_seq_flags & SequenceBit(sequence)) == 0 && FindBySequence(sequence) == nullptr) {
+            ipmb_seq_flags |= SequenceBit(sequence);
+            return sequence;
+        }
+    }
+    return kIpmbNoSequence;
+}
+
+/// With the last number the timer thread's look at the registers becomes pointless. It takes the flag back itself, under
+/// the mutex, before it looks whether there is a number again: none can come in between.
 void ReleaseNumber(uint8_t sequence) {
     ipmb_seq_flags &= ~SequenceBit(sequence);
     if (ipmb_seq_flags == 0 && g_queue.threadStarted) g_ipmbAttentionUnwanted = true;
@@ -91,22 +116,32 @@ void Unlink(IpmbRequestEntry* entry) {
     if (entry->next != nullptr) entry->next->previous = entry->previous;
 }
 
+IpmbRequestEntry* TakeFree() {
+    if (ipmb_reqqent_free == nullptr && !AddEntries()) return nullptr;
+    return std::exchange(ipmb_reqqent_free, ipmb_reqqent_free->next);
+}
+
 void PutBack(IpmbRequestEntry* entry) {
     entry->next = std::exchange(ipmb_reqqent_free, entry);
 }
 
-IpmbRequestEntry* FindBySequence(uint8_t sequence) {
-    IpmbRequestEntry* entry = ipmb_req_queue;
-    while (entry != nullptr && entry->sequence != sequence)
-        entry = entry->next;
-    return entry;
+void Link(IpmbRequestEntry* entry, uint8_t sequence, const IpmbExpected& expected) {
+    {
+        const std::lock_guard entryLock(entry->mutex);
+        entry->received = 0;
+    }
+    entry->sequence = sequence;
+    entry->expected = expected;
+    entry->previous = nullptr;
+    entry->next = std::exchange(ipmb_req_queue, entry);
+    if (entry->next != nullptr) entry->next->previous = entry;
+    g_queue.work.notify_one();
 }
 
-/// A late answer may carry a number that somebody else has by now; responder and command tell.
-bool IsAnswerTo(const IpmbRequestEntry& entry, const uint8_t* message, uint32_t length) {
-    if (entry.anyResponder) return true;
-    return length > kOffsetCommand && message[kOffsetResponder] == entry.target &&
-           message[kOffsetCommand] == entry.command;
+bool IsAnswerTo(const IpmbExpected& expected, const uint8_t* message, uint32_t length) {
+    if (expected.anyone) return true;
+    return length > kOffsetCommand && message[kOffsetResponder] == expected.target &&
+           message[kOffsetCommand] == expected.command;
 }
 
 void Deliver(IpmbRequestEntry& entry, const uint8_t* message, uint32_t length) {
@@ -116,12 +151,25 @@ void Deliver(IpmbRequestEntry& entry, const uint8_t* message, uint32_t length) {
     entry.arrived.notify_one();
 }
 
+// ---- Without it. ----
+
+/// The entry under a number; a new one that takes anyone's answer when there is none.
+IpmbRequestEntry* FindOrLink(uint8_t sequence) {
+    const std::lock_guard lock(g_queue.mutex);
+    if (IpmbRequestEntry* const entry = FindBySequence(sequence)) return entry;
+    IpmbRequestEntry* const entry = TakeFree();
+    if (entry == nullptr) return nullptr;
+    ipmb_seq_flags |= SequenceBit(sequence);  // a stray answer may have released it just now
+    Link(entry, sequence, {.target = 0, .command = 0, .anyone = true});
+    return entry;
+}
+
 bool IsResponseUnderWay() {
     return g_receiving || IPMI_SMSFLAG.load()(1) == 1;
 }
 
-/// Waits for the response until the deadline, and a little longer while one is being fetched: as long again at most,
-/// so that attention that never ends does not hold the requester for ever.
+/// Waits for the response. At the deadline the wait is over unless a response is being fetched, or wants to be: then it
+/// goes on in small steps, but not past the latest moment, so that attention which never ends holds nobody for ever.
 void WaitForResponse(IpmbRequestEntry& entry) {
     const uint64_t timeout = uint64_t{ipmi_param[kParamIpmbTimeout]} * 1000;
     uint64_t deadline = Clock().Now() + timeout;
@@ -191,19 +239,9 @@ int StartThread() {
 uint8_t ipmb_seq_reserve() {
     IpmiCallTrace trace(__func__);
     const std::lock_guard lock(g_queue.mutex);
-    for (int tried = 0; tried < kSequences; ++tried) {
-        const uint8_t number = ipmb_seq_reserve_now_seq;
-        ipmb_seq_reserve_now_seq = static_cast<uint8_t>((number + 1) % kSequences);
-        const auto sequence = static_cast<uint8_t>(number << 2);
-        // A response releases its number before the requester has left the queue.
-        if ((ipmb_seq_flags & SequenceBit(sequence)) == 0 && FindBySequence(sequence) == nullptr) {
-            ipmb_seq_flags |= SequenceBit(sequence);
-            trace.Out(sequence);
-            return sequence;
-        }
-    }
-    trace.Out(kIpmbNoSequence);
-    return kIpmbNoSequence;
+    const uint8_t sequence = ReserveNumber();
+    trace.Out(sequence);
+    return sequence;
 }
 
 void ipmb_seq_release(uint8_t sequence) {
@@ -221,8 +259,7 @@ int ipmb_seq_check() {
 IpmbRequestEntry* ipmb_reqq_reserve() {
     const IpmiCallTrace trace(__func__);
     const std::lock_guard lock(g_queue.mutex);
-    if (ipmb_reqqent_free == nullptr && !AddEntries()) return nullptr;
-    return std::exchange(ipmb_reqqent_free, ipmb_reqqent_free->next);
+    return TakeFree();
 }
 
 void ipmb_reqq_release(IpmbRequestEntry* entry) {
@@ -231,21 +268,11 @@ void ipmb_reqq_release(IpmbRequestEntry* entry) {
     PutBack(entry);
 }
 
-void ipmb_reqq_push(IpmbRequestEntry* entry, uint8_t sequence, uint8_t target, uint8_t command) {
+uint8_t ipmb_reqq_push(IpmbRequestEntry* entry, const IpmbExpected& expected) {
     const std::lock_guard lock(g_queue.mutex);
-    {
-        const std::lock_guard entryLock(entry->mutex);
-        entry->received = 0;
-    }
-    entry->sequence = sequence;
-    entry->target = target;
-    entry->command = command;
-    entry->anyResponder = false;
-    entry->previous = nullptr;
-    entry->next = std::exchange(ipmb_req_queue, entry);
-    if (entry->next != nullptr) entry->next->previous = entry;
-    ipmb_seq_flags |= SequenceBit(sequence);  // a stray answer may have released it just now
-    g_queue.work.notify_one();
+    const uint8_t sequence = ReserveNumber();
+    if (sequence != kIpmbNoSequence) Link(entry, sequence, expected);
+    return sequence;
 }
 
 void ipmb_reqq_cancel(IpmbRequestEntry* entry) {
@@ -255,18 +282,8 @@ void ipmb_reqq_cancel(IpmbRequestEntry* entry) {
 
 int ipmb_reqq_enq(uint8_t sequence, uint8_t* buffer, uint32_t* length) {
     IpmiCallTrace trace(__func__);
-    IpmbRequestEntry* entry = nullptr;
-    {
-        const std::lock_guard lock(g_queue.mutex);
-        entry = FindBySequence(sequence);
-    }
-    if (entry == nullptr) {
-        entry = ipmb_reqq_reserve();
-        if (entry == nullptr) return trace.Fail(kNoMemory);
-        ipmb_reqq_push(entry, sequence, 0, 0);
-        const std::lock_guard lock(g_queue.mutex);
-        entry->anyResponder = true;
-    }
+    IpmbRequestEntry* const entry = FindOrLink(sequence);
+    if (entry == nullptr) return trace.Fail(kNoMemory);
     WaitForResponse(*entry);
     const uint32_t received = TakeOut(*entry);
     if (received != 0) {
@@ -285,7 +302,7 @@ void ipmb_reqq_deq(const uint8_t* message, uint32_t length) {
     {
         const std::lock_guard lock(g_queue.mutex);
         IpmbRequestEntry* const entry = FindBySequence(sequence);
-        const bool answers = entry != nullptr && IsAnswerTo(*entry, message, length);
+        const bool answers = entry != nullptr && IsAnswerTo(entry->expected, message, length);
         if (answers) Deliver(*entry, message, length);
         // While somebody waits under the number for another answer it stays his.
         if (answers || entry == nullptr) ReleaseNumber(sequence);

@@ -62,8 +62,7 @@ void Bridge(const uint8_t* data, uint32_t size) {
         Require(length == received - 7, "the response is the message without its header");
     }
 
-    const uint8_t sequence = ipmb_seq_reserve();
-    ipmb_reqq_push(ipmb_reqq_reserve(), sequence, 0x24, 0x01);
+    const uint8_t sequence = ipmb_reqq_push(ipmb_reqq_reserve(), {0x24, 0x01});
     ipmb_reqq_deq(message.data(), received);
     length = 16;
     const int result = ipmb_reqq_enq(sequence, out.data(), &length);

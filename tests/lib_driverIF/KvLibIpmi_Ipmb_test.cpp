@@ -87,16 +87,11 @@ TEST_F(IpmbTest, BridgesAMessage) {
 TEST_F(IpmbTest, SendMessageLayout) {
     const Bytes request = {0x28, 0x2D, 0x30};
     uint8_t out[12];
-    uint8_t sequence = 0;
-    ipmb_seq_release(ipmb_seq_reserve());
-    ASSERT_EQ(0, ipmb_create_send_message(0x24, request.data(), 3, out, 11, &length, &sequence));
-    EXPECT_EQ(sequence, out[7] & 0xFC);
-    const auto last = static_cast<uint8_t>(sequence | 2);
-    const auto sum = static_cast<uint8_t>(-(0x20 + last + 0x2D + 0x30));
-    EXPECT_EQ((Bytes{0x18, 0x34, 0x00, 0x24, 0x28, 0xB4, 0x20, last, 0x2D, 0x30, sum}), Bytes(out, out + length));
-    ipmb_seq_release(sequence);
-    EXPECT_EQ(-105, ipmb_create_send_message(0x24, request.data(), 3, out, 10, &length, &sequence));
-    EXPECT_EQ(-14, ipmb_create_send_message(0x24, request.data(), 1, out, 11, &length, &sequence));
+    ASSERT_EQ(0, ipmb_create_send_message(0x24, 0x44, request.data(), 3, out, 11, &length));
+    constexpr auto kSum = static_cast<uint8_t>(-(0x20 + 0x46 + 0x2D + 0x30));
+    EXPECT_EQ((Bytes{0x18, 0x34, 0x00, 0x24, 0x28, 0xB4, 0x20, 0x46, 0x2D, 0x30, kSum}), Bytes(out, out + length));
+    EXPECT_EQ(-105, ipmb_create_send_message(0x24, 0x44, request.data(), 3, out, 10, &length));
+    EXPECT_EQ(-14, ipmb_create_send_message(0x24, 0x44, request.data(), 1, out, 11, &length));
 }
 
 TEST_F(IpmbTest, ResponseIsUnwrappedWithinItsBounds) {
@@ -154,6 +149,15 @@ TEST_F(IpmbTest, SilentTargetTimesOut) {
     EXPECT_GE(1500U + 3000U, ms());
 }
 
+TEST_F(IpmbTest, AnswerThatIsBeingFetchedIsWaitedFor) {
+    satellite.Delay(sim::netfn::kApp, 0x01, 1000ms);
+    server.GetBmc().Delay(sim::netfn::kApp, 0x33, 300ms);  // Get Message, past the time limit
+    EXPECT_EQ(0, Call(kSatellite).result);
+    satellite.Delay(sim::netfn::kApp, 0x01, 1000ms);
+    server.GetBmc().Delay(sim::netfn::kApp, 0x33, 2000ms);
+    EXPECT_EQ(-110, Call(kSatellite).result) << "but not for ever";
+}
+
 TEST_F(IpmbTest, UnknownAndDamagedAnswersAreDropped) {
     // In front of the answer: another sequence number, an answer cut short, a completion code alone.
     server.GetBmc().OnBusAnswer([this, first = true](Bytes&) mutable {
@@ -171,8 +175,7 @@ TEST_F(IpmbTest, UnknownAndDamagedAnswersAreDropped) {
 
 TEST_F(IpmbTest, LateAnswerGoesToNobodyElse) {
     IpmbRequestEntry* const entry = ipmb_reqq_reserve();
-    const uint8_t sequence = ipmb_seq_reserve();
-    ipmb_reqq_push(entry, sequence, kSatellite, 0x01);
+    const uint8_t sequence = ipmb_reqq_push(entry, {kSatellite, 0x01});
     Deliver(Delivered(sequence, 0x26, 0x01));
     Deliver(Delivered(sequence, kSatellite, 0x02));
     EXPECT_EQ(0U, entry->received);
@@ -188,6 +191,16 @@ TEST_F(IpmbTest, LateAnswerGoesToNobodyElse) {
     uint32_t room = 10;
     EXPECT_EQ(0, ipmb_reqq_enq(sequence, message, &room)) << "who waits only now finds it there";
     EXPECT_EQ(12U, room);
+}
+
+TEST_F(IpmbTest, NumberFreedByAStrayIsInUseAgainForWhoWaits) {
+    const uint8_t sequence = ipmb_seq_reserve();
+    Deliver(Delivered(sequence));
+    server.GetBmc().QueueMessage({0x1C, 0xC4, 0x26, sequence, 0x02, 0x00, 0x5A}, 50ms);
+    uint8_t message[kIpmiMaxMessage];
+    length = sizeof message;
+    EXPECT_EQ(0, ipmb_reqq_enq(sequence, message, &length));
+    EXPECT_EQ(0x26, message[6]) << "anyone's, where nothing else was said";
 }
 
 TEST_F(IpmbTest, NumbersGoRound) {
