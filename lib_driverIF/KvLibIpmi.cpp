@@ -140,7 +140,7 @@ int SetAddress(void* argument) {
     if (!turn) return IpmiCallTrace::Report(kNotInitialised, __func__);
     if (block.kind == KV_IPMI_ADDRESS_PORT) {
         if (block.address > 0xFFFF) return IpmiCallTrace::Report(kInvalid, __func__);
-        ipmi_set_function_kcs_ioport(static_cast<uint16_t>(block.address));
+        if (const int error = ipmi_set_function_kcs_ioport(static_cast<uint16_t>(block.address))) return error;
         ipmi_set_register_access(ioreg_func);
     } else if (block.kind == KV_IPMI_ADDRESS_MEMORY) {
         g_pMMapSegmentAddress = block.address;

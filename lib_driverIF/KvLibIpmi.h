@@ -122,8 +122,8 @@ extern std::atomic<RegisterReadOperation> REG_READ;
 /// @return 0; -5 registers out of reach; -38 the machine has a BT interface
 int ipmi_set_function();
 void ipmi_set_function_SMIC();
-/// KCS at a port; the kind of register access stays.
-void ipmi_set_function_kcs_ioport(uint16_t port);
+/// KCS at a port; the kind of register access stays. @return 0; -22 the status register would have no port
+int ipmi_set_function_kcs_ioport(uint16_t port);
 void ipmi_set_register_access(const IpmiRegisterTable& table);
 /// @}
 
@@ -166,7 +166,7 @@ private:
 
 /// Executes one message on the system interface.
 /// @param buffer          kIpmiMaxMessage bytes: the request, then the response
-/// @param responseLength  in: bytes to store at most; out: bytes received, which may be more
+/// @param responseLength  in: bytes to store at most, on KCS one at least; out: bytes received, which may be more
 /// @param status          the interface's code, 0 good
 int ipmi_message(uint8_t* buffer, uint32_t length, uint32_t* responseLength, uint8_t* status);
 

@@ -101,6 +101,8 @@ int ipmi_message(uint8_t* buffer, uint32_t length, uint32_t* responseLength, uin
     }
     const IpmiTurn turn;
     if (!turn) return trace.Fail(kNotInitialised);
+    // The read would refuse it, after the request has been carried out.
+    if (IPMI_IFTYPE == kIfTypeKcs && *responseLength == 0) return trace.Fail(kGeneralFailure);
 
     TraceBytes("request", buffer, length);
     const uint32_t capacity = *responseLength;

@@ -36,6 +36,18 @@ private:
     bool raised_;
 };
 
+bool PortOut(uint16_t port, uint8_t value) {
+    const PortPrivilege privilege;
+    if (privilege) device::PortOut(port, value);
+    return static_cast<bool>(privilege);
+}
+
+bool PortIn(uint16_t port, uint8_t* value) {
+    const PortPrivilege privilege;
+    if (privilege) *value = device::PortIn(port);
+    return static_cast<bool>(privilege);
+}
+
 /// Physical memory around one register, mapped as the device sees it.
 class RegisterPage {
 public:
@@ -88,20 +100,17 @@ bool ipmi_memory_read_by_map(int64_t physical, uint8_t* value) {
 }
 
 int ipmi_ioreg_write(uint16_t reg, uint8_t value) {
-    const PortPrivilege privilege;
-    if (!privilege) return IpmiCallTrace::Report(kAccessFailed, __func__);
-    device::PortOut(reg, value);
+    if (!PortOut(reg, value)) return IpmiCallTrace::Report(kAccessFailed, __func__);
     PXR_trace(PXR_TRACE_MASK_IPMI, PXR_TRACE_LEVEL_DETAIL, "O: R=%04X D=%02X\n", reg, value);
     return 0;
 }
 
 uint8_t ipmi_ioreg_read(uint16_t reg) {
-    const PortPrivilege privilege;
-    if (!privilege) {
+    uint8_t value = 0;
+    if (!PortIn(reg, &value)) {
         IpmiCallTrace::Report(kAccessFailed, __func__);
         return 0;
     }
-    const uint8_t value = device::PortIn(reg);
     PXR_trace(PXR_TRACE_MASK_IPMI, PXR_TRACE_LEVEL_DETAIL, "I: R=%04X D=%02X\n", reg, value);
     return value;
 }

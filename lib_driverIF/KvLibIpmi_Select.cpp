@@ -29,6 +29,7 @@ std::atomic<RegisterReadOperation> REG_READ = ipmi_ioreg_read;
 namespace {
 
 constexpr int kUnreachable = -5;
+constexpr int kInvalid = -22;
 constexpr int kNotServed = -38;
 constexpr uint8_t kDefaultSlave = 0x20;
 
@@ -117,11 +118,17 @@ Interface FromDeviceRecord(const DeviceRecord& record) {
     return chosen;
 }
 
-/// Registers have 16-bit addresses, to which memory-mapped access adds a segment. What does not fit must not be reached
-/// for: the bytes would go to some other device, or to memory in use.
+/// Whether all registers have 16-bit addresses. What lies behind them must not be reached for: the bytes would go to some
+/// other device, or to memory in use.
+bool IsReachable(uint8_t type, uint16_t base, uint16_t spacing) {
+    const uint32_t behindBase = type == kIfTypeSmic ? 2 : 1;
+    return base + behindBase * spacing <= 0xFFFF;
+}
+
+/// Memory-mapped access adds a segment to them, which ends with 32 bits.
 bool IsReachable(const Interface& chosen) {
-    const uint32_t last = static_cast<uint32_t>(chosen.base & 0xFFFF) + 2U * chosen.spacing;
-    return last <= 0xFFFF && (!chosen.memoryMapped || chosen.base >> 32 == 0);
+    const bool segmentFits = !chosen.memoryMapped || chosen.base >> 32 == 0;
+    return segmentFits && IsReachable(chosen.type, static_cast<uint16_t>(chosen.base & 0xFFFF), chosen.spacing);
 }
 
 void BindOperations(const IpmiInterfaceTable& table) {
@@ -171,7 +178,10 @@ void ipmi_set_function_SMIC() {
     Bind(kIfTypeSmic, kDefaultSlave, smic_func.defaultBase, 1);
 }
 
-void ipmi_set_function_kcs_ioport(uint16_t port) {
-    const IpmiCallTrace trace(__func__);
-    Bind(kIfTypeKcs, kDefaultSlave, port, host::RegisterSpacing(1));
+int ipmi_set_function_kcs_ioport(uint16_t port) {
+    IpmiCallTrace trace(__func__);
+    const uint16_t spacing = host::RegisterSpacing(1);
+    if (!IsReachable(kIfTypeKcs, port, spacing)) return trace.Fail(kInvalid);
+    Bind(kIfTypeKcs, kDefaultSlave, port, spacing);
+    return trace.Out(0);
 }

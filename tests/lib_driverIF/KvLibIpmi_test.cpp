@@ -86,6 +86,7 @@ TEST_F(IpmiIoctlTest, ExecutesOnTheDefaultInterfaceWithinTheCallersRoom) {
     EXPECT_EQ(14U, called.length);
     EXPECT_EQ((Bytes{0x1C, 0x01, 0x00, 0x20, 0xEE}), Bytes(called.response.begin(), called.response.begin() + 5));
     EXPECT_EQ(-14, Execute(0)) << "the interface takes no response without room";
+    EXPECT_EQ(1U, server.GetBmc().Count()) << "and the BMC is not asked for one";
     AnswerWith(0x01, kIpmiMaxMessage - 2);
     ASSERT_EQ(0, Execute(5000)) << "room beyond a message's length";
     EXPECT_EQ(kIpmiMaxMessage, called.length);
@@ -164,8 +165,10 @@ TEST_F(IpmiIoctlTest, SetAddressMovesTheRegisters) {
     where = {7, 0x1234};
     EXPECT_EQ(0, Ioctl(IPMI_SETADDR, &where)) << "another kind changes nothing";
     EXPECT_EQ(0, Execute());
-    where = {KV_IPMI_ADDRESS_PORT, 0x10CA2};
-    EXPECT_EQ(-22, Ioctl(IPMI_SETADDR, &where));
+    for (const uint32_t bad : {0x10CA2, 0xFFFC}) {  // no 16-bit port, for it or the next register
+        where = {KV_IPMI_ADDRESS_PORT, bad};
+        EXPECT_EQ(-22, Ioctl(IPMI_SETADDR, &where));
+    }
     EXPECT_EQ(0x0E00, IPMI_REG_BASE);
 }
 
