@@ -40,32 +40,35 @@ struct Lifecycle {
 Lifecycle g_lifecycle;
 std::atomic<bool> g_initialised = false;
 
+/// A watchdog flag and its lock.
 struct NamedLock {
     const char* name;
+    uint8_t& flag;
     std::atomic<bool> exists = false;
     std::mutex mutex = {};
 };
-NamedLock g_wdogRequest = {"WDOG REQUEST"};
-NamedLock g_wdogReceive = {"WDOG RECEIVE"};
+NamedLock g_locks[] = {{"WDOG REQUEST", WatchDogRequest}, {"WDOG RECEIVE", WatchDogReqReceive}};
+NamedLock& g_wdogRequest = g_locks[0];
+NamedLock& g_wdogReceive = g_locks[1];
 
 NamedLock* FindLock(std::string_view name) {
-    for (NamedLock* lock : {&g_wdogRequest, &g_wdogReceive}) {
-        if (name == lock->name) return lock;
+    for (NamedLock& lock : g_locks) {
+        if (name == lock.name) return &lock;
     }
     return nullptr;
 }
 
-int ReadFlag(NamedLock& lock, const uint8_t& flag, void* out) {
+int ReadFlag(NamedLock& lock, void* out) {
     if (!lock.exists) return IpmiCallTrace::Report(kGeneralFailure, __func__);
     const std::lock_guard guard(lock.mutex);
-    *static_cast<uint8_t*>(out) = flag;
+    *static_cast<uint8_t*>(out) = lock.flag;
     return 0;
 }
 
-int WriteFlag(NamedLock& lock, uint8_t& flag, const void* in) {
+int WriteFlag(NamedLock& lock, const void* in) {
     if (!lock.exists) return IpmiCallTrace::Report(kGeneralFailure, __func__);
     const std::lock_guard guard(lock.mutex);
-    flag = *static_cast<const uint8_t*>(in);
+    lock.flag = *static_cast<const uint8_t*>(in);
     return 0;
 }
 
@@ -121,16 +124,16 @@ int TraceOnly(void* /*argument*/) {
 }
 
 int GetWatchdogRequest(void* argument) {
-    return ReadFlag(g_wdogRequest, WatchDogRequest, argument);
+    return ReadFlag(g_wdogRequest, argument);
 }
 int SetWatchdogRequest(void* argument) {
-    return WriteFlag(g_wdogRequest, WatchDogRequest, argument);
+    return WriteFlag(g_wdogRequest, argument);
 }
 int GetWatchdogReceived(void* argument) {
-    return ReadFlag(g_wdogReceive, WatchDogReqReceive, argument);
+    return ReadFlag(g_wdogReceive, argument);
 }
 int SetWatchdogReceived(void* argument) {
-    return WriteFlag(g_wdogReceive, WatchDogReqReceive, argument);
+    return WriteFlag(g_wdogReceive, argument);
 }
 
 int SetAddress(void* argument) {
@@ -192,22 +195,25 @@ void ForgetParent() {
     g_initialised = false;
     g_ipmiStopping = false;
     new (&g_lifecycle) Lifecycle;
-    for (NamedLock* lock : {&g_wdogRequest, &g_wdogReceive}) {
-        new (&lock->mutex) std::mutex;
-        lock->exists = false;
+    for (NamedLock& lock : g_locks) {
+        new (&lock.mutex) std::mutex;
+        lock.exists = false;
     }
     ipmi_forget_conditions();
     ipmb_forget();
 }
 
 int CreateLocks() {
-    const int error = ipmi_create_lock(g_wdogRequest.name);
-    return error != 0 ? error : ipmi_create_lock(g_wdogReceive.name);
+    int error = 0;
+    for (const NamedLock& lock : g_locks) {
+        if (error == 0) error = ipmi_create_lock(lock.name);
+    }
+    return error;
 }
 
 void ReleaseLocks() {
-    ipmi_release_lock(g_wdogRequest.name);
-    ipmi_release_lock(g_wdogReceive.name);
+    for (const NamedLock& lock : g_locks)
+        ipmi_release_lock(lock.name);
 }
 
 int Start() {
