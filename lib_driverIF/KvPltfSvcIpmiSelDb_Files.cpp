@@ -1,5 +1,6 @@
-// Files of the SEL database. What a crash leaves is the old content or the new: files written whole are renamed into
-// place, and what is updated in place is updated record by record, none of which crosses a page.
+// Files of the SEL database. What a crash leaves is the old content or the new: files written whole take the place of
+// the old one when they are on the disk, and what is updated in place is updated record by record, none of which crosses
+// a page.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -10,9 +11,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/FileText.h"
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
-#include "common/PXR_syscall_internal.h"
 #include "cover/FileCover.h"
 #include "lib_driverIF/KvPltfSvcIpmiSelDb_Internal.h"
 #include "libplatform/PXR_trace.h"
@@ -55,6 +56,11 @@ Path PathOf(const FileName& name, const DEVICE_INFO& device) {
     return path;
 }
 
+/// Where a record stands in the database file.
+off_t OffsetOf(size_t recordId) {
+    return static_cast<off_t>(recordId) * off_t{sizeof(KVPS_SEL_ENTRY)};
+}
+
 bool HasFiles(const DEVICE_INFO& device) {
     return device.bType == kLocatorRecord;
 }
@@ -67,31 +73,13 @@ FileDescriptor Open(const Path& path, int flags) {
     return Open(path.text, flags);
 }
 
-bool WriteAt(int fd, off_t offset, const void* data, size_t size) {
-    const char* from = static_cast<const char*>(data);
-    while (size > 0) {
-        const ssize_t put = pwrite(fd, from, size, offset);
-        if (put < 0 && errno == EINTR) continue;
-        if (put <= 0) return false;
-        from += put;
-        offset += put;
-        size -= static_cast<size_t>(put);
-    }
-    return true;
-}
-
 /// Writes a file whole beside its place, then moves it there.
-/// @param write  fills the open file @param flags  of open, besides those for a new file
+/// @param write  fills the open file
 template <typename Write>
-bool ReplaceFile(const DEVICE_INFO& device, const FileName& name, int flags, Write write) {
-    const Path temporary = PathOf(kTmp, device);
-    FileDescriptor file = Open(temporary, O_WRONLY | O_CREAT | O_TRUNC | flags);
-    if (!file) return false;
-    if (write(file.Get()) && file.Close() == 0 && rename(temporary.text, PathOf(name, device).text) == 0) {
-        return true;
-    }
-    unlink(temporary.text);
-    return false;
+bool ReplaceFile(const DEVICE_INFO& device, const FileName& name, Write write) {
+    Replacement file;
+    return file.Create(PathOf(name, device).text, PathOf(kTmp, device).text, kMode) == 0 && write(file.Fd()) &&
+           file.Commit() == 0;
 }
 
 bool IsSameDevice(const DEVICE_INFO& a, const DEVICE_INFO& b) {
@@ -135,9 +123,7 @@ uint32_t ReadDeviceInfo(DEVICE_INFO& device, bool& found) {
 
 bool WriteDeviceInfo(const DEVICE_INFO& device) {
     if (!HasFiles(device)) return true;
-    return ReplaceFile(device, kInf, 0, [&](int fd) {
-        return FileWrite(fd, &device, sizeof device) == static_cast<int>(sizeof device) && fsync(fd) == 0;
-    });
+    return ReplaceFile(device, kInf, [&](int fd) { return WriteAt(fd, &device, sizeof device, 0); });
 }
 
 // Database
@@ -161,12 +147,10 @@ DatabaseFile ReadDatabase(const DEVICE_INFO& device, std::span<KVPS_SEL_ENTRY> d
 
 bool CreateDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> database) {
     if (!HasFiles(device)) return true;
-    return ReplaceFile(device, kDb, O_SYNC, [database](int fd) {
-        for (auto rest = database; !rest.empty();) {
-            const auto piece = rest.first(std::min(rest.size(), kRecordsPerWrite));
-            const auto size = static_cast<uint32_t>(piece.size_bytes());
-            if (FileWrite(fd, piece.data(), size) != static_cast<int>(size)) return false;
-            rest = rest.subspan(piece.size());
+    return ReplaceFile(device, kDb, [database](int fd) {
+        for (size_t done = 0; done < database.size(); done += kRecordsPerWrite) {
+            const auto piece = database.subspan(done, std::min(database.size() - done, kRecordsPerWrite));
+            if (!WriteAt(fd, piece.data(), piece.size_bytes(), OffsetOf(done))) return false;
         }
         return true;
     });
@@ -174,7 +158,8 @@ bool CreateDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> d
 
 bool UpdateDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> entries) {
     if (!HasFiles(device) || entries.empty()) return true;
-    FileDescriptor file = Open(PathOf(kDb, device), O_WRONLY | O_SYNC);  // not made anew: a part of a database is none
+    // Not made anew: a part of a database is none.
+    FileDescriptor file = Open(PathOf(kDb, device), O_WRONLY | O_SYNC | O_NOFOLLOW);
     if (!file) return false;
     while (!entries.empty()) {
         // Ids mostly follow each other; one synchronous write for them all.
@@ -182,8 +167,7 @@ bool UpdateDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> e
         while (run < std::min(entries.size(), kRecordsPerWrite) &&
                entries[run].recordId == entries[run - 1].recordId + 1)
             ++run;
-        const auto offset = off_t{entries[0].recordId} * off_t{sizeof entries[0]};
-        if (!WriteAt(file.Get(), offset, entries.data(), run * sizeof entries[0])) return false;
+        if (!WriteAt(file.Get(), entries.data(), run * sizeof entries[0], OffsetOf(entries[0].recordId))) return false;
         entries = entries.subspan(run);
     }
     return file.Close() == 0;
@@ -201,8 +185,7 @@ std::optional<KVPS_SEL_ENTRY> ReadFirstEntry(const DEVICE_INFO& device) {
 
 bool WriteFirstEntry(const DEVICE_INFO& device, const KVPS_SEL_ENTRY& first) {
     if (!HasFiles(device)) return true;
-    FileDescriptor file = Open(PathOf(kFirst, device), O_WRONLY | O_CREAT);
-    return file && WriteAt(file.Get(), 0, &first, sizeof first) && file.Close() == 0;
+    return ReplaceFile(device, kFirst, [&](int fd) { return WriteAt(fd, &first, sizeof first, 0); });
 }
 
 // Text log: a ring of lines of equal length behind the index of the next one.
@@ -228,7 +211,7 @@ unsigned ReadRingIndex(int fd) {
     return header[4] == '\n' && index < kRingLines ? index : 0;
 }
 
-/// @param line  kRingLine characters, and a NUL that the next line overwrites
+/// @param line  room for kRingLine characters
 void PutRingLine(char* line, unsigned index, const KVPS_SEL_ENTRY& entry) {
     std::array<uint8_t, sizeof entry> bytes;
     memcpy(bytes.data(), &entry, sizeof entry);
@@ -241,23 +224,23 @@ void PutRingLine(char* line, unsigned index, const KVPS_SEL_ENTRY& entry) {
 bool WriteRingHeader(int fd, unsigned index) {
     char header[16];
     snprintf(header, sizeof header, "%04X\n", index);
-    return WriteAt(fd, 0, header, kRingHeader);
+    return WriteAt(fd, header, kRingHeader, 0);
 }
 
 }  // namespace
 
 bool AppendSelLog(std::span<const KVPS_SEL_ENTRY> entries) {
     if (entries.empty()) return true;
-    FileDescriptor file = Open(kTextLog, O_RDWR | O_CREAT);
+    FileDescriptor file = Open(kTextLog, O_RDWR | O_CREAT | O_NOFOLLOW);
     if (!file) return false;
-    std::array<char, kRecordsPerWrite * kRingLine + 1> lines;
+    std::array<char, kRecordsPerWrite * kRingLine> lines;
     unsigned index = ReadRingIndex(file.Get());
     while (!entries.empty()) {
         const size_t run = std::min({entries.size(), kRecordsPerWrite, static_cast<size_t>(kRingLines - index)});
         for (size_t i = 0; i < run; ++i)
             PutRingLine(&lines[i * kRingLine], index + static_cast<unsigned>(i), entries[i]);
         const auto offset = off_t{kRingHeader} + off_t{index} * off_t{kRingLine};
-        if (!WriteAt(file.Get(), offset, lines.data(), run * kRingLine)) return false;
+        if (!WriteAt(file.Get(), lines.data(), run * kRingLine, offset)) return false;
         index = (index + static_cast<unsigned>(run)) % kRingLines;
         entries = entries.subspan(run);
     }

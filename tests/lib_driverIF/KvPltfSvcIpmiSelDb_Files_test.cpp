@@ -138,6 +138,23 @@ TEST_F(SelDbFiles, TheAlertOfAFailedDatabaseJoinsTheOthers) {
     unsetenv("LANG");
 }
 
+TEST_ON_MACHINE(SelDbFiles, NoLinkIsFollowedToAnotherFile) {
+    const auto plant = [](const char* name) {
+        Remove(name);
+        std::filesystem::create_symlink("victim", Path(name));
+    };
+    Write("victim", "precious");
+    plant("ipmi_sel_51_000a.tmp");
+    StartWith(3);
+    for (const char* name : {kInf, kDb, kFirst})
+        EXPECT_FALSE(std::filesystem::is_symlink(Path(name))) << name;
+    plant(kDb);
+    plant(kRing);
+    Log(1);
+    EXPECT_THAT(Poll(), ElementsAre(4));
+    EXPECT_EQ("precious", Read("victim"));
+}
+
 TEST_ON_MACHINE(SelDbFiles, ADatabaseThatIsGoneIsMadeAnewFromWhatWasTaken) {
     StartWith(3);
     Remove(kDb);
