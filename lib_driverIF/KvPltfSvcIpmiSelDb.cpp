@@ -159,6 +159,9 @@ uint32_t LoadSelDeviceInfo() {
     if (KvHardWareCheck() == kHardwareChanged) {  // it reads FRU fields: before the mutex
         PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_EVENT,
                   "The hardware was replaced. The saved state of the event logs is not used.");
+        // In this order: whatever ends the process, no start takes the old board's state for that of the new one.
+        const std::lock_guard lock(g_selMutex);
+        if (RemoveSavedStates()) RememberHardware();
         return PXR_ReportError(MakeResult(fn::kLoadSelDeviceInfo, kReasonHardwareReplaced));
     }
     const std::lock_guard lock(g_selMutex);

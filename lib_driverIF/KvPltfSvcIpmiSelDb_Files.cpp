@@ -2,7 +2,9 @@
 // the old one when they are on the disk, and what is updated in place is updated record by record, none of which crosses
 // a page.
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "common/FileText.h"
 #include "common/PXR_function_numbers.h"
@@ -124,6 +127,23 @@ uint32_t ReadDeviceInfo(DEVICE_INFO& device, bool& found) {
 bool WriteDeviceInfo(const DEVICE_INFO& device) {
     if (!HasFiles(device)) return true;
     return ReplaceFile(device, kInf, [&](int fd) { return WriteAt(fd, &device, sizeof device, 0); });
+}
+
+bool RemoveSavedStates() {
+    const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(KV_LOG_FOLDER), closedir);
+    if (folder == nullptr) return errno == ENOENT;
+    bool removed = true;
+    for (;;) {
+        errno = 0;
+        const dirent* const entry = readdir(folder.get());
+        if (entry == nullptr) break;
+        const bool saved = fnmatch("ipmi_sel_??_????.inf", entry->d_name, 0) == 0 ||
+                           fnmatch("FirstSEL??????.dat", entry->d_name, 0) == 0;
+        if (saved && unlinkat(dirfd(folder.get()), entry->d_name, 0) != 0) removed = false;
+    }
+    if (errno != 0) removed = false;
+    SyncDirectoryOf(KV_LOG_FOLDER);
+    return removed;
 }
 
 // Database

@@ -114,6 +114,8 @@ void ReportRedetection();
 /// Looks up the device's saved state. @param found  set when there is one @return 0, or the code of the failure
 uint32_t ReadDeviceInfo(DEVICE_INFO& device, bool& found);
 bool WriteDeviceInfo(const DEVICE_INFO& device);
+/// Removes the saved states and first entries of all devices, durably, of those too that this start has not found.
+bool RemoveSavedStates();
 enum class DatabaseFile { kGood, kAbsent, kDamaged, kUnreadable };
 /// @param database  all zero; of a damaged file it holds what is good
 DatabaseFile ReadDatabase(const DEVICE_INFO& device, std::span<KVPS_SEL_ENTRY> database);

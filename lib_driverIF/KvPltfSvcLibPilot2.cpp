@@ -2,20 +2,19 @@
 
 #include "lib_driverIF/KvPltfSvcLibPilot2.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <new>
 
-#include "common/PXR_syscall_internal.h"
-#include "cover/FileCover.h"
+#include "common/FileText.h"
+#include "common/TextCursor.h"
 #include "lib_driverIF/KvPltfSvcLibPilot2_Internal.h"
 #include "libplatform/KvPsSmbios.h"
 
@@ -59,11 +58,10 @@ int IndexOfSmbiosCode(std::string_view text) {
                                        : kSmbiosCode002 + static_cast<int>(found - kSmbiosCodes.begin());
 }
 
-/// Takes a line off the front of a text, without its end.
-std::string_view TakeLine(std::string_view& text) {
-    const size_t end = text.find('\n');
-    std::string_view line = text.substr(0, end);
-    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+/// Takes a line, without a carriage return at its end. Empty at the end of the text.
+std::string_view TakeLine(std::string_view& rest) {
+    std::string_view line;
+    text::TakeLine(rest, line);
     if (line.ends_with('\r')) line.remove_suffix(1);
     return line;
 }
@@ -108,40 +106,25 @@ void ExecLogFunction(int level, const char* source, int line, const char* format
 }
 
 std::optional<std::string> ReadWholeFile(const char* path) {
-    const FileDescriptor file(FileOpen(path, O_RDONLY, 0));
-    if (file.Get() < 0) {
-        LOG_CAPABILITY(kLogError, "FileOpen(rb) Error.(%s)", path);
-        return std::nullopt;
-    }
-    try {
-        std::string content;
-        std::array<char, 4096> piece;
-        int count = 0;
-        while ((count = FileRead(file.Get(), piece.data(), piece.size())) > 0 && content.size() < kLargestFile)
-            content.append(piece.data(), static_cast<size_t>(count));
-        if (count == 0) return content;
-    } catch (const std::bad_alloc&) {  // no more of the file than there is memory for: none
-    }
-    LOG_CAPABILITY(kLogError, "FileRead Error.(%s)", path);
+    std::string content;
+    const int error = ReadWhole(path, kLargestFile, content);
+    if (error == 0) return content;
+    const bool opened = error == EIO || error == EINVAL || error == EFBIG || error == ENOMEM;
+    LOG_CAPABILITY(kLogError, "%s Error.(%s)", opened ? "FileRead" : "FileOpen(rb)", path);
     return std::nullopt;
 }
 
 bool WriteWholeFile(const char* path, std::string_view content) {
     char temporary[128];
     snprintf(temporary, sizeof temporary, "%s.tmp", path);
-    bool written = false;
-    {
-        const FileDescriptor file(FileOpen(temporary, O_WRONLY | O_CREAT | O_TRUNC, 0644));
-        if (file.Get() < 0) {
-            LOG_CAPABILITY(kLogError, "FileOpen(wb) Error.(%s)", path);
-            return false;
-        }
-        const auto length = static_cast<uint32_t>(content.size());
-        written = FileWrite(file.Get(), content.data(), length) == static_cast<int>(length) && fsync(file.Get()) == 0;
+    Replacement file;
+    if (file.Create(path, temporary, 0644) != 0) {
+        LOG_CAPABILITY(kLogError, "FileOpen(wb) Error.(%s)", path);
+        return false;
     }
-    if (written && rename(temporary, path) == 0) return true;
+    file.Write(content);
+    if (file.Commit() == 0) return true;
     LOG_CAPABILITY(kLogError, "FileWrite Error.(%s)", path);
-    unlink(temporary);
     return false;
 }
 

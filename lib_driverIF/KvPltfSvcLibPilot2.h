@@ -88,6 +88,10 @@ uint32_t MyCMDFunction(int functionType);
 inline constexpr int kHardwareChanged = 0;
 inline constexpr int kHardwareSame = 1;  ///< or there is nothing to compare with
 inline constexpr int kHardwareUnknown = 2;
-/// Compares the addresses of the onboard network adapters with those of the last run, and remembers them. The first
-/// call decides for the process. It reads FRU fields: not inside an IPMI bracket.
+/// Compares the addresses of the onboard network adapters with those of the last run. The first call decides for the
+/// process. It reads FRU fields: not inside an IPMI bracket.
 int KvHardWareCheck();
+/// After kHardwareChanged, when what was saved on the old hardware is gone: the addresses of the new one take the place
+/// of those of the last run, and count as the same from then on. Until that has been done every start finds the change.
+/// @return false: logged
+bool RememberHardware();

@@ -5,8 +5,12 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
+#include <iterator>
 #include <new>
+#include <utility>
 
 #include "lib_driverIF/KvPltfSvcIpmiMain.h"
 #include "lib_driverIF/KvPltfSvcLibPilot2_Internal.h"
@@ -75,33 +79,68 @@ void BuildCurrentList() {
     }
 }
 
-AddressList ReadList(const char* path) {
-    if (access(path, F_OK) != 0) return {};  // none yet
-    return ParseAddressList(ReadWholeFile(path).value_or(""));
+/// @return nothing when there is one that cannot be read now
+std::optional<AddressList> ReadList(const char* path) {
+    if (access(path, F_OK) != 0 && errno == ENOENT) return AddressList{};
+    const std::optional<std::string> text = ReadWholeFile(path);
+    if (!text) return std::nullopt;
+    return ParseAddressList(*text);
 }
 
-int CheckHardware() {
-    BuildCurrentList();
-    const AddressList current = ReadList(kCurrentList);
-    if (current.empty()) return kHardwareUnknown;
-    const AddressList remembered = ReadList(kRememberedList);
-    AddressList matching;
-    std::ranges::copy_if(remembered, std::back_inserter(matching), [&](const std::string& address) {
-        return std::ranges::find(current, address) != current.end();
-    });
-    if (!WriteList(kRememberedList, matching.empty() ? current : matching)) return kHardwareUnknown;
-    return remembered.empty() || !matching.empty() ? kHardwareSame : kHardwareChanged;
+/// Compares the lists, and keeps what was found.
+class Check {
+public:
+    Check() {
+        try {
+            Compare();
+        } catch (const std::bad_alloc&) {  // it could not be checked
+        }
+    }
+    int Result() const { return result_; }
+    bool Remember() {
+        if (result_ != kHardwareChanged) return true;
+        if (!WriteList(kRememberedList, exchanged_)) return false;
+        result_ = kHardwareSame;
+        return true;
+    }
+
+private:
+    void Compare() {
+        BuildCurrentList();
+        std::optional<AddressList> current = ReadList(kCurrentList);
+        const std::optional<AddressList> remembered = ReadList(kRememberedList);
+        if (!current || current->empty() || !remembered) return;
+        AddressList matching;
+        std::ranges::copy_if(*remembered, std::back_inserter(matching), [&](const std::string& address) {
+            return std::ranges::find(*current, address) != current->end();
+        });
+        if (matching.empty() && !remembered->empty()) {
+            exchanged_ = std::move(*current);
+            result_ = kHardwareChanged;
+        } else if (WriteList(kRememberedList, matching.empty() ? *current : matching)) {
+            result_ = kHardwareSame;
+        }
+    }
+
+    std::atomic<int> result_ = kHardwareUnknown;
+    AddressList exchanged_;  // the new addresses, to be remembered
+};
+
+Check& CheckedOnce() {
+    static Check check;
+    return check;
 }
 
 }  // namespace
 
 int KvHardWareCheck() {
-    static const int result = [] {
-        try {
-            return CheckHardware();
-        } catch (const std::bad_alloc&) {
-            return kHardwareUnknown;
-        }
-    }();
-    return result;
+    return CheckedOnce().Result();
+}
+
+bool RememberHardware() {
+    try {
+        return CheckedOnce().Remember();
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 }

@@ -25,7 +25,7 @@ extern std::recursive_mutex g_capabilityMutex;
 
 /// Reads a file whole. @return nothing when it cannot be opened or read, or has more than 1 MiB; logged
 std::optional<std::string> ReadWholeFile(const char* path);
-/// Writes a file whole or leaves it as it was. @return false: logged
+/// Replaces a file, durably, or leaves it as it was. @return false: logged
 bool WriteWholeFile(const char* path, std::string_view content);
 
 /// Whether the kernel lists a PCI device.

@@ -241,17 +241,30 @@ TEST_ON_MACHINE(SelDbFiles, TheStateIsTakenOverForTheSameDeviceOnly) {
     EXPECT_EQ(0x605CB301U, Start());
 }
 
-TEST_F(SelDbFiles, ReplacedHardwareStartsAnew) {
+TEST_F(SelDbFiles, ReplacedHardwareStartsAnewHoweverOftenItIsStarted) {
+    const auto insert = [this](const std::string& address) {
+        root.AddFile("/opt/velmora/lantrel/rc/HWCheck",
+                     "echo " + address + " > /var/opt/velmora/lantrel/dat/HWCheckList.dat\n");
+    };
     SetProduct("Tessark R2");
-    root.AddFile("/opt/velmora/lantrel/rc/HWCheck",
-                 "echo 00:11:22:33:44:55 > /var/opt/velmora/lantrel/dat/HWCheckList.dat\n");
+    insert("00:11:22:33:44:55");
     SimulatedMachine::Run([this] { StartWith(3); });  // the files stay
     SimulatedMachine::Run([this] { EXPECT_EQ(0U, Start()) << "the same hardware"; });
-    root.AddFile("/var/opt/velmora/lantrel/dat/HWList.dat", "66:77:88:99:aa:bb\n");
+    insert("66:77:88:99:aa:bb");
+    // Nothing is forgotten, and the change is found again, as long as the old state cannot be removed.
+    SimulatedMachine::Run([this] {
+        ASSERT_EQ(0, mount(kFolder, kFolder, nullptr, MS_BIND, nullptr));
+        ASSERT_EQ(0, mount(nullptr, kFolder, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr));
+        EXPECT_EQ(0x605CB11DU, Start());
+    });
     SimulatedMachine::Run([this] {
         EXPECT_EQ(0x605CB11DU, Start());
+        EXPECT_FALSE(Exists(kInf) || Exists(kFirst));
+    });  // and ends before its first poll
+    SimulatedMachine::Run([this] {
         Log(5);
-        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_EQ(0U, Start());
+        EXPECT_THAT(Poll(), IsEmpty()) << "the new board's log, met for the first time";
         Log(1);
         EXPECT_THAT(Poll(), ElementsAre(6));
     });

@@ -14,6 +14,7 @@
 
 #include "lib_driverIF/KvPltfSvcLibPilot2_Internal.h"
 #include "libplatform/KvPsBmc.h"
+#include "tests/support/FullDisk.h"
 #include "tests/support/SimulatedMachine.h"
 
 namespace {
@@ -329,7 +330,15 @@ TEST_F(HardwareCheck, ComparesTheAdaptersOfABladeWithThoseOfTheLastRun) {
     Check(kHardwareSame);
     EXPECT_EQ("02:00:00:00:00:0b\n", root.ReadFile(kRememberedList)) << "what matched";
     g_adapters[0x5000F][5] = 0xD;
-    Check(kHardwareChanged);
+    for (int start = 0; start < 2; ++start) {
+        Check(kHardwareChanged);
+        EXPECT_EQ("02:00:00:00:00:0b\n", root.ReadFile(kRememberedList)) << "until the old state is gone";
+    }
+    Run([] {
+        KvPsSetKvDf_GetFruInventoryDataFunc(FruReader);
+        EXPECT_TRUE(RememberHardware());
+        EXPECT_EQ(kHardwareSame, KvHardWareCheck()) << "what is saved from now on is of this hardware";
+    });
     EXPECT_EQ("02:00:00:00:00:0c\n02:00:00:00:00:0d\n", root.ReadFile(kRememberedList));
 }
 
@@ -349,10 +358,16 @@ TEST_F(HardwareCheck, WithoutAddressesNothingIsDecided) {
     EXPECT_EQ("02:00:00:00:00:0a\n", root.ReadFile(kRememberedList)) << "still to be compared with";
 }
 
-TEST_F(HardwareCheck, AListThatCannotBeWrittenIsUnknown) {
-    root.AddDirectory(std::string(kRememberedList) + "/in the way");
+TEST_F(HardwareCheck, AListThatCannotBeReadOrWrittenIsUnknown) {
+    Run([] {
+        KvPsSetKvDf_GetFruInventoryDataFunc(FruReader);
+        const FullDisk full;
+        EXPECT_EQ(kHardwareUnknown, KvHardWareCheck());
+    });
+    EXPECT_FALSE(exists(root.Outside(kRememberedList)));
+    create_symlink("HWList.dat", root.Outside(kRememberedList));  // cannot be opened
     Check(kHardwareUnknown);
-    EXPECT_FALSE(exists(root.Outside(std::string(kRememberedList) + ".tmp")));
+    EXPECT_TRUE(is_symlink(root.Outside(kRememberedList))) << "nor is it replaced then";
 }
 
 TEST_F(HardwareCheck, ARackServerAsksItsScript) {
