@@ -97,10 +97,6 @@ bool IsEmpty(const KVPS_SEL_ENTRY& entry) {
 
 }  // namespace
 
-bool SameEntry(const KVPS_SEL_ENTRY& a, const KVPS_SEL_ENTRY& b) {
-    return memcmp(&a, &b, sizeof a) == 0;
-}
-
 // State of a device
 
 uint32_t ReadDeviceInfo(DEVICE_INFO& device, bool& found) {

@@ -17,6 +17,8 @@ extern std::mutex g_selMutex;
 
 namespace ktx_ipmi {
 
+inline constexpr uint32_t kFunctionNumbers = 0x3FF;
+
 inline constexpr uint16_t kReasonHardwareReplaced = 0xB11D;
 inline constexpr uint16_t kReasonStateOpen = 0xB301;
 inline constexpr uint16_t kReasonStateRead = 0xB302;
@@ -27,8 +29,8 @@ inline constexpr KVPS_SEL_ENTRY kNoFirstEntry{0xFFFF, 0xFF, {0xFF, 0xFF, 0xFF, 0
                                               0xFF,   0xFF, {0xFF, 0xFF, 0xFF}};
 bool SameEntry(const KVPS_SEL_ENTRY& a, const KVPS_SEL_ENTRY& b);
 
-/// What the process knows about a SEL device besides its entry in g_stSelDev.
-struct SelDeviceState {
+/// What the process knows about a log besides its entry in g_stSelDev and its database.
+struct SelLogState {
     bool loaded = false;                   ///< the database is in memory
     bool dbBehind = false;                 ///< its file lacks what is in memory
     bool dbPartial = false;                ///< memory lacks what may be in the file, which could not be read
@@ -41,19 +43,46 @@ struct SelDeviceState {
     bool cleared = false;      ///< the log was cleared while it was read whole
     uint16_t reservation = 0;  ///< 0 where the device knows none
     uint8_t readFlags = 0;     ///< of KvPsLockAndGetSelEntry
-
-    // Of the last GetSelByDeviceInfo.
-    uint32_t read = 0;      ///< entries of the log, known ones included
-    uint32_t found = 0;     ///< of these, new ones, put into the caller's table
-    uint32_t withheld = 0;  ///< 1: the last of them is a stop marker
 };
-/// SetSelDeviceIdx for who holds the mutex already.
-void ChooseSelDevice(uint32_t index);
-/// Of the current device.
-DEVICE_INFO& CurrentSelDevice();
-SelDeviceState& CurrentSelState();
-/// The current device's database; empty while there is none in memory.
-std::span<KVPS_SEL_ENTRY> CurrentSelDb();
+/// Forgets what the process knows about all logs, and their databases.
+void ForgetLogs();
+
+/// One SEL device's log. Made where somebody comes in from outside, and handed down.
+class SelLog {
+public:
+    /// @param index    of the device; above 126 the first
+    /// @param bracket  of the poll under way, which its commands share; who sends none needs none
+    explicit SelLog(uint32_t index, IpmiBracket* bracket = nullptr);
+
+    DEVICE_INFO& Device() const { return device_; }
+    SelLogState& State() const { return state_; }
+    /// By record id; empty while there is none in memory.
+    std::span<KVPS_SEL_ENTRY> Database() const;
+    /// Makes the database, all zero, unless there is one. @return false without memory
+    bool MakeDatabase() const;
+    void FreeDatabase() const;
+    /// Whether the database holds the very entry.
+    bool Knows(const KVPS_SEL_ENTRY& entry) const;
+
+    // Commands: others are let in before each, failures are traced. The function's number stands in the code of a
+    // bracket that was lost then; whose bracket it is reports that.
+
+    /// Reserves the log where the device supports that, and asks for its state.
+    uint32_t ReserveAndGetInfo(uint32_t function, SelInfo& info) const;
+    uint32_t GetInfo(uint32_t function, SelInfo& info) const;
+    /// @param id  0x0000 the first entry, 0xFFFF the last
+    uint32_t ReadEntry(uint32_t function, uint16_t id, uint16_t& nextId, KVPS_SEL_ENTRY& entry) const;
+    uint32_t Clear(uint32_t function) const;
+
+private:
+    template <typename Command>
+    uint32_t Send(uint32_t function, const char* name, Command command) const;
+
+    DEVICE_INFO& device_;
+    KVPS_SEL_ENTRY*& database_;
+    SelLogState& state_;
+    IpmiBracket* bracket_;
+};
 
 /// @return whether the entry is a stop marker, or one was read before
 bool MatchStopMarkers(const KVPS_SEL_ENTRY& entry);
@@ -61,15 +90,6 @@ bool IsStopMarkerMatched();
 /// Reports that a file of the database could not be used.
 /// @param code  for the trace
 void NoteDatabaseFailure(uint32_t code, std::source_location where = std::source_location::current());
-/// Traces a failed step of a walk.
-void TraceSelFailure(const char* function, uint32_t code, std::source_location where = std::source_location::current());
-
-/// The bracket of the poll under way; null outside.
-extern IpmiBracket* g_pollBracket;
-/// Between two commands of a poll.
-inline void LetOthersIn() {
-    if (g_pollBracket != nullptr) g_pollBracket->LetOthersIn();
-}
 
 /// Ends walks that go round in circles.
 class WalkGuard {
@@ -85,29 +105,24 @@ private:
     std::bitset<kSelDbRecords> visited_;
 };
 
-/// KvPsLockAndGetSelEntry for who holds the mutex already.
-/// @param flags  KVPS_SEL_REPORT_REDETECTION is taken away once it has been done
-uint32_t ReadSelEntry(uint32_t function, uint8_t address, uint16_t reservation, uint16_t recordId, uint16_t* nextId,
-                      KVPS_SEL_ENTRY* entry, uint8_t& flags);
-/// Reserves the log where the device supports that, and asks for its state.
-uint32_t ReserveAndGetInfo(const DEVICE_INFO& device, uint32_t function, KVPS_SEL_INFO* info);
+// Entries that were handed out before
 
-/// Reads the log of the current device, from its beginning, into the database in memory.
-uint32_t GetSel(const DEVICE_INFO& device);
-/// Loads the current device's database, once: from its file, or else from the log.
-uint32_t LoadSELDatabase(DEVICE_INFO* device);
-/// The first entry that was saved last, read from disk once per process.
-const KVPS_SEL_ENTRY& SavedFirstEntry(const DEVICE_INFO& device);
-
-/// Reads up to n entries of the current device's log, from device->nextSelId on.
-/// @param device   in: selCount is what the log holds; out: that less what was not read, and where to go on
-/// @param entries  room for n; the device's state tells how many were filled
-uint32_t GetSelByDeviceInfo(DEVICE_INFO* device, uint32_t n, KVPS_SEL_ENTRY* entries);
-
-bool IsNotified(const KVPS_SEL_ENTRY& entry);
 void TraceRedetection(const KVPS_SEL_ENTRY& entry);
 /// Tells the system log that entries were seen again, and keeps copies of the files as they are now.
-void ReportRedetection();
+void ReportRedetection(const SelLog& log);
+/// Looks an entry up that was read, as the flags of KvPsLockAndGetSelEntry say.
+/// @param flags  KVPS_SEL_REPORT_REDETECTION is taken away once it has been done
+/// @return 0; reason 0xB501 it was handed out before
+uint32_t CheckRedetection(const SelLog& log, uint32_t function, const KVPS_SEL_ENTRY& entry, uint8_t& flags);
+
+// Loading
+
+/// Reads the log, from its beginning, into the database in memory.
+uint32_t GetSel(const SelLog& log);
+/// Loads the database, once: from its file, or else from the log.
+uint32_t LoadSELDatabase(const SelLog& log);
+/// The first entry that was saved last, read from disk once per process.
+const KVPS_SEL_ENTRY& SavedFirstEntry(const SelLog& log);
 
 // Files. Only devices that a locator record named have them: for others nothing is found, and writing succeeds.
 

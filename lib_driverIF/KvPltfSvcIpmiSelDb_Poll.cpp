@@ -64,21 +64,12 @@ uint32_t TimeOf(const KVPS_SEL_ENTRY& entry) {
     return ByteReader(entry.timeStamp).U32();
 }
 
-/// Reads an entry whatever the database says.
-uint32_t ReadPlain(const DEVICE_INFO& device, uint16_t id, uint16_t* nextId, KVPS_SEL_ENTRY* entry) {
-    uint8_t flags = 0;
-    LetOthersIn();
-    const uint32_t rc =
-        ReadSelEntry(kFunction, device.address, CurrentSelState().reservation, id, nextId, entry, flags);
-    if (rc != 0) TraceSelFailure("KvPsLockAndGetSelEntry", rc);
-    return rc;
-}
-
 // Saving
 
-void SaveDeviceInfo(DEVICE_INFO& device, const DEVICE_INFO& now) {
+void SaveDeviceInfo(const SelLog& log, const DEVICE_INFO& now) {
     const CancelBlock block;  // memory and disk say the same
-    SelDeviceState& state = CurrentSelState();
+    DEVICE_INFO& device = log.Device();
+    SelLogState& state = log.State();
     if (memcmp(&device, &now, sizeof now) == 0 && state.infWritten) return;
     state.infWritten = WriteDeviceInfo(now);
     if (!state.infWritten) NoteDatabaseFailure(kNotWritten);
@@ -86,37 +77,36 @@ void SaveDeviceInfo(DEVICE_INFO& device, const DEVICE_INFO& now) {
 }
 
 // A first entry belongs to a state: without the one on disk the other would make later entries look old.
-void SaveFirstEntry(const DEVICE_INFO& device, const KVPS_SEL_ENTRY& first) {
+void SaveFirstEntry(const SelLog& log, const KVPS_SEL_ENTRY& first) {
     const CancelBlock block;
-    SelDeviceState& state = CurrentSelState();
+    SelLogState& state = log.State();
     if (SameEntry(first, state.first) && state.firstWritten) return;
     state.first = first;
-    state.firstWritten = state.infWritten && WriteFirstEntry(device, first);
+    state.firstWritten = state.infWritten && WriteFirstEntry(log.Device(), first);
 }
 
 /// A file that fell behind, because the state or the entries could not be written, is written whole: entries that it
 /// did not know would be taken for new ones when the log shows them again.
 /// @param found  entries that are in memory since the last call
-void SaveDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> found) {
-    SelDeviceState& state = CurrentSelState();
+void SaveDatabase(const SelLog& log, std::span<const KVPS_SEL_ENTRY> found) {
+    SelLogState& state = log.State();
     if (found.empty() && !state.dbBehind) return;
     bool written = false;
     if (state.infWritten) {
         const bool whole = state.dbBehind && !state.dbPartial;
-        written = whole ? CreateDatabase(device, CurrentSelDb()) : UpdateDatabase(device, found);
+        written = whole ? CreateDatabase(log.Device(), log.Database()) : UpdateDatabase(log.Device(), found);
         if (!written) NoteDatabaseFailure(kNotWritten);
     }
     state.dbBehind = !written;
 }
 
-void Remember(DEVICE_INFO& device, const DEVICE_INFO& now, std::span<const KVPS_SEL_ENTRY> found,
+void Remember(const SelLog& log, const DEVICE_INFO& now, std::span<const KVPS_SEL_ENTRY> found,
               const KVPS_SEL_ENTRY& first) {
-    SaveDeviceInfo(device, now);
-    const std::span<KVPS_SEL_ENTRY> database = CurrentSelDb();
+    SaveDeviceInfo(log, now);
     for (const KVPS_SEL_ENTRY& entry : found)
-        database[entry.recordId] = entry;
-    SaveDatabase(device, found);
-    SaveFirstEntry(device, first);
+        log.Database()[entry.recordId] = entry;
+    SaveDatabase(log, found);
+    SaveFirstEntry(log, first);
     if (!AppendSelLog(found)) {
         PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "Ipmi_sel.log update failure.");
     }
@@ -125,13 +115,13 @@ void Remember(DEVICE_INFO& device, const DEVICE_INFO& now, std::span<const KVPS_
 // Deciding
 
 /// @param id  out: of the last entry of the log
-uint32_t FindLastEntry(const DEVICE_INFO& device, uint16_t* id) {
+uint32_t FindLastEntry(const SelLog& log, uint16_t& id) {
     WalkGuard guard;
     uint16_t nextId = kLastRecord;
     do {
         KVPS_SEL_ENTRY entry;
-        if (const uint32_t rc = ReadPlain(device, nextId, &nextId, &entry)) return rc;
-        *id = entry.recordId;
+        if (const uint32_t rc = log.ReadEntry(kFunction, nextId, nextId, entry)) return rc;
+        id = entry.recordId;
     } while (nextId != kLastRecord && guard.Enter(nextId));
     return 0;
 }
@@ -139,39 +129,38 @@ uint32_t FindLastEntry(const DEVICE_INFO& device, uint16_t* id) {
 /// Asks whether the log is still as it was. The reservation does not tell on every controller.
 /// @param info       as it was heard
 /// @param unchanged  out: nothing has been logged or erased since
-uint32_t AskWhetherUnchanged(const DEVICE_INFO& device, const KVPS_SEL_INFO& info, bool& unchanged) {
-    KVPS_SEL_INFO now = {};
-    LetOthersIn();
-    const uint32_t rc = KvPsLockAndGetSelInfo(kFunction, device.address, &now);
+uint32_t AskWhetherUnchanged(const SelLog& log, const SelInfo& info, bool& unchanged) {
+    SelInfo now = {};
+    const uint32_t rc = log.GetInfo(kFunction, now);
     unchanged = rc == 0 && now.entries == info.entries && now.lastAddition == info.lastAddition;
     return rc;
 }
 
 /// Meets a device for the first time: what its log holds is old. A log that grows meanwhile is met by the next poll:
 /// its number of entries and its last one must belong together.
-uint32_t MeetDevice(DEVICE_INFO& device, const KVPS_SEL_INFO& info, const KVPS_SEL_ENTRY& first) {
-    DEVICE_INFO met = device;
+uint32_t MeetDevice(const SelLog& log, const SelInfo& info, const KVPS_SEL_ENTRY& first) {
+    DEVICE_INFO met = log.Device();
     met.nextSelId = 0;
     met.lastTimeStamp = NonZeroTime(info.lastAddition);
     // Of a log that was cleared under our eyes all that it holds has come since.
-    met.selCount = CurrentSelState().cleared ? uint16_t{0} : info.entries;
+    met.selCount = log.State().cleared ? uint16_t{0} : info.entries;
     if (met.selCount > 0) {
-        if (const uint32_t rc = FindLastEntry(device, &met.nextSelId)) return rc;
+        if (const uint32_t rc = FindLastEntry(log, met.nextSelId)) return rc;
         bool unchanged = false;
-        if (const uint32_t rc = AskWhetherUnchanged(device, info, unchanged); rc != 0 || !unchanged) return rc;
+        if (const uint32_t rc = AskWhetherUnchanged(log, info, unchanged); rc != 0 || !unchanged) return rc;
     }
-    SaveDeviceInfo(device, met);
-    SaveFirstEntry(device, first);
+    SaveDeviceInfo(log, met);
+    SaveFirstEntry(log, first);
     return 0;
 }
 
 /// Steps past the entry that was taken last.
 /// @param next   out: nextSelId is where to go on
 /// @param count  out: 0 when there is nothing behind it
-uint32_t StepPastLastEntry(DEVICE_INFO& next, const KVPS_SEL_INFO& info, uint32_t& count) {
+uint32_t StepPastLastEntry(const SelLog& log, DEVICE_INFO& next, const SelInfo& info, uint32_t& count) {
     const uint16_t last = next.nextSelId;
     KVPS_SEL_ENTRY entry;
-    const uint32_t rc = ReadPlain(next, last, &next.nextSelId, &entry);
+    const uint32_t rc = log.ReadEntry(kFunction, last, next.nextSelId, entry);
     if (IsRefusedWith(rc, kNotPresent)) {
         // Deleted meanwhile: from the beginning, the database tells what was handed out.
         next.nextSelId = 0;
@@ -186,9 +175,10 @@ uint32_t StepPastLastEntry(DEVICE_INFO& next, const KVPS_SEL_INFO& info, uint32_
 /// Decides what of the log is new. The conditions overlap; the first that holds decides.
 /// @param next   in: the device's state; out: with the number of entries, and the id to start at
 /// @param count  out: entries to read
-uint32_t FindNewEntries(DEVICE_INFO& next, const KVPS_SEL_INFO& info, const KVPS_SEL_ENTRY& first, uint32_t& count) {
+uint32_t FindNewEntries(const SelLog& log, DEVICE_INFO& next, const SelInfo& info, const KVPS_SEL_ENTRY& first,
+                        uint32_t& count) {
     const uint32_t taken = next.selCount;
-    const bool sameFirst = SameEntry(first, SavedFirstEntry(next));
+    const bool sameFirst = SameEntry(first, SavedFirstEntry(log));
     next.selCount = info.entries;
     count = 0;
     if (taken == info.entries && sameFirst) return 0;
@@ -198,152 +188,130 @@ uint32_t FindNewEntries(DEVICE_INFO& next, const KVPS_SEL_INFO& info, const KVPS
         return 0;
     }
     count -= taken;
-    return StepPastLastEntry(next, info, count);
+    return StepPastLastEntry(log, next, info, count);
 }
 
-}  // namespace
+/// What GetSelByDeviceInfo has read.
+struct SelReading {
+    uint32_t result = 0;    ///< of the failure that ended the reading
+    uint32_t read = 0;      ///< entries of the log, known ones included
+    uint32_t found = 0;     ///< of these, new ones
+    uint32_t withheld = 0;  ///< 1: the last of them is a stop marker
+    DEVICE_INFO next{};     ///< the device's state behind the last entry read
+};
 
-uint32_t GetSelByDeviceInfo(DEVICE_INFO* device, uint32_t n, KVPS_SEL_ENTRY* entries) {
-    SelDeviceState& state = CurrentSelState();
-    state.read = state.found = state.withheld = 0;
+/// Reads up to n entries of a log.
+/// @param from     selCount is what the log holds, nextSelId where to start
+/// @param entries  room for n; receives the new ones
+SelReading GetSelByDeviceInfo(const SelLog& log, const DEVICE_INFO& from, uint32_t n, KVPS_SEL_ENTRY* entries) {
+    SelReading reading{.next = from};
     WalkGuard guard;
-    uint32_t result = 0;
     uint16_t nextId = kLastRecord;
-    for (uint16_t id = device->nextSelId; state.read < n && id != kLastRecord && guard.Enter(id); id = nextId) {
+    for (uint16_t id = from.nextSelId; reading.read < n && id != kLastRecord && guard.Enter(id); id = nextId) {
         if (IsStopMarkerMatched() || ShallEnd()) break;
         KVPS_SEL_ENTRY entry;
-        LetOthersIn();
-        const uint32_t rc =
-            ReadSelEntry(kFunction, device->address, state.reservation, id, &nextId, &entry, state.readFlags);
-        const bool known = rc == MakeResult(kFunction, kReasonRedetected);
-        if (rc != 0 && !known) {
-            TraceSelFailure("KvPsLockAndGetSelEntry", rc);
-            result = rc;
-            break;
-        }
-        ++state.read;
-        device->nextSelId = entry.recordId;
-        device->lastTimeStamp = NonZeroTime(TimeOf(entry));
-        if (known) continue;
-        if (MatchStopMarkers(entry)) state.withheld = 1;
-        entries[state.found++] = entry;
+        reading.result = log.ReadEntry(kFunction, id, nextId, entry);
+        if (reading.result != 0) break;
+        ++reading.read;
+        reading.next.nextSelId = entry.recordId;
+        reading.next.lastTimeStamp = NonZeroTime(TimeOf(entry));
+        if (CheckRedetection(log, kFunction, entry, log.State().readFlags) != 0) continue;
+        reading.withheld = MatchStopMarkers(entry) ? 1 : 0;
+        entries[reading.found++] = entry;
     }
-    device->selCount = static_cast<uint16_t>(device->selCount - (n - state.read));
-    return result;
+    reading.next.selCount = static_cast<uint16_t>(from.selCount - (n - reading.read));
+    return reading;
 }
-
-namespace {
 
 /// Reads the new entries, remembers them, and adds them to those to hand out.
 /// @param next  what FindNewEntries gave
-uint32_t TakeEntries(DEVICE_INFO& device, DEVICE_INFO next, uint32_t count, const KVPS_SEL_ENTRY& first,
+uint32_t TakeEntries(const SelLog& log, const DEVICE_INFO& next, uint32_t count, const KVPS_SEL_ENTRY& first,
                      SelTable& table) {
     KVPS_SEL_ENTRY* const room = table.Grow(count);
     if (room == nullptr) return PXR_ReportError(MakeResult(kFunction, Reason::OutOfMemory));
-    const uint32_t result = GetSelByDeviceInfo(&next, count, room);
-    const SelDeviceState& state = CurrentSelState();
-    if (state.read == 0) return result;
+    const SelReading reading = GetSelByDeviceInfo(log, next, count, room);
+    if (reading.read == 0) return reading.result;
     table.Hold();
-    Remember(device, next, {room, state.found}, first);
-    table.Keep(state.found - state.withheld);
-    return result;
+    Remember(log, reading.next, {room, reading.found}, first);
+    table.Keep(reading.found - reading.withheld);
+    return reading.result;
 }
 
 /// Clears a log that is nearly full, if all of it was taken.
-uint32_t ClearWhenFull(const DEVICE_INFO& device, const KVPS_SEL_INFO& info, const KVPS_SEL_ENTRY& first) {
+uint32_t ClearWhenFull(const SelLog& log, const SelInfo& info, const KVPS_SEL_ENTRY& first) {
     const uint32_t used = info.entries * uint32_t{sizeof(KVPS_SEL_ENTRY)};
-    if (used == 0 || device.selCount != info.entries || !SameEntry(first, CurrentSelState().first)) return 0;
+    if (used == 0 || log.Device().selCount != info.entries || !SameEntry(first, log.State().first)) return 0;
     if (used * 100 / (used + info.freeSpace) <= kPercentOfFullLog && info.entries < kEntriesOfFullLog) return 0;
     bool unchanged = false;  // what has been logged since would be erased unseen
-    if (const uint32_t rc = AskWhetherUnchanged(device, info, unchanged); rc != 0 || !unchanged) return rc;
-    uint8_t progress = 0;
-    const uint32_t rc =
-        KvPsLockAndClearSel(kFunction, device.address, CurrentSelState().reservation, kEraseInitiate, &progress);
-    if (rc != 0) TraceSelFailure("KvPsLockAndClearSel", rc);
-    return rc;
+    if (const uint32_t rc = AskWhetherUnchanged(log, info, unchanged); rc != 0 || !unchanged) return rc;
+    return log.Clear(kFunction);
 }
 
 /// Takes the new entries of a log that is known.
-uint32_t TakeNewEntries(DEVICE_INFO& device, const KVPS_SEL_INFO& info, const KVPS_SEL_ENTRY& first, SelTable& table) {
-    DEVICE_INFO next = device;
+uint32_t TakeNewEntries(const SelLog& log, const SelInfo& info, const KVPS_SEL_ENTRY& first, SelTable& table) {
+    DEVICE_INFO next = log.Device();
     uint32_t count = 0;
-    if (const uint32_t rc = FindNewEntries(next, info, first, count)) return rc;
-    if (count > 0) return IsStopMarkerMatched() || ShallEnd() ? 0 : TakeEntries(device, next, count, first, table);
-    if (!CurrentSelState().infWritten) {  // it could not be before
-        SaveDeviceInfo(device, device);
-        SaveDatabase(device, {});
+    if (const uint32_t rc = FindNewEntries(log, next, info, first, count)) return rc;
+    if (count > 0) return IsStopMarkerMatched() || ShallEnd() ? 0 : TakeEntries(log, next, count, first, table);
+    if (!log.State().infWritten) {  // it could not be before
+        SaveDeviceInfo(log, log.Device());
+        SaveDatabase(log, {});
     }
-    SaveFirstEntry(device, first);
+    SaveFirstEntry(log, first);
     return 0;
 }
 
-/// Adds the new entries of the current device.
-uint32_t kvPsGetSelDeviceEntries(DEVICE_INFO* device, SelTable& table) {
-    KVPS_SEL_INFO info = {};
-    if (const uint32_t rc = ReserveAndGetInfo(*device, kFunction, &info)) return rc;
+/// Adds the new entries of a log.
+uint32_t kvPsGetSelDeviceEntries(const SelLog& log, SelTable& table) {
+    SelInfo info = {};
+    if (const uint32_t rc = log.ReserveAndGetInfo(kFunction, info)) return rc;
     PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_POLL, "SelCount:%d", info.entries);
-    SavedFirstEntry(*device);
+    SavedFirstEntry(log);
     KVPS_SEL_ENTRY first = kNoFirstEntry;
     uint16_t nextId = kLastRecord;
     if (info.entries > 0) {
-        if (const uint32_t rc = ReadPlain(*device, 0, &nextId, &first)) return rc;
+        if (const uint32_t rc = log.ReadEntry(kFunction, 0, nextId, first)) return rc;
     }
     uint32_t result = 0;
-    if (device->lastTimeStamp == 0) {
-        result = MeetDevice(*device, info, first);
+    if (log.Device().lastTimeStamp == 0) {
+        result = MeetDevice(log, info, first);
     } else if (info.entries == 0) {
-        DEVICE_INFO empty = *device;
+        DEVICE_INFO empty = log.Device();
         empty.selCount = 0;
         empty.nextSelId = 0;
-        SaveDeviceInfo(*device, empty);
-        SaveFirstEntry(*device, first);
+        SaveDeviceInfo(log, empty);
+        SaveFirstEntry(log, first);
     } else {
-        result = TakeNewEntries(*device, info, first, table);
+        result = TakeNewEntries(log, info, first, table);
     }
-    return result != 0 ? result : ClearWhenFull(*device, info, first);
+    return result != 0 ? result : ClearWhenFull(log, info, first);
 }
 
-uint32_t PollDevice(uint32_t index, SelTable& table) {
-    ChooseSelDevice(index);
-    CurrentSelState().cleared = false;
-    if (const uint32_t rc = LoadSELDatabase(&g_stSelDev[index])) return rc;
-    return kvPsGetSelDeviceEntries(&g_stSelDev[index], table);
+uint32_t PollDevice(const SelLog& log, SelTable& table) {
+    log.State().cleared = false;
+    if (const uint32_t rc = LoadSELDatabase(log)) return rc;
+    return kvPsGetSelDeviceEntries(log, table);
 }
 
 /// @return 0 when every device was read, or failed for good; the first cancellation otherwise
-uint32_t PollDevices(SelTable& table) {
+uint32_t PollDevices(IpmiBracket& bracket, SelTable& table) {
     const uint32_t devices = std::min(g_dwSelDevCnt, kMaxDevices);
     std::bitset<kMaxDevices> pending;
     for (uint32_t i = 0; i < devices; ++i) {
         pending.set(i);
-        ChooseSelDevice(i);
-        CurrentSelState().readFlags = KVPS_SEL_CHECK_DATABASE | KVPS_SEL_REPORT_REDETECTION;
+        SelLog(i).State().readFlags = KVPS_SEL_CHECK_DATABASE | KVPS_SEL_REPORT_REDETECTION;
     }
     uint32_t cancelled = 0;
     for (int pass = 0; pass < kPasses && pending.any(); ++pass) {
         for (uint32_t i = 0; i < devices; ++i) {
             if (!pending[i]) continue;
-            const uint32_t rc = PollDevice(i, table);
+            const uint32_t rc = PollDevice(SelLog(i, &bracket), table);
             pending[i] = IsRefusedWith(rc, kReservationCancelled);
             if (pending[i] && cancelled == 0) cancelled = rc;
         }
     }
     return pending.any() ? cancelled : 0;
 }
-
-/// Holds the bracket that the commands of a poll share.
-class PollBracket {
-public:
-    PollBracket() { g_pollBracket = &bracket_; }
-    ~PollBracket() { g_pollBracket = nullptr; }
-    PollBracket(const PollBracket&) = delete;
-    PollBracket& operator=(const PollBracket&) = delete;
-    /// False also when it was lost on the way.
-    explicit operator bool() const { return static_cast<bool>(bracket_); }
-
-private:
-    IpmiBracket bracket_;
-};
 
 }  // namespace
 
@@ -358,8 +326,8 @@ uint32_t KvPsGetSelAllEntries(unsigned long* count, KVPS_SEL_ENTRY** entries) {
     *entries = nullptr;
     SelTable table;
     const std::lock_guard lock(g_selMutex);
-    const PollBracket bracket;
-    uint32_t result = bracket ? PollDevices(table) : 0;
+    IpmiBracket bracket;
+    uint32_t result = bracket ? PollDevices(bracket, table) : 0;
     if (!bracket) result = ReportNotOpened(MakeResult(fn::kGetSelAllEntries, service_reason::kNotOpened));
     // Entries that were taken will not come again: they go out, whatever failed besides.
     if (table.Count() == 0) return result;

@@ -2,11 +2,11 @@
 
 #include <syslog.h>
 
-#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstring>
 
+#include "common/PXR_result.h"
 #include "common/PXR_thread_internal.h"
 #include "lib_driverIF/KvPltfSvcIpmiSelDb_Internal.h"
 #include "libplatform/PXR_trace.h"
@@ -19,11 +19,6 @@ constexpr uint32_t kMessageRedetected = 64021;
 
 }  // namespace
 
-bool IsNotified(const KVPS_SEL_ENTRY& entry) {
-    const std::span<const KVPS_SEL_ENTRY> database = CurrentSelDb();
-    return !database.empty() && SameEntry(database[entry.recordId], entry);
-}
-
 void TraceRedetection(const KVPS_SEL_ENTRY& entry) {
     std::array<uint8_t, sizeof entry> bytes;
     memcpy(bytes.data(), &entry, sizeof entry);
@@ -34,29 +29,18 @@ void TraceRedetection(const KVPS_SEL_ENTRY& entry) {
               "The processed system event log was detected again. SEL=%s\n", text);
 }
 
-void ReportRedetection() {
+void ReportRedetection(const SelLog& log) {
     const CancelBlock block;
     PutSyslogMessage(kMessageRedetected, LOG_INFO);
-    CopyFilesOfRedetection(CurrentSelDevice());
+    CopyFilesOfRedetection(log.Device());
+}
+
+uint32_t CheckRedetection(const SelLog& log, uint32_t function, const KVPS_SEL_ENTRY& entry, uint8_t& flags) {
+    if ((flags & KVPS_SEL_CHECK_DATABASE) == 0 || !log.Knows(entry)) return 0;
+    TraceRedetection(entry);
+    if ((flags & KVPS_SEL_REPORT_REDETECTION) != 0) ReportRedetection(log);
+    flags = static_cast<uint8_t>(flags & ~KVPS_SEL_REPORT_REDETECTION);
+    return PXR_ReportError(MakeResult(function & kFunctionNumbers, kReasonRedetected));
 }
 
 }  // namespace ktx_ipmi
-
-bool IsNotifiedSEL(const KVPS_SEL_ENTRY* entry) {
-    const std::lock_guard lock(g_selMutex);
-    return entry != nullptr && ktx_ipmi::IsNotified(*entry);
-}
-
-void RemoveNotifiedSEL(unsigned long* count, KVPS_SEL_ENTRY* entries) {
-    if (count == nullptr || entries == nullptr) return;
-    const std::lock_guard lock(g_selMutex);
-    const auto end = std::remove_if(entries, entries + *count, [](const KVPS_SEL_ENTRY& entry) {
-        const bool notified = ktx_ipmi::IsNotified(entry);
-        if (notified) ktx_ipmi::TraceRedetection(entry);
-        return notified;
-    });
-    const auto left = static_cast<unsigned long>(end - entries);
-    const bool removed = left != *count;
-    *count = left;
-    if (removed) ktx_ipmi::ReportRedetection();
-}
