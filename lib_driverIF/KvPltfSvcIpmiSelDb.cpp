@@ -53,6 +53,8 @@ uint32_t LoadSelDeviceInfo() {
     for (uint32_t i = 0; i < std::min(g_dwSelDevCnt, kMaxDevices); ++i) {
         const SelLog log(i);
         const uint32_t rc = ReadDeviceInfo(log.Device(), log.State().infWritten);
+        log.State().infUnread = rc != 0;
+        if (rc != 0) PXR_ReportError(rc);
         if (result == 0) result = rc;
     }
     return result;

@@ -46,7 +46,7 @@ constexpr const char* kIpmiLogCopy = KV_LOG_FOLDER "@ipmi@_redetect.log";
 
 constexpr uint8_t kLocatorRecord = 0x12;
 constexpr int kMode = 0644;
-constexpr size_t kRecordsPerWrite = 256;  // 4 KiB
+constexpr size_t kRecordsAtOnce = 256;  // 4 KiB
 
 struct Path {
     char text[128];
@@ -105,12 +105,12 @@ uint32_t ReadDeviceInfo(DEVICE_INFO& device, bool& found) {
     const FileDescriptor file = Open(PathOf(kInf, device), O_RDONLY);
     if (!file) {
         if (errno == ENOENT) return 0;
-        return PXR_ReportError(MakeResult(fn::kLoadSelDeviceInfo, kReasonStateOpen));
+        return MakeResult(fn::kLoadSelDeviceInfo, kReasonStateOpen);
     }
     DEVICE_INFO saved = {};
     for (;;) {
         const int got = FileRead(file.Get(), &saved, sizeof saved);
-        if (got < 0) return PXR_ReportError(MakeResult(fn::kLoadSelDeviceInfo, kReasonStateRead));
+        if (got < 0) return MakeResult(fn::kLoadSelDeviceInfo, kReasonStateRead);
         if (got < static_cast<int>(sizeof saved)) return 0;
         if (!IsSameDevice(saved, device)) continue;
         device.selCount = saved.selCount;
@@ -144,28 +144,32 @@ bool RemoveSavedStates() {
 
 // Database
 
-DatabaseFile ReadDatabase(const DEVICE_INFO& device, std::span<KVPS_SEL_ENTRY> database) {
-    if (!HasFiles(device)) return DatabaseFile::kAbsent;
+SelFile ReadDatabase(const DEVICE_INFO& device, std::span<KVPS_SEL_ENTRY> database) {
+    if (!HasFiles(device)) return SelFile::kAbsent;
     const FileDescriptor file = Open(PathOf(kDb, device), O_RDONLY);
-    if (!file) return errno == ENOENT ? DatabaseFile::kAbsent : DatabaseFile::kUnreadable;
-    const int got = FileRead(file.Get(), database.data(), static_cast<uint32_t>(database.size_bytes()));
-    const size_t whole = got > 0 ? static_cast<size_t>(got) / sizeof database[0] : 0;
-    bool good = whole == database.size();
-    if (!good) memset(&database[whole], 0, (database.size() - whole) * sizeof database[0]);
-    for (size_t id = 0; id < whole; ++id) {
-        if (database[id].recordId == id || IsEmpty(database[id])) continue;
-        database[id] = {};
-        good = false;
+    if (!file) return errno == ENOENT ? SelFile::kAbsent : SelFile::kUnreadable;
+    std::array<KVPS_SEL_ENTRY, kRecordsAtOnce> piece;
+    bool good = true;
+    for (size_t done = 0; done < database.size(); done += piece.size()) {
+        const int got = FileRead(file.Get(), piece.data(), sizeof piece);
+        if (got < 0) return SelFile::kUnreadable;
+        const size_t whole = static_cast<size_t>(got) / sizeof piece[0];
+        for (size_t i = 0; i < whole; ++i) {
+            if (IsEmpty(piece[i])) continue;
+            const bool inPlace = piece[i].recordId == done + i;
+            good = good && inPlace;
+            if (inPlace && IsEmpty(database[done + i])) database[done + i] = piece[i];
+        }
+        if (whole < piece.size()) return SelFile::kDamaged;
     }
-    if (got < 0) return DatabaseFile::kUnreadable;
-    return good ? DatabaseFile::kGood : DatabaseFile::kDamaged;
+    return good ? SelFile::kGood : SelFile::kDamaged;
 }
 
 bool CreateDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> database) {
     if (!HasFiles(device)) return true;
     return ReplaceFile(device, kDb, [database](int fd) {
-        for (size_t done = 0; done < database.size(); done += kRecordsPerWrite) {
-            const auto piece = database.subspan(done, std::min(database.size() - done, kRecordsPerWrite));
+        for (size_t done = 0; done < database.size(); done += kRecordsAtOnce) {
+            const auto piece = database.subspan(done, std::min(database.size() - done, kRecordsAtOnce));
             if (!WriteAt(fd, piece.data(), piece.size_bytes(), OffsetOf(done))) return false;
         }
         return true;
@@ -180,8 +184,7 @@ bool UpdateDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> e
     while (!entries.empty()) {
         // Ids mostly follow each other; one synchronous write for them all.
         size_t run = 1;
-        while (run < std::min(entries.size(), kRecordsPerWrite) &&
-               entries[run].recordId == entries[run - 1].recordId + 1)
+        while (run < std::min(entries.size(), kRecordsAtOnce) && entries[run].recordId == entries[run - 1].recordId + 1)
             ++run;
         if (!WriteAt(file.Get(), entries.data(), run * sizeof entries[0], OffsetOf(entries[0].recordId))) return false;
         entries = entries.subspan(run);
@@ -191,12 +194,16 @@ bool UpdateDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> e
 
 // First entry
 
-std::optional<KVPS_SEL_ENTRY> ReadFirstEntry(const DEVICE_INFO& device) {
-    if (!HasFiles(device)) return std::nullopt;
+SelFile ReadFirstEntry(const DEVICE_INFO& device, std::optional<KVPS_SEL_ENTRY>& first) {
+    if (!HasFiles(device)) return SelFile::kAbsent;
     const FileDescriptor file = Open(PathOf(kFirst, device), O_RDONLY);
-    KVPS_SEL_ENTRY first;
-    if (!file || FileRead(file.Get(), &first, sizeof first) != static_cast<int>(sizeof first)) return std::nullopt;
-    return first;
+    if (!file) return errno == ENOENT ? SelFile::kAbsent : SelFile::kUnreadable;
+    KVPS_SEL_ENTRY entry;
+    const int got = FileRead(file.Get(), &entry, sizeof entry);
+    if (got < 0) return SelFile::kUnreadable;
+    if (got < static_cast<int>(sizeof entry)) return SelFile::kAbsent;
+    first = entry;
+    return SelFile::kGood;
 }
 
 bool WriteFirstEntry(const DEVICE_INFO& device, const KVPS_SEL_ENTRY& first) {
@@ -249,10 +256,10 @@ bool AppendSelLog(std::span<const KVPS_SEL_ENTRY> entries) {
     if (entries.empty()) return true;
     FileDescriptor file = Open(kTextLog, O_RDWR | O_CREAT | O_NOFOLLOW);
     if (!file) return false;
-    std::array<char, kRecordsPerWrite * kRingLine> lines;
+    std::array<char, kRecordsAtOnce * kRingLine> lines;
     unsigned index = ReadRingIndex(file.Get());
     while (!entries.empty()) {
-        const size_t run = std::min({entries.size(), kRecordsPerWrite, static_cast<size_t>(kRingLines - index)});
+        const size_t run = std::min({entries.size(), kRecordsAtOnce, static_cast<size_t>(kRingLines - index)});
         for (size_t i = 0; i < run; ++i)
             PutRingLine(&lines[i * kRingLine], index + static_cast<unsigned>(i), entries[i]);
         const auto offset = off_t{kRingHeader} + off_t{index} * off_t{kRingLine};

@@ -31,13 +31,15 @@ bool SameEntry(const KVPS_SEL_ENTRY& a, const KVPS_SEL_ENTRY& b);
 
 /// What the process knows about a log besides its entry in g_stSelDev and its database.
 struct SelLogState {
-    bool loaded = false;                   ///< the database is in memory
-    bool dbBehind = false;                 ///< its file lacks what is in memory
-    bool dbPartial = false;                ///< memory lacks what may be in the file, which could not be read
-    bool infWritten = false;               ///< the entry is on disk as it is in memory
-    bool firstLoaded = false;              ///< the first entry was looked for on disk
-    bool firstWritten = false;             ///< and stands there
-    KVPS_SEL_ENTRY first = kNoFirstEntry;  ///< first entry of the log when the state was last saved
+    bool infUnread = false;   ///< there is a saved state, but it could not be read: nothing is decided without it
+    bool infNoted = false;    ///< that has been told
+    bool infWritten = false;  ///< the entry is on disk as it is in memory
+    bool loaded = false;      ///< the database is in memory
+    bool dbBehind = false;    ///< its file lacks what is in memory
+    bool dbPartial = false;   ///< memory lacks what may be in the file, which could not be read yet
+    std::optional<KVPS_SEL_ENTRY> first;  ///< first entry of the log when the state was last saved, if known
+    bool firstMissing = false;            ///< it is not, because there is no file
+    bool firstWritten = false;            ///< it is on disk
 
     // Of the poll under way.
     bool cleared = false;      ///< the log was cleared while it was read whole
@@ -119,25 +121,34 @@ uint32_t CheckRedetection(const SelLog& log, uint32_t function, const KVPS_SEL_E
 
 /// Reads the log, from its beginning, into the database in memory.
 uint32_t GetSel(const SelLog& log);
-/// Loads the database, once: from its file, or else from the log.
+/// Loads the database, once: from its file, or else from the log. A file that cannot be read now is read by the next
+/// call; until then what is in memory serves.
 uint32_t LoadSELDatabase(const SelLog& log);
-/// The first entry that was saved last, read from disk once per process.
-const KVPS_SEL_ENTRY& SavedFirstEntry(const SelLog& log);
+/// How a log begins, compared with what it began with when its state was saved.
+enum class FirstEntry {
+    kSame,
+    kOther,
+    kMissing,     ///< there is nothing to compare with
+    kUnreadable,  ///< there is, but it cannot be read now
+};
+FirstEntry CompareFirstEntry(const SelLog& log, const KVPS_SEL_ENTRY& first);
 
 // Files. Only devices that a locator record named have them: for others nothing is found, and writing succeeds.
 
-/// Looks up the device's saved state. @param found  set when there is one @return 0, or the code of the failure
+/// Looks up the device's saved state. @param found  set when there is one
+/// @return 0, or the code of the failure, which is the caller's to report
 uint32_t ReadDeviceInfo(DEVICE_INFO& device, bool& found);
 bool WriteDeviceInfo(const DEVICE_INFO& device);
 /// Removes the saved states and first entries of all devices, durably, of those too that this start has not found.
 bool RemoveSavedStates();
-enum class DatabaseFile { kGood, kAbsent, kDamaged, kUnreadable };
-/// @param database  all zero; of a damaged file it holds what is good
-DatabaseFile ReadDatabase(const DEVICE_INFO& device, std::span<KVPS_SEL_ENTRY> database);
+enum class SelFile { kGood, kAbsent, kDamaged, kUnreadable };
+/// @param database  receives what is good of the file, where it is empty: what is there is newer
+SelFile ReadDatabase(const DEVICE_INFO& device, std::span<KVPS_SEL_ENTRY> database);
 bool CreateDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> database);
 /// Puts entries at their places in the file.
 bool UpdateDatabase(const DEVICE_INFO& device, std::span<const KVPS_SEL_ENTRY> entries);
-std::optional<KVPS_SEL_ENTRY> ReadFirstEntry(const DEVICE_INFO& device);
+/// @param first  untouched unless kGood is returned; a file without an entry is kAbsent
+SelFile ReadFirstEntry(const DEVICE_INFO& device, std::optional<KVPS_SEL_ENTRY>& first);
 bool WriteFirstEntry(const DEVICE_INFO& device, const KVPS_SEL_ENTRY& first);
 /// Appends lines to the text log of all entries.
 bool AppendSelLog(std::span<const KVPS_SEL_ENTRY> entries);

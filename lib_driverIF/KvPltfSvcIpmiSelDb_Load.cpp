@@ -1,7 +1,5 @@
 // Loading a device's database: from its file, or from the log itself.
 
-#include <cstring>
-
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
 #include "lib_driverIF/KvPltfSvcIpmiSelDb_Internal.h"
@@ -36,21 +34,22 @@ uint32_t ReadEntry(const SelLog& log, uint16_t id, uint16_t& nextId, KVPS_SEL_EN
 /// looked: as long as the database does not know them they will be handed out.
 uint32_t KnownEntries(const SelLog& log, const SelInfo& info, const KVPS_SEL_ENTRY& first) {
     if (log.Device().lastTimeStamp == 0) return kSelDbRecords;  // what is there at first sight is old
-    if (log.Device().selCount > info.entries || !SameEntry(first, SavedFirstEntry(log))) return 0;
-    return log.Device().selCount;
+    if (log.Device().selCount > info.entries) return 0;
+    const FirstEntry compared = CompareFirstEntry(log, first);
+    return compared == FirstEntry::kSame || compared == FirstEntry::kUnreadable ? log.Device().selCount : 0;
 }
 
 }  // namespace
 
-const KVPS_SEL_ENTRY& SavedFirstEntry(const SelLog& log) {
+FirstEntry CompareFirstEntry(const SelLog& log, const KVPS_SEL_ENTRY& first) {
     SelLogState& state = log.State();
-    if (!state.firstLoaded) {
-        const auto saved = ReadFirstEntry(log.Device());
-        state.first = saved.value_or(kNoFirstEntry);
-        state.firstWritten = saved.has_value();
-        state.firstLoaded = true;
+    if (!state.first && !state.firstMissing) {
+        const SelFile file = ReadFirstEntry(log.Device(), state.first);
+        state.firstMissing = file == SelFile::kAbsent;
+        state.firstWritten = file == SelFile::kGood;
     }
-    return state.first;
+    if (state.first) return SameEntry(first, *state.first) ? FirstEntry::kSame : FirstEntry::kOther;
+    return state.firstMissing ? FirstEntry::kMissing : FirstEntry::kUnreadable;
 }
 
 uint32_t GetSel(const SelLog& log) {
@@ -82,19 +81,17 @@ uint32_t LoadSELDatabase(const SelLog& log) {
     if (state.loaded) return 0;
     if (!log.MakeDatabase()) return PXR_ReportError(MakeResult(kFunction, Reason::OutOfMemory));
     if (log.Device().lastTimeStamp != 0) {
-        const DatabaseFile file = ReadDatabase(log.Device(), log.Database());
-        state.dbBehind = file == DatabaseFile::kDamaged;
-        state.dbPartial = file == DatabaseFile::kUnreadable;
-        if (state.dbBehind || state.dbPartial) NoteDatabaseFailure(MakeResult(kFunction, Reason::FileRead));
-        if (file != DatabaseFile::kAbsent) {
-            state.loaded = true;
-            return 0;
+        const SelFile file = ReadDatabase(log.Device(), log.Database());
+        const bool unreadable = file == SelFile::kUnreadable;
+        if (file == SelFile::kDamaged || (unreadable && !state.dbPartial)) {
+            NoteDatabaseFailure(MakeResult(kFunction, Reason::FileRead));
         }
+        if (file == SelFile::kDamaged) state.dbBehind = true;
+        state.dbPartial = unreadable;
+        state.loaded = file == SelFile::kGood || file == SelFile::kDamaged;
+        if (state.loaded || unreadable) return 0;
     }
-    if (const uint32_t rc = GetSel(log)) {
-        memset(log.Database().data(), 0, log.Database().size_bytes());
-        return rc;
-    }
+    if (const uint32_t rc = GetSel(log)) return rc;
     state.dbBehind = !CreateDatabase(log.Device(), log.Database());
     if (state.dbBehind) NoteDatabaseFailure(MakeResult(kFunction, Reason::FileWrite));
     state.loaded = true;

@@ -80,7 +80,7 @@ void SaveDeviceInfo(const SelLog& log, const DEVICE_INFO& now) {
 void SaveFirstEntry(const SelLog& log, const KVPS_SEL_ENTRY& first) {
     const CancelBlock block;
     SelLogState& state = log.State();
-    if (SameEntry(first, state.first) && state.firstWritten) return;
+    if (state.first && SameEntry(first, *state.first) && state.firstWritten) return;
     state.first = first;
     state.firstWritten = state.infWritten && WriteFirstEntry(log.Device(), first);
 }
@@ -91,13 +91,13 @@ void SaveFirstEntry(const SelLog& log, const KVPS_SEL_ENTRY& first) {
 void SaveDatabase(const SelLog& log, std::span<const KVPS_SEL_ENTRY> found) {
     SelLogState& state = log.State();
     if (found.empty() && !state.dbBehind) return;
+    const bool whole = state.dbBehind && !state.dbPartial;
     bool written = false;
     if (state.infWritten) {
-        const bool whole = state.dbBehind && !state.dbPartial;
         written = whole ? CreateDatabase(log.Device(), log.Database()) : UpdateDatabase(log.Device(), found);
         if (!written) NoteDatabaseFailure(kNotWritten);
     }
-    state.dbBehind = !written;
+    if (whole || !state.dbBehind) state.dbBehind = !written;
 }
 
 void Remember(const SelLog& log, const DEVICE_INFO& now, std::span<const KVPS_SEL_ENTRY> found,
@@ -178,7 +178,10 @@ uint32_t StepPastLastEntry(const SelLog& log, DEVICE_INFO& next, const SelInfo& 
 uint32_t FindNewEntries(const SelLog& log, DEVICE_INFO& next, const SelInfo& info, const KVPS_SEL_ENTRY& first,
                         uint32_t& count) {
     const uint32_t taken = next.selCount;
-    const bool sameFirst = SameEntry(first, SavedFirstEntry(log));
+    const FirstEntry compared = CompareFirstEntry(log, first);
+    // Where nothing tells what was taken but the number of entries, that has to do.
+    const bool sameFirst =
+        compared == FirstEntry::kSame || (compared == FirstEntry::kUnreadable && log.State().dbPartial);
     next.selCount = info.entries;
     count = 0;
     if (taken == info.entries && sameFirst) return 0;
@@ -240,7 +243,8 @@ uint32_t TakeEntries(const SelLog& log, const DEVICE_INFO& next, uint32_t count,
 /// Clears a log that is nearly full, if all of it was taken.
 uint32_t ClearWhenFull(const SelLog& log, const SelInfo& info, const KVPS_SEL_ENTRY& first) {
     const uint32_t used = info.entries * uint32_t{sizeof(KVPS_SEL_ENTRY)};
-    if (used == 0 || log.Device().selCount != info.entries || !SameEntry(first, log.State().first)) return 0;
+    if (used == 0 || log.Device().selCount != info.entries) return 0;
+    if (CompareFirstEntry(log, first) != FirstEntry::kSame) return 0;
     if (used * 100 / (used + info.freeSpace) <= kPercentOfFullLog && info.entries < kEntriesOfFullLog) return 0;
     bool unchanged = false;  // what has been logged since would be erased unseen
     if (const uint32_t rc = AskWhetherUnchanged(log, info, unchanged); rc != 0 || !unchanged) return rc;
@@ -266,7 +270,6 @@ uint32_t kvPsGetSelDeviceEntries(const SelLog& log, SelTable& table) {
     SelInfo info = {};
     if (const uint32_t rc = log.ReserveAndGetInfo(kFunction, info)) return rc;
     PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_POLL, "SelCount:%d", info.entries);
-    SavedFirstEntry(log);
     KVPS_SEL_ENTRY first = kNoFirstEntry;
     uint16_t nextId = kLastRecord;
     if (info.entries > 0) {
@@ -287,7 +290,18 @@ uint32_t kvPsGetSelDeviceEntries(const SelLog& log, SelTable& table) {
     return result != 0 ? result : ClearWhenFull(log, info, first);
 }
 
+/// A state that could not be read at start is read now. Without it the device is neither met nor is its file touched.
+uint32_t LoadDeviceInfo(const SelLog& log) {
+    SelLogState& state = log.State();
+    if (!state.infUnread) return 0;
+    const uint32_t rc = ReadDeviceInfo(log.Device(), state.infWritten);
+    state.infUnread = rc != 0;
+    if (rc != 0 && !std::exchange(state.infNoted, true)) NoteDatabaseFailure(rc);
+    return rc;
+}
+
 uint32_t PollDevice(const SelLog& log, SelTable& table) {
+    if (const uint32_t rc = LoadDeviceInfo(log)) return rc;
     log.State().cleared = false;
     if (const uint32_t rc = LoadSELDatabase(log)) return rc;
     return kvPsGetSelDeviceEntries(log, table);

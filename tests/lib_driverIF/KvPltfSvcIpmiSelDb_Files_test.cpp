@@ -138,6 +138,38 @@ TEST_F(SelDbFiles, TheAlertOfAFailedDatabaseJoinsTheOthers) {
     unsetenv("LANG");
 }
 
+TEST_F(SelDbFiles, WhatCannotBeReadForAMomentIsReadLater) {
+    const auto hide = [](const std::string& name) {
+        std::filesystem::rename(Path(name), Path(name + ".away"));
+        std::filesystem::create_symlink(name, Path(name));  // cannot be opened
+    };
+    const auto show = [](const std::string& name) {
+        if (std::filesystem::is_symlink(Path(name))) std::filesystem::rename(Path(name + ".away"), Path(name));
+    };
+    for (const std::vector<std::string>& files :
+         std::vector<std::vector<std::string>>{{kInf}, {kDb}, {kFirst}, {kDb, kFirst}, {kInf, kDb, kFirst}}) {
+        Run([&] {
+            SCOPED_TRACE(testing::PrintToString(files));
+            const bool noState = files[0] == kInf;
+            StartWith(3);
+            Log(2);  // while no agent runs
+            std::ranges::for_each(files, hide);
+            EXPECT_EQ(noState ? 0x605CB301U : 0U, Start());
+            EXPECT_EQ(kSelDbGood, g_eSelDbFileStat);
+            Numbers given = Poll();
+            EXPECT_EQ(noState, given.empty());
+            EXPECT_EQ(noState || files[0] == kDb ? kSelDbFailed : kSelDbGood, g_eSelDbFileStat);
+            std::ranges::for_each(files, show);
+            for (const unsigned number : Poll())
+                given.push_back(number);
+            EXPECT_THAT(given, ElementsAre(4, 5));
+            const std::vector<sim::SelEntry> old = Bmc().Sel()->Entries();
+            Bmc().Sel()->Rewrite({EventAt(90, 90), old[0], old[1], old[2], old[3], old[4]});
+            EXPECT_THAT(Poll(), ElementsAre(90)) << "the old ones are known again";
+        });
+    }
+}
+
 TEST_ON_MACHINE(SelDbFiles, NoLinkIsFollowedToAnotherFile) {
     const auto plant = [](const char* name) {
         Remove(name);
