@@ -34,8 +34,10 @@ void InitializeSELDatabase() {
 
 void TerminateSELDatabase() {
     const std::lock_guard lock(g_selMutex);
-    for (uint32_t i = 0; i < kMaxDevices; ++i)
-        SelLog(i).FreeDatabase();
+    for (uint32_t i = 0; i < kMaxDevices; ++i) {
+        const SelLog log(i);
+        if (SaveWhatIsBehind(log)) log.FreeDatabase();  // else it is all that knows what was handed out
+    }
 }
 
 uint32_t LoadSelDeviceInfo() {

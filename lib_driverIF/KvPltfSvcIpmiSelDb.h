@@ -39,7 +39,7 @@ extern SelMarker fs_stSeldef[2];
 
 /// At start-up, before the SEL devices are looked for: forgets everything but the files.
 void InitializeSELDatabase();
-/// Frees the databases; the next poll loads them again.
+/// Frees the databases; the next poll loads them again. One that is ahead of its file is written first, or else kept.
 void TerminateSELDatabase();
 /// At start-up, outside of any bracket: gives each SEL device the state that was saved for it.
 /// @return 0; 0x605CB11D the hardware was replaced, nothing is taken over; 0x605CB301, 0x605CB302 a file could not be

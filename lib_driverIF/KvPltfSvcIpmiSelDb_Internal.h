@@ -133,6 +133,16 @@ enum class FirstEntry {
 };
 FirstEntry CompareFirstEntry(const SelLog& log, const KVPS_SEL_ENTRY& first);
 
+// Saving
+
+/// Records what was taken: from the state on disk on it counts as such. What the files lacked before is written, too.
+/// @param first  of the log now
+/// @param found  new entries
+void Save(const SelLog& log, const DEVICE_INFO& now, const KVPS_SEL_ENTRY& first,
+          std::span<const KVPS_SEL_ENTRY> found);
+/// Writes what the state and the database in memory are ahead of their files. @return whether nothing is left of that
+bool SaveWhatIsBehind(const SelLog& log);
+
 // Files. Only devices that a locator record named have them: for others nothing is found, and writing succeeds.
 
 /// Looks up the device's saved state. @param found  set when there is one

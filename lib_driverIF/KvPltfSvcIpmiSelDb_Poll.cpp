@@ -21,7 +21,6 @@ namespace {
 
 constexpr uint32_t kFunction = fn::kGetSelDeviceEntries;
 constexpr int kPasses = 4;
-constexpr uint32_t kNotWritten = MakeResult(kFunction, Reason::FileWrite);
 
 constexpr uint32_t kEntriesOfFullLog = 500;
 constexpr uint32_t kPercentOfFullLog = 80;
@@ -64,54 +63,6 @@ uint32_t TimeOf(const KVPS_SEL_ENTRY& entry) {
     return ByteReader(entry.timeStamp).U32();
 }
 
-// Saving
-
-void SaveDeviceInfo(const SelLog& log, const DEVICE_INFO& now) {
-    const CancelBlock block;  // memory and disk say the same
-    DEVICE_INFO& device = log.Device();
-    SelLogState& state = log.State();
-    if (memcmp(&device, &now, sizeof now) == 0 && state.infWritten) return;
-    state.infWritten = WriteDeviceInfo(now);
-    if (!state.infWritten) NoteDatabaseFailure(kNotWritten);
-    device = now;
-}
-
-// A first entry belongs to a state: without the one on disk the other would make later entries look old.
-void SaveFirstEntry(const SelLog& log, const KVPS_SEL_ENTRY& first) {
-    const CancelBlock block;
-    SelLogState& state = log.State();
-    if (state.first && SameEntry(first, *state.first) && state.firstWritten) return;
-    state.first = first;
-    state.firstWritten = state.infWritten && WriteFirstEntry(log.Device(), first);
-}
-
-/// A file that fell behind, because the state or the entries could not be written, is written whole: entries that it
-/// did not know would be taken for new ones when the log shows them again.
-/// @param found  entries that are in memory since the last call
-void SaveDatabase(const SelLog& log, std::span<const KVPS_SEL_ENTRY> found) {
-    SelLogState& state = log.State();
-    if (found.empty() && !state.dbBehind) return;
-    const bool whole = state.dbBehind && !state.dbPartial;
-    bool written = false;
-    if (state.infWritten) {
-        written = whole ? CreateDatabase(log.Device(), log.Database()) : UpdateDatabase(log.Device(), found);
-        if (!written) NoteDatabaseFailure(kNotWritten);
-    }
-    if (whole || !state.dbBehind) state.dbBehind = !written;
-}
-
-void Remember(const SelLog& log, const DEVICE_INFO& now, std::span<const KVPS_SEL_ENTRY> found,
-              const KVPS_SEL_ENTRY& first) {
-    SaveDeviceInfo(log, now);
-    for (const KVPS_SEL_ENTRY& entry : found)
-        log.Database()[entry.recordId] = entry;
-    SaveDatabase(log, found);
-    SaveFirstEntry(log, first);
-    if (!AppendSelLog(found)) {
-        PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "Ipmi_sel.log update failure.");
-    }
-}
-
 // Deciding
 
 /// @param id  out: of the last entry of the log
@@ -149,8 +100,7 @@ uint32_t MeetDevice(const SelLog& log, const SelInfo& info, const KVPS_SEL_ENTRY
         bool unchanged = false;
         if (const uint32_t rc = AskWhetherUnchanged(log, info, unchanged); rc != 0 || !unchanged) return rc;
     }
-    SaveDeviceInfo(log, met);
-    SaveFirstEntry(log, first);
+    Save(log, met, first, {});
     return 0;
 }
 
@@ -235,7 +185,7 @@ uint32_t TakeEntries(const SelLog& log, const DEVICE_INFO& next, uint32_t count,
     const SelReading reading = GetSelByDeviceInfo(log, next, count, room);
     if (reading.read == 0) return reading.result;
     table.Hold();
-    Remember(log, reading.next, {room, reading.found}, first);
+    Save(log, reading.next, first, {room, reading.found});
     table.Keep(reading.found - reading.withheld);
     return reading.result;
 }
@@ -257,11 +207,7 @@ uint32_t TakeNewEntries(const SelLog& log, const SelInfo& info, const KVPS_SEL_E
     uint32_t count = 0;
     if (const uint32_t rc = FindNewEntries(log, next, info, first, count)) return rc;
     if (count > 0) return IsStopMarkerMatched() || ShallEnd() ? 0 : TakeEntries(log, next, count, first, table);
-    if (!log.State().infWritten) {  // it could not be before
-        SaveDeviceInfo(log, log.Device());
-        SaveDatabase(log, {});
-    }
-    SaveFirstEntry(log, first);
+    Save(log, log.Device(), first, {});  // what could not be before
     return 0;
 }
 
@@ -282,8 +228,7 @@ uint32_t kvPsGetSelDeviceEntries(const SelLog& log, SelTable& table) {
         DEVICE_INFO empty = log.Device();
         empty.selCount = 0;
         empty.nextSelId = 0;
-        SaveDeviceInfo(log, empty);
-        SaveFirstEntry(log, first);
+        Save(log, empty, first, {});
     } else {
         result = TakeNewEntries(log, info, first, table);
     }

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <optional>
 
 #include "tests/support/FullDisk.h"
 #include "tests/support/SelMachine.h"
@@ -220,15 +221,26 @@ TEST_F(SelDbFiles, AFullDiskOrAFolderThatCannotBeWrittenKeepsNothingBack) {
         EXPECT_EQ(5U, NumberOf(ReadDb(5))) << "the entries too";
         Start();
         EXPECT_THAT(Poll(), IsEmpty());
+        for (const bool roomAtTheEnd : {false, true}) {
+            auto full = std::make_optional<FullDisk>();
+            Log(1);
+            EXPECT_THAT(Poll(), SizeIs(1));
+            if (roomAtTheEnd) full.reset();
+            TerminateSELDatabase();  // as after an open that fails for a moment
+            full.reset();
+            if (!roomAtTheEnd) Poll();
+            const std::string db = Read(kDb);
+            EXPECT_TRUE(memmem(db.data(), db.size(), &Bmc().Sel()->Entries().back(), 16) != nullptr) << roomAtTheEnd;
+        }
 
         ASSERT_EQ(0, mount("sel", kFolder, "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr));
         Log(2);
-        EXPECT_THAT(Poll(), ElementsAre(6, 7));
+        EXPECT_THAT(Poll(), ElementsAre(8, 9));
         EXPECT_EQ(kSelDbFailed, g_eSelDbFileStat);
         ASSERT_EQ(0, mount("sel", kFolder, "tmpfs", MS_REMOUNT, nullptr));
         Log(1);
-        EXPECT_THAT(Poll(), ElementsAre(8));
-        EXPECT_EQ(8, ReadInf().selCount);
+        EXPECT_THAT(Poll(), ElementsAre(10));
+        EXPECT_EQ(10, ReadInf().selCount);
     });
     Run([this] {
         const FullDisk full;
