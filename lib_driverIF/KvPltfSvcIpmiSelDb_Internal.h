@@ -41,8 +41,9 @@ struct SelLogState {
     bool firstMissing = false;            ///< it is not, because there is no file
     bool firstWritten = false;            ///< it is on disk
 
+    bool cleared = false;  ///< the log was cleared while it was read whole, and has not been met since
+
     // Of the poll under way.
-    bool cleared = false;      ///< the log was cleared while it was read whole
     uint16_t reservation = 0;  ///< 0 where the device knows none
     uint8_t readFlags = 0;     ///< of KvPsLockAndGetSelEntry
 };

@@ -53,6 +53,7 @@ FirstEntry CompareFirstEntry(const SelLog& log, const KVPS_SEL_ENTRY& first) {
 }
 
 uint32_t GetSel(const SelLog& log) {
+    log.State().cleared = false;
     SelInfo info = {};
     if (const uint32_t rc = log.ReserveAndGetInfo(kFunction, info)) return rc;
     if (info.entries == 0) return 0;

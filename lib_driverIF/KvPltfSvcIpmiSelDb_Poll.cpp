@@ -101,6 +101,7 @@ uint32_t MeetDevice(const SelLog& log, const SelInfo& info, const KVPS_SEL_ENTRY
         if (const uint32_t rc = AskWhetherUnchanged(log, info, unchanged); rc != 0 || !unchanged) return rc;
     }
     Save(log, met, first, {});
+    log.State().cleared = false;
     return 0;
 }
 
@@ -247,7 +248,6 @@ uint32_t LoadDeviceInfo(const SelLog& log) {
 
 uint32_t PollDevice(const SelLog& log, SelTable& table) {
     if (const uint32_t rc = LoadDeviceInfo(log)) return rc;
-    log.State().cleared = false;
     if (const uint32_t rc = LoadSELDatabase(log)) return rc;
     return kvPsGetSelDeviceEntries(log, table);
 }

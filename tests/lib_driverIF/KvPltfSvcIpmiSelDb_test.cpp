@@ -375,16 +375,18 @@ TEST_F(SelDb, AFirstReadingSurvivesRefusals) {
         EXPECT_FALSE(Exists(kDb));
         EXPECT_EQ(18U, Bmc().Count(kStorage, kGetEntry)) << "four attempts in each pass";
     });
-    Run([this] {
-        Log(6);
-        server.OnCommand(kStorage, kGetEntry, [this, n = 0](const auto&, const auto& answer) mutable {
-            if (++n == 3) ClearAndLog(2);
-            return answer();
+    for (const int cancelled : {0, 4}) {  // in a pass behind that which saw the clearing
+        Run([&] {
+            Log(6);
+            server.OnCommand(kStorage, kGetEntry, [=, this, n = 0](const auto&, const auto& answer) mutable {
+                if (++n == 3) ClearAndLog(2);
+                return n == cancelled ? sim::Response{sim::cc::kReservationCancelled, {}} : answer();
+            });
+            Start();
+            EXPECT_THAT(Poll(), IsEmpty());
+            EXPECT_THAT(Poll(), ElementsAre(7, 8)) << "logged behind the clearing, under our eyes";
         });
-        Start();
-        EXPECT_THAT(Poll(), IsEmpty());
-        EXPECT_THAT(Poll(), ElementsAre(7, 8)) << "logged behind the clearing, under our eyes";
-    });
+    }
 }
 
 TEST_ON_MACHINE(SelDb, FailuresOfTheDriverAndOfCommands) {
