@@ -11,7 +11,7 @@
 uint32_t KvPsGetDeviceId(KVPS_DEVICE_ID* out) {
     if (out == nullptr) return ktx_ipmi::ReportNull();
     const ktx_ipmi::IpmiBracket bracket;
-    if (!bracket) return PXR_ReportError(ktx_ipmi::reason::kNotOpened);
+    if (!bracket) return ktx_ipmi::ReportNotOpened(ktx_ipmi::reason::kNotOpened);
     ktx_ipmi::DeviceId id{};
     if (const uint32_t rc = ktx_ipmi::GetDeviceId(bracket.Handle(), ktx_ipmi::kBmcAddress, &id)) return rc;
     static_assert(sizeof *out == sizeof id);

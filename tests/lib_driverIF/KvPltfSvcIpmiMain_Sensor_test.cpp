@@ -91,9 +91,6 @@ TEST_F(Sensors, AReadingThatFailsHasItsCode) {
         EXPECT_EQ(0U, KvPsGetSensorData(0x20, 0, 9, &data)) << "a sensor without record";
         EXPECT_EQ(0, data.sensorType);
         EXPECT_EQ(0x6000B109U, KvPsGetSensorData(0x21, 0, 5, &data)) << "software";
-        EXPECT_EQ(0x60004201U, KvPsGetSensorData(0x20, 0, 5, nullptr));
-        FailToOpen();
-        EXPECT_EQ(0x6054B104U, KvPsGetSensorData(0x20, 0, 5, &data));
         KvPsTerminateIpmi();
         EXPECT_EQ(0x6049B106U, KvPsGetSensorData(0x20, 0, 5, &data)) << "no records any more";
     });
@@ -123,7 +120,6 @@ TEST_F(Sensors, AListOfSensorsTakesOneOpeningAndOneCommandEach) {
         EXPECT_EQ(0U, KvPsGetSensorDataList(records, 1, data.data(), results.data()));
         EXPECT_EQ(0x6000B100U, results[0]);
         EXPECT_EQ(3U, Bmc().Count());
-        EXPECT_EQ(0x60004201U, KvPsGetSensorDataList(records, 1, data.data(), nullptr));
         FailToOpen();
         EXPECT_EQ(0x6054B104U, KvPsGetSensorDataList(records, count, data.data(), results.data()));
         EXPECT_THAT(results, testing::Each(0x6054B104U));
@@ -150,9 +146,6 @@ TEST_F(Sensors, SingleFields) {
             EXPECT_EQ(result, KvPsGetEntityInstance(owner, lun, sensor, &instance));
             EXPECT_EQ(result, KvPsGetSensorIdString(owner, lun, sensor, name));
         }
-        EXPECT_EQ(0x60004201U, KvPsGetEntityId(0x20, 4, 254, nullptr));
-        EXPECT_EQ(0x60004201U, KvPsGetEntityInstance(0x20, 0, 254, nullptr));
-        EXPECT_EQ(0x60004201U, KvPsGetSensorIdString(0x20, 0, 254, nullptr));
         KvPsTerminateIpmi();
         EXPECT_EQ(2014U, KvPsGetEntityId(0x20, 0, 254, &id));
     });
@@ -170,10 +163,7 @@ TEST_F(Sensors, FactorsReplaceTheLastSixConversionBytes) {
               Case{0x20, 0, 99, 0x605BB107}}) {
             EXPECT_EQ(result, KvPsGetSensorConvert(owner, lun, sensor, 0, conversion));
         }
-        EXPECT_EQ(0x605B4201U, KvPsGetSensorConvert(0x20, 0, 5, 0, nullptr));
         EXPECT_EQ(2U, Bmc().Count(kSensorEvent, kGetFactors)) << "what cannot be is not asked";
-        FailToOpen();
-        EXPECT_EQ(0x605BB104U, KvPsGetSensorConvert(0x20, 0, 5, 0, conversion));
         EXPECT_THAT(conversion, ElementsAre(1, 2, 3, 4, 11, 12, 13, 14, 15, 16));
     });
 }
@@ -192,10 +182,6 @@ TEST_F(Sensors, RecordsOfAKindComeInTableOrder) {
         EXPECT_EQ(reinterpret_cast<SDR**>(&count), array);
         EXPECT_EQ(0U, KvPsGetSdrData(kProcessor, kTemperature, &count, nullptr));
         EXPECT_EQ(3U, count);
-        EXPECT_EQ(0x60004201U, KvPsGetSdrData(kProcessor, kTemperature, nullptr, nullptr));
-
-        SDR* records = nullptr;
-        EXPECT_EQ(0x60004201U, KvPsGetAllSdrData(nullptr, &records));
     });
 }
 
@@ -246,8 +232,6 @@ TEST_F(Sensors, StartUpGoesToTheBmcsOwnAddressAndSetsItsClock) {
 
 TEST_F(Sensors, StartUpThatFailsLeavesNothingHeld) {
     Run([this] {
-        FailToOpen();
-        EXPECT_EQ(0x6050B104U, KvPsInitializeIpmi());
         EXPECT_EQ(0x6050B105U, KvPsInitializeIpmi()) << "no sensors";
         Add(5, "CPU Temp");
         ASSERT_EQ(0U, KvPsInitializeIpmi());

@@ -390,10 +390,6 @@ TEST_F(SelDb, AFirstReadingSurvivesRefusals) {
 }
 
 TEST_ON_MACHINE(SelDb, FailuresOfTheDriverAndOfCommands) {
-    unsigned long count = 0;
-    KVPS_SEL_ENTRY* entries = nullptr;
-    EXPECT_EQ(0x60524201U, KvPsGetSelAllEntries(nullptr, &entries));
-    EXPECT_EQ(0x60524201U, KvPsGetSelAllEntries(&count, nullptr));
     StartWith(2);
     Log(2);
     FailToOpen();
@@ -422,8 +418,6 @@ TEST_ON_MACHINE(SelDb, ALockedOperationHasItsCallersNumberWhereTheDriverFails) {
         EXPECT_EQ(getEntry, KvPsLockAndGetSelEntry(0x7B, 0x20, reservation, 0xFFFF, &nextId, &entry, 3));
         EXPECT_EQ(clear, KvPsLockAndClearSel(0x7B, 0x20, reservation, 0xAA, &progress));
     };
-    FailToOpen(4);
-    all(0x607BB104, 0x607BB104, 0x607BB104, 0x607BB104);
     all(0, 0, 0, 0);
     EXPECT_EQ(2U, NumberOf(entry));
     EXPECT_EQ(0xFFFF, nextId);
@@ -433,7 +427,6 @@ TEST_ON_MACHINE(SelDb, ALockedOperationHasItsCallersNumberWhereTheDriverFails) {
     EXPECT_EQ(1, progress);
     EXPECT_TRUE(Bmc().Sel()->Entries().empty());
     all(0, 0, 0x6033B2CB, 0);
-    EXPECT_EQ(0x6000B116U, KvPsLockAndGetSelInfo(0x7B, 0x20, nullptr));
     EXPECT_EQ(0x6000B109U, KvPsLockAndGetSelInfo(0x7B, 0x21, &info));
 
     StartWith(1);
@@ -579,7 +572,6 @@ TEST_ON_MACHINE(SelDb, SystemLogLinesCarryTheirLevelAndASensorIsNotThere) {
     unsigned long flag = 9;
     EXPECT_EQ(0x6000B103U, IsSensorExist(0x20, 0, 1, &flag)) << "no records are loaded";
     EXPECT_EQ(0U, flag);
-    EXPECT_EQ(0x60004201U, IsSensorExist(0x20, 0, 1, nullptr));
     SyslogListener syslog;
     for (const int priority : {0, 1, 2, 3, 4, 5, 6, 7})
         PutSyslogMessage(64016, priority);  // there is none of that number in set 6

@@ -81,7 +81,6 @@ TEST_F(SmbiosQuery, GroupsStructuresByType) {
     KVPS_SMBIOS_TPHEAD** array = nullptr;
     for (const uint8_t type : Bytes{128, 254})
         EXPECT_EQ(0x611A4202U, KvPsGetTypeData(type, &count, &array));
-    EXPECT_EQ(0x611A4202U, KvPsGetTypeData(1, nullptr, &array));
 }
 
 TEST_F(SmbiosQuery, HandsOutTheEntryPoint) {
@@ -101,7 +100,6 @@ TEST_F(SmbiosQuery, SystemInformation) {
     EXPECT_EQ("", System(4)) << "string number 0";
     EXPECT_EQ("00ff807f-0ab0-c1d2-e3f4-05162738495a", System(8));
     EXPECT_EQ(std::to_string(0x60D04202U), System(25));
-    EXPECT_EQ(0x60D04202U, KvPsGetSystemInformation(5, nullptr));
 
     SmbiosImage image;
     image.Add(SmbiosStructure(1, 1, 9).String(4, "Old").Put(8, {0xAB}));  // version 2.0, cut in the UUID
@@ -138,8 +136,6 @@ TEST_F(SmbiosQuery, Strings) {
 
     char buffer[4] = "";
     EXPECT_EQ(0x60981302U, KvPsGetSmbiosString(head, 11, sizeof(buffer), buffer));
-    EXPECT_EQ(0x60984201U, KvPsGetSmbiosString(nullptr, 4, sizeof(buffer), buffer));
-    EXPECT_EQ(0x60984201U, KvPsGetSmbiosString(head, 4, sizeof(buffer), nullptr));
     EXPECT_EQ(0x60984201U, KvPsGetSmbiosString(head, 4, 0, buffer));
 }
 
@@ -165,8 +161,6 @@ TEST_F(SmbiosQuery, DamagedStructuresGiveNoBytesThatAreNotTheirs) {
     EXPECT_THAT(Bytes(bytes.begin() + 150, bytes.end()), Each(0xEE));
     EXPECT_EQ(0U, KvPsGetSmbiosMultiByte(head, 30, 2, bytes.data()));
     EXPECT_EQ(0x60D24202U, KvPsGetSmbiosMultiByte(head, 31, 1, bytes.data()));
-    EXPECT_EQ(0x60D24202U, KvPsGetSmbiosMultiByte(nullptr, 1, 1, bytes.data()));
-    EXPECT_EQ(0x60D24202U, KvPsGetSmbiosMultiByte(head, 1, 1, nullptr));
     const auto* const behind = reinterpret_cast<const uint8_t*>(head) + head->dataSize;
     EXPECT_THAT(std::vector<uint8_t>(behind, behind + 64), Each(0));
 }
