@@ -20,7 +20,7 @@
 
 namespace ktx_ipmi {
 
-uint32_t g_dwBmcTimezone = 0;
+std::atomic<uint32_t> g_dwBmcTimezone{0};
 
 namespace {
 

@@ -42,7 +42,7 @@ inline constexpr int kInvalidHandle = -1;
 inline constexpr uint32_t kMaxMessage = 1028;
 
 /// Seconds to subtract from SEL time stamps; 0 unless someone learns better, and again after KvPsTerminateIpmi.
-extern uint32_t g_dwBmcTimezone;
+extern std::atomic<uint32_t> g_dwBmcTimezone;
 
 /// Opens the lock file and starts the register path. Once per process; later calls change nothing. A machine whose
 /// registers are not served (a BT interface) starts without them if the kernel has a device for it.

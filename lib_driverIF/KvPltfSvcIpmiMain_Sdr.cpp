@@ -217,11 +217,6 @@ uint32_t GetDeviceInfo(IpmiBracket& bracket) {
         bracket, kCodes, [] {}, [=](Step& step) { return DiscoverIn(step, canEverything); });
 }
 
-uint32_t GetDeviceInfo() {
-    IpmiBracket bracket;
-    return GetDeviceInfo(bracket);
-}
-
 uint32_t GetAllSdr(IpmiBracket& bracket) {
     constexpr WalkCodes kCodes{MakeResult(fn::kGetAllSdr, service_reason::kNotOpened),
                                MakeResult(fn::kGetAllSdr, service_reason::kTerminating)};
@@ -230,11 +225,6 @@ uint32_t GetAllSdr(IpmiBracket& bracket) {
     return Walk(
         bracket, kCodes, [&] { RestartSdrDump(dump.get()); },
         [&](Step& step) { return ReadAndPack(step, dump.get()); });
-}
-
-uint32_t GetAllSdr() {
-    IpmiBracket bracket;
-    return GetAllSdr(bracket);
 }
 
 uint32_t GetFullSdr(int handle, uint16_t reservation, uint16_t recordId, uint16_t* nextId, uint8_t* record,

@@ -44,18 +44,15 @@ inline uint32_t SdrLength(const uint8_t* record) {
     return kSdrHeaderSize + record[sdr_byte::kLength];
 }
 
-// Walks
+// Walks, under the caller's bracket, in which others are let in after each record until a walk was cancelled
 
 /// Finds the owners of sensors and the keepers of event logs and appends them to their tables. Up to four passes, as
 /// the controller may cancel a reservation at any time; what was found stays.
 /// @return 0, also after four cancellations; 0x6000B10D the process is terminating; 0x6000B104; what a command gave
-uint32_t GetDeviceInfo();
-/// The same under the caller's bracket, in which others are let in after each record.
 uint32_t GetDeviceInfo(IpmiBracket& bracket);
 
 /// Reads every record, asks each sensor for its state, and packs the sensors into the table, which must be there.
 /// @return 0, also after four cancellations; 0x6040B10D the process is terminating; 0x6040B104; what a command gave
-uint32_t GetAllSdr();
 uint32_t GetAllSdr(IpmiBracket& bracket);
 
 /// Reads one record, in pieces of at most 16 bytes.

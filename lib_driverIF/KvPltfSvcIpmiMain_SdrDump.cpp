@@ -36,7 +36,7 @@ void RestartSdrDump(FILE* dump) {
     if (dump == nullptr) return;
     rewind(dump);
     // What an earlier, longer dump left behind would pass for part of this one.
-    if (ftruncate(fileno(dump), 0) != 0) return;
+    [[maybe_unused]] const int rc = ftruncate(fileno(dump), 0);
 }
 
 void DumpSdr(FILE* dump, const uint8_t* record, uint32_t length, int sensorState) {

@@ -340,11 +340,14 @@ TEST_F(Repository, AFailedReservationSpendsAPass) {
         ASSERT_EQ(0U, KvPsInitializeIpmi());
         EXPECT_THAT(Names(), SizeIs(1));
         Bmc().Refuse(kStorage, kReserve, sim::cc::kInvalidCommand, 4);
-        EXPECT_EQ(0x6037B2C1U, GetAllSdr());
+        {
+            IpmiBracket bracket;
+            EXPECT_EQ(0x6037B2C1U, GetAllSdr(bracket));
+        }
         FailToOpen();
-        EXPECT_EQ(0x6040B104U, GetAllSdr());
-        FailToOpen();
-        EXPECT_EQ(0x6000B104U, GetDeviceInfo());
+        IpmiBracket closed;
+        EXPECT_EQ(0x6040B104U, GetAllSdr(closed));
+        EXPECT_EQ(0x6000B104U, GetDeviceInfo(closed));
     });
 }
 

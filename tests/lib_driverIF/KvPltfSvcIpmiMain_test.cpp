@@ -25,8 +25,10 @@ struct Row {
     uint32_t (*call)();
 };
 // A call, and the code that it gives and reports.
-#define ROW(code, ...) \
-    Row { #__VA_ARGS__, code, [] { return static_cast<uint32_t>(__VA_ARGS__); } }
+#define ROW(code, ...)                                                        \
+    Row {                                                                     \
+#__VA_ARGS__, code, [] { return static_cast<uint32_t>(__VA_ARGS__); } \
+    }
 
 unsigned long count;
 uint8_t bytes[80];
@@ -139,8 +141,9 @@ TEST_F(Services, SayThatTheDriverCannotBeOpened) {
             FailToOpen();
             const std::string name = row.text;
             const bool ownText = name.starts_with("KvPsGetP");  // the names
-            EXPECT_THAT(Expect(row, tracing), Contains(HasSubstr(ownText ? "IPMI Driver Open Error.: "
-                                                                         : "An attempt to open the IPMI driver failed. ")))
+            EXPECT_THAT(Expect(row, tracing),
+                        Contains(HasSubstr(ownText ? "IPMI Driver Open Error.: "
+                                                   : "An attempt to open the IPMI driver failed. ")))
                 << name;
             server.FailOpen("/dev/ipmi0", 0, 0);
         }
