@@ -1,13 +1,22 @@
-// Whatever a management controller answers: bytes of its registers, and messages from the IPMB behind it. The first
-// byte chooses which.
+// Whatever a management controller answers: bytes of its registers, messages from the IPMB behind it, answers to
+// commands, and its sensor data records. The first byte chooses which.
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
+#include "cover/FileLockCover.h"
 #include "lib_driverIF/KvLibIpmi.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_IdString.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_Sdr.h"
+#include "libplatform/KvPsBmc.h"
 #include "tests/support/RecordingClock.h"
+
+extern _FLKHANDLE* g_hipmilock;
 
 namespace {
 
@@ -72,6 +81,118 @@ void Bridge(const uint8_t* data, uint32_t size) {
     ipmb_reqq_term();
 }
 
+using namespace ktx_ipmi;
+
+/// A controller whose answers stand in the input: a length, the completion code and so many data bytes. No length is
+/// above 0x8F, those say how often the driver fails; at the end of the input it always does.
+class Controller : public IpmiTransport {
+public:
+    int Open() override { return 0; }
+    void Close() override {}
+    int Execute(uint8_t, uint8_t, uint16_t, const uint8_t*, uint16_t* responseLength, uint8_t* response) override {
+        constexpr uint8_t kFails = 0x90;
+        if (g_next == g_end || *g_next >= kFails) {
+            if (g_next != g_end) ++g_next;
+            return -1;
+        }
+        *responseLength = ReadNext(0);
+        std::generate_n(response, *responseLength, [] { return ReadNext(0); });
+        return 0;
+    }
+};
+
+/// The lock is of no interest here: any file will do.
+void UseController() {
+    static Controller controller;
+    static const bool once = [] {
+        char path[] = "/tmp/ipmi_response_fuzz.XXXXXX";
+        close(mkstemp(path));
+        g_hipmilock = OpenFLock(path);
+        unlink(path);
+        return g_hipmilock != nullptr;
+    }();
+    Require(once, "there is a lock");
+    SetIpmiTransport(&controller);
+}
+
+void AskEverything() {
+    UseController();
+    const IpmiBracket bracket;
+    const uint8_t count = ReadNext(0);
+    std::vector<uint8_t> bytes(count);  // no byte more, as above
+    uint16_t nextId = 0;
+    uint32_t received = 0;
+    uint8_t returned = 0;
+    KVPS_SEL_ENTRY entry;
+    OemAnswer answer;
+    GetSelEntry(bracket.Handle(), 0x20, 0, 0, &nextId, &entry);
+    GetSdr(bracket.Handle(), 0x20, 0, 0, 0, count, &nextId, bytes.data(), &received);
+    Require(count == 0 || received <= count, "no more of a record than asked for");
+    ReadFruInventoryData(bracket.Handle(), 0x20, 0, 0, count, &returned, bytes.data());
+    Require(returned <= count, "no more of an image than asked for");
+    received = count;
+    GetLanConfiguration(bracket.Handle(), 0x20, 1, 3, 0, 0, bytes.data(), &received);
+    Require(received <= count, "no more of a parameter than there is room for");
+    OEMGetModelModifiers(bracket.Handle(), 0x20, &answer);
+    Require(answer.length <= 9, "no more modifiers than there are");
+    std::vector<char> name(KVPS_PROCESSOR_NAME_SIZE);
+    if (KvPsGetProcessorName(name.data()) == 0) Require(name.back() == '\0', "a name has an end");
+    KvPsGetLanConfiguration(bytes.data(), count, 3);
+    std::vector<uint8_t> image(kLargestFruImage);
+    uint32_t length = 0;
+    if (ReadVelmoraFruData(bracket.Handle(), image.data(), &length) == 0) Require(length <= image.size(), "it fits");
+    image.resize(kOemFruRecordsSize);
+    ReadOEMFRURecords(bracket.Handle(), image.data(), &length);
+    Require(length <= image.size(), "they fit");
+}
+
+void RequireGoodTable() {
+    unsigned long count = 0;
+    SDR* records = nullptr;
+    if (KvPsGetAllSdrData(&count, &records) != 0) return;
+    const std::vector<SDR> all(records, records + count);
+    free(records);
+    for (const SDR& sdr : all) {
+        Require(memchr(sdr.name, 0, sizeof sdr.name) != nullptr, "a name has an end");
+        Require(sdr.number != kNoSensor && sdr.lun <= kLastLun, "it is a sensor");
+        Require(HasSensorRecord(sdr.owner, sdr.lun, sdr.number), "it can be found");
+    }
+}
+
+void WalkRepository() {
+    UseController();
+    ClearSensorTables();
+    IpmiBracket bracket;
+    GetDeviceInfo(bracket);
+    Require(MakeSdrTable(), "there is memory");
+    GetAllSdr(bracket);
+    RequireGoodTable();
+}
+
+/// One record, and its bytes as an ID string.
+void PackRecord(const uint8_t* data, uint32_t size) {
+    std::vector<uint8_t> record(kMaxSdrSize);
+    std::copy_n(data, std::min(size, kMaxSdrSize), record.begin());
+    std::fill(record.begin() + SdrLength(record.data()), record.end(), uint8_t{0});
+    ClearSensorTables();
+    DEVICE_INFO device{};
+    device.address = record[sdr_byte::kOwner];
+    device.lun = OwnerLun(record[sdr_byte::kLun]);
+    AddSensorDevice(device);
+    Require(MakeSdrTable(), "there is memory");
+    PackFullSdr(record.data(), nullptr);
+    PackCompactSdr(record.data(), nullptr);
+    PackEvonlySdr(record.data(), nullptr);
+    RequireGoodTable();
+
+    const uint32_t characters = record[0] & kIdLengthBits;
+    const std::vector<uint8_t> text(record.begin(),
+                                    record.begin() + 1 + (characters * BitsPerIdCharacter(record[0]) + 7) / 8);
+    std::vector<char> out(1 + record[1] % KVPS_SENSOR_NAME_SIZE);
+    GetIdString(text.data(), out.data(), static_cast<uint32_t>(out.size()));
+    Require(memchr(out.data(), 0, out.size()) != nullptr, "a text has an end");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -86,15 +207,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     else
         ipmi_set_function_SMIC();
     ipmi_set_register_access(kInput);
-    switch (choice / 2 % 3) {
+    const auto rest = static_cast<uint32_t>(size - 1);
+    switch (choice / 2 % 6) {
         case 0:
             Exchange();
             break;
         case 1:
             ReadOnce();
             break;
+        case 2:
+            Bridge(g_next, rest);
+            break;
+        case 3:
+            AskEverything();
+            break;
+        case 4:
+            WalkRepository();
+            break;
         default:
-            Bridge(g_next, static_cast<uint32_t>(size - 1));
+            PackRecord(g_next, rest);
     }
     return 0;
 }
