@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <new>
 
@@ -206,4 +207,15 @@ int Replacement::Commit() {
     if (const int error = ApplyAttributes()) return error;
     if (fsync(fd_.Get()) != 0) return errno;
     return Publish();
+}
+
+int ReplaceWhole(const char* path, std::string_view content, mode_t mode) {
+    std::array<char, PATH_MAX> temporary{};
+    if (snprintf(temporary.data(), temporary.size(), "%s.tmp", path) >= static_cast<int>(temporary.size())) {
+        return ENAMETOOLONG;
+    }
+    Replacement file;
+    if (const int error = file.Create(path, temporary.data(), mode)) return error;
+    file.Write(content);
+    return file.Commit();
 }

@@ -30,6 +30,10 @@ bool WriteAt(int fd, const void* data, size_t size, off_t offset);
 /// @param file  a file of the directory
 void SyncDirectoryOf(const char* file);
 
+/// Replaces a file by content, durably; its temporary file is the name with ".tmp" behind it.
+/// @return 0, or an errno value; the earlier file is whole then
+int ReplaceWhole(const char* path, std::string_view content, mode_t mode);
+
 /// Content that will take the place of a file. It grows in a temporary file beside it and is renamed over it when it is
 /// complete and on the disk. Dropped before that, it leaves no trace.
 ///

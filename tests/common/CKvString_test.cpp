@@ -1,4 +1,4 @@
-#include "common/CKvString.h"
+#include "libplatform/CKvString.h"
 
 #include <gtest/gtest.h>
 

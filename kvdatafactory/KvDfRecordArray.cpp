@@ -1,0 +1,27 @@
+// The end of record arrays.
+#include "kvdatafactory/KvDfRecordArray.h"
+
+#include <typeinfo>
+
+namespace {
+
+/// An array is deleted by the type that it was made with; all its records have that of the first one.
+template <typename... Records>
+void FreeAsOneOf(KVDF_BASE* records) {
+    const std::type_info& type = typeid(*records);
+    const auto freeAs = [&]<typename Record>(Record* array) {
+        if (type != typeid(Record)) return false;
+        delete[] array;
+        return true;
+    };
+    static_cast<void>((freeAs(static_cast<Records*>(records)) || ...));
+}
+
+}  // namespace
+
+void KvDfFreeDataArray(KVDF_BASE* records) {
+    if (records == nullptr) return;
+    FreeAsOneOf<KVDF_TEMPERATURE, KVDF_FAN, KVDF_POWUNIT, KVDF_VOLTAGE, KVDF_SYSBIOS, KVDF_SYSINFO, KVDF_PRODUCT,
+                KVDF_CPU, KVDF_CACHE, KVDF_CPUBOARD, KVDF_MEMARRAY, KVDF_MEMSOCKET, KVDF_MEMERROR, KVDF_TMP_MEMORY,
+                KVDF_ALERT>(records);
+}
