@@ -132,6 +132,17 @@ void MachineRoot::Populate() const {
     if (!buildDir_.empty()) {
         AddDirectory(std::string(kAgent) + "/lib");
         AddDirectory(std::string(kAgent) + "/bin");
+        CopyMaps();
+    }
+}
+
+/// The definition files are the machine's own to change: copies, unless it has some already.
+void MachineRoot::CopyMaps() const {
+    const fs::path maps = buildDir_ / "maps";
+    if (!fs::exists(maps)) return;
+    for (const fs::directory_entry& file : fs::directory_iterator(maps)) {
+        fs::copy_file(file, Outside(std::string(kAgent) + "/maps") / file.path().filename(),
+                      fs::copy_options::skip_existing);
     }
 }
 

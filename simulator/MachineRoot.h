@@ -61,6 +61,7 @@ private:
     struct Adopt {};
     MachineRoot(Adopt, std::filesystem::path directory, std::filesystem::path buildDir, bool remove);
     void Populate() const;
+    void CopyMaps() const;
 
     std::filesystem::path directory_;
     std::filesystem::path buildDir_;
