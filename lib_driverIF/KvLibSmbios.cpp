@@ -2,15 +2,12 @@
 
 #include "lib_driverIF/KvLibSmbios.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 #include <new>
 #include <string>
 
-#include "cover/FileCover.h"
+#include "common/FileText.h"
 #include "libplatform/PXR_trace.h"
 
 uint8_t smbios_header[kSmbiosHeaderSize];
@@ -32,7 +29,8 @@ int FindTable() {
     try {
         const int error = FindInMemory();
         if (error != -EIO && error != -ENXIO) return error;
-        return sb_take_kernel_table() == 0 ? 0 : error;
+        const int ofKernel = sb_take_kernel_table();
+        return ofKernel == -ENXIO ? error : ofKernel;
     } catch (const std::bad_alloc&) {
         return sb_error(-ENOMEM);
     }
@@ -73,19 +71,5 @@ int sb_error(int error, std::source_location where) {
 }
 
 int FileDataAllRead(const char* path, size_t limit, std::string& content) {
-    constexpr uint32_t kChunk = 16 * 1024;
-    content.clear();
-    const int fd = FileOpen(path, O_RDONLY, 0);
-    if (fd < 0) return -errno;
-    int got = 0;
-    do {
-        const size_t filled = content.size();
-        content.resize(filled + kChunk);
-        got = FileRead(fd, content.data() + filled, kChunk);
-        content.resize(filled + static_cast<size_t>(got > 0 ? got : 0));
-    } while (got == static_cast<int>(kChunk) && content.size() <= limit);
-    const int error = got < 0 ? -errno : 0;
-    close(fd);
-    if (error == 0 && content.size() > limit) return -EFBIG;
-    return error;
+    return -ReadWhole(path, limit, content);
 }

@@ -27,6 +27,8 @@ constexpr uint8_t kAnchor[] = {'_', 'S', 'M', '_'};
 constexpr uint8_t kAnchorSkip[] = {1, 1, 2, 4};
 constexpr uint8_t kIntermediateAnchor[] = {'_', 'D', 'M', 'I', '_'};
 constexpr size_t kSkipAfterRejected = 3;
+/// Of an entry point: up to the BCD revision, which firmware of version 2.1 did not count.
+constexpr size_t kShortestEntryPoint = 30;
 
 /// Converts the whole value, decimal, 0x hexadecimal or 0 octal.
 /// @return index of the character that does not belong; -1 when all belong
@@ -79,7 +81,7 @@ bool IsEntryPoint(std::span<const uint8_t> candidate) {
     return memcmp(candidate.data(), kAnchor, sizeof(kAnchor)) == 0 &&
            memcmp(candidate.data() + entry_point::kIntermediate, kIntermediateAnchor, sizeof(kIntermediateAnchor)) ==
                0 &&
-           length <= candidate.size() && sb_is_sum_zero(candidate.first(length)) &&
+           length >= kShortestEntryPoint && length <= candidate.size() && sb_is_sum_zero(candidate.first(length)) &&
            sb_is_sum_zero(candidate.subspan(entry_point::kIntermediate, entry_point::kIntermediateSize));
 }
 

@@ -150,30 +150,32 @@ constexpr uint8_t kRoutingSignature[] = {'$', 'P', 'I', 'R'};
 constexpr uint8_t kRoutingSkip[] = {1, 1, 2, 3};
 constexpr size_t kRoutingSizeOffset = 6;
 constexpr size_t kRoutingHeaderSize = 32;
-constexpr size_t kSkipAfterRejected = 3;
+constexpr ptrdiff_t kSkipAfterRejected = 3;
 constexpr int kRoutingMessageSet = 6;
 constexpr int kRoutingBadChecksum = 25857;
 
-/// The table that the bytes begin with, held against its checksum. Empty when it is none.
-std::span<const uint8_t> CheckedRoutingTable(std::span<const uint8_t> candidate) {
-    const size_t size = sb_u16(candidate, kRoutingSizeOffset);
-    if (size < kRoutingHeaderSize || size > candidate.size()) return {};
-    const std::span<const uint8_t> table = candidate.first(size);
-    if (sb_is_sum_zero(table)) return table;
-    PXR_trace(PXR_TRACE_MASK_SMBIOS, PXR_TRACE_LEVEL_ERROR, "$PIR table has a bad checksum.\n");
-    PXR_syslog_message(LOG_ERR, "KvAgent.cat", kRoutingMessageSet, kRoutingBadChecksum, 1, "PCIBIOS");
-    return {};
+/// As many bytes as the table says that it has which the bytes begin with. Empty when that cannot be.
+std::span<const uint8_t> RoutingTableAt(std::span<const uint8_t> bytes) {
+    const size_t size = sb_u16(bytes, kRoutingSizeOffset);
+    return size < kRoutingHeaderSize || size > bytes.size() ? std::span<const uint8_t>{} : bytes.first(size);
 }
 
+/// Empty when there is none. Firmware has the signature in its code as well, which is how it finds the table: only where
+/// no table is sound, a wrong checksum is the administrator's concern.
 std::span<const uint8_t> FindRoutingTable(std::span<const uint8_t> area) {
     const sb_pattern signature = {kRoutingSignature, kRoutingSkip};
-    for (size_t from = 0;;) {
-        const ptrdiff_t at = sb_search_string(area, from, signature, kRoutingHeaderSize + 1);
-        if (at < 0) return {};
-        const std::span<const uint8_t> table = CheckedRoutingTable(area.subspan(static_cast<size_t>(at)));
-        if (!table.empty()) return table;
-        from = static_cast<size_t>(at) + kSkipAfterRejected;
+    bool damaged = false;
+    for (ptrdiff_t at = 0, from = 0; at >= 0; from = at + kSkipAfterRejected) {
+        at = sb_search_string(area, static_cast<size_t>(from), signature, kRoutingHeaderSize + 1);
+        if (at < 0) break;
+        const std::span<const uint8_t> table = RoutingTableAt(area.subspan(static_cast<size_t>(at)));
+        if (table.empty()) continue;
+        if (sb_is_sum_zero(table)) return table;
+        PXR_trace(PXR_TRACE_MASK_SMBIOS, PXR_TRACE_LEVEL_ERROR, "$PIR table has a bad checksum.\n");
+        damaged = true;
     }
+    if (damaged) PXR_syslog_message(LOG_ERR, "KvAgent.cat", kRoutingMessageSet, kRoutingBadChecksum, 1, "PCIBIOS");
+    return {};
 }
 
 void TraceSlots(std::span<const uint8_t> entries) {

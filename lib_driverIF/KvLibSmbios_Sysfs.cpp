@@ -97,15 +97,17 @@ void MakeHeader(Version version, size_t tableLength) {
 
 int sb_take_kernel_table() {
     std::string entryPoint;
-    Version version = {};
-    if (FileDataAllRead(kEntryPointFile, kEntryPointLimit, entryPoint) != 0 || !ReadVersion(entryPoint, &version)) {
-        return sb_error(-ENXIO);
-    }
     std::string table;
-    if (FileDataAllRead(kTableFile, kTableLimit, table) != 0 || table.empty()) return sb_error(-ENXIO);
+    Version version = {};
+    int error = FileDataAllRead(kEntryPointFile, kEntryPointLimit, entryPoint);
+    if (error == 0 && !ReadVersion(entryPoint, &version)) error = -ENXIO;
+    if (error == 0) error = FileDataAllRead(kTableFile, kTableLimit, table);
+    if (error != 0) return sb_error(error == -ENOMEM ? error : -ENXIO);
 
     const auto most = static_cast<uint32_t>(std::min<size_t>(table.size() / kSmallestStructure + 1, UINT16_MAX));
-    if (const int error = sb_index_table(Bytes(table), 0, most, true)) return error;
+    error = sb_index_table(Bytes(table), 0, most, true);
+    if (error != 0) return error;
+    if (smbios_tablecnt == 0) return sb_error(-ENXIO);
     MakeHeader(version, table.size());
     KernelTable() = std::move(table);
     return 0;

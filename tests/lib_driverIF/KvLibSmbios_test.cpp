@@ -20,6 +20,19 @@
 #include "tests/support/SimulatedMemory.h"
 #include "tests/support/Tracing.h"
 
+// Memory runs out when a test says so: the linker sends the calls here (--wrap).
+extern "C" void* __real__ZnajRKSt9nothrow_t(size_t size, const std::nothrow_t& tag);
+
+namespace {
+int g_arraysLeft = -1;  // negative: no limit
+}
+
+extern "C" void* __wrap__ZnajRKSt9nothrow_t(size_t size, const std::nothrow_t& tag) {
+    if (g_arraysLeft == 0) return nullptr;
+    if (g_arraysLeft > 0) --g_arraysLeft;
+    return __real__ZnajRKSt9nothrow_t(size, tag);
+}
+
 namespace {
 
 using sim::Bytes;
@@ -123,6 +136,11 @@ TEST_F(Smbios, CutsToTheBufferAndTellsTheSize) {
         EXPECT_EQ((Bytes{17, 0x1C, 5, 0x11, 0}), cut.buffer);
         EXPECT_EQ(0x1CU + 6, cut.size);
     }
+    uint8_t word[4] = {0xEE, 0xEE, 0xEE, 0xEE};
+    smbios_gettable_block count = {0, SMBIOS_TABLE_BY_INDEX, 17, 0, 0, word, 2, 0};
+    EXPECT_EQ(0, smbios_ioctl(SMBIOS_GETTABLE, &count));
+    EXPECT_EQ(4U, count.size);
+    EXPECT_THAT(word, ElementsAre(8, 0, 0xEE, 0xEE));
     EXPECT_EQ(SMBIOS_STATUS_INDEX, Table(SMBIOS_TABLE_BY_HANDLE, 17, 0x2000, 100).status);
     EXPECT_EQ(SMBIOS_STATUS_TYPE, Table(SMBIOS_TABLE_BY_HANDLE, 2, 0x2000, 100).status);
     smbios_gettable_block null = {0, SMBIOS_TABLE_BY_INDEX, 17, 1, 0, nullptr, 10, 0};
@@ -158,6 +176,12 @@ TEST_F(Smbios, TellsEntryPointAndSlotSize) {
     Bytes expected = image.EntryPoint();
     expected[31] = 0xEE;
     expected.resize(40, 0xEE);
+    EXPECT_EQ(expected, buffer);
+    buffer.assign(40, 0xEE);
+    block.size = 8;
+    ASSERT_EQ(0, smbios_ioctl(SMBIOS_GETINFO, &block));
+    EXPECT_EQ(31U, block.size);
+    std::fill(expected.begin() + 8, expected.end(), uint8_t{0xEE});
     EXPECT_EQ(expected, buffer);
 
     uint32_t slot = 0;
@@ -228,6 +252,15 @@ TEST_F(Smbios, SkipsEntryPointsThatAreNone) {
         memory.AddMemory(kHighTable, image.Table());
         memory.AddMemory(kSegment + 0xFF20, good);
         EXPECT_EQ(0, Init_SmbiosIF()) << what << ", and a good one behind it";
+        Terminate_SmbiosIF();
+    }
+    for (const uint8_t length : Bytes{0, 15, 29, 30}) {
+        Bytes bad = good;
+        bad[5] = length;
+        bad[4] = 0;
+        if (length > 0) bad[4] = sim::SmbiosChecksum(bad, 0, length);
+        memory.AddMemory(kSegment + 0xFF20, bad);
+        EXPECT_EQ(length == 30 ? 0 : -6, Init_SmbiosIF()) << int{length};
         Terminate_SmbiosIF();
     }
     Bytes overlapping = {'_', 'S', 'M'};
@@ -347,6 +380,16 @@ TEST_F(Smbios, TableThatIsNotThere) {
     EXPECT_EQ(SMBIOS_STATUS_TYPE, Table(SMBIOS_TABLE_BY_INDEX, 0, 0, 4).status);
 }
 
+TEST_F(Smbios, AHandleThatIsGivenTwiceKeepsTheOrderOfTheTable) {
+    SmbiosImage image;
+    for (const char* const name : {"a", "b", "c", "d", "e"})
+        image.Add(SmbiosStructure(17, 0x1100, 5).String(4, name));
+    ASSERT_EQ(0, Init(image));
+    for (uint16_t i = 1; i <= 5; ++i)
+        EXPECT_EQ('a' + i - 1, Structure(17, i).at(5)) << i;
+    EXPECT_EQ('a', Table(SMBIOS_TABLE_BY_HANDLE, 17, 0x1100, 7).buffer[5]);
+}
+
 TEST_F(Smbios, FourThousandStructures) {
     SmbiosImage image;
     for (uint32_t i = 0; i < 4000; ++i)
@@ -386,6 +429,39 @@ TEST(SmbiosIndex, SortsAndFinds) {
             EXPECT_EQ(expected, bsrch(&key, values.data(), count, sizeof(int), compare));
         }
     }
+}
+
+TEST_F(Smbios, TracesWhatItFinds) {
+    RunWithOwnSysfs([&] {
+        Tracing tracing;
+        SmbiosImage image;
+        image.Add(SmbiosStructure(9, 0x123, 6).String(4, "A"));
+        image.AddRaw({1, 2, 3});
+        auto lines = tracing.LinesOf([&] {
+            Init_SmbiosIF();
+            Init(image);
+            Structure(9, 1);
+            CountOf(3);
+            smbios_ioctl(77, nullptr);
+        });
+        std::erase_if(lines, [](const std::string& line) {  // what other tests look at, and the frame of a dump
+            const auto has = [&line](const char* text) { return line.find(text) != std::string::npos; };
+            const bool dump = line.starts_with("7000 5 0 ") || line.starts_with("7000 10 0 ");
+            return has("KvDrvMem") || has("Error occured.(") || has("FileDataAllRead") || line.ends_with(" 1 ") ||
+                   (dump && !has("0x"));
+        });
+        const auto bytes = EndsWith(" 09 06 23 01 01 00 41 00                            ..#...A.\n");
+        EXPECT_THAT(
+            lines,
+            ElementsAre("7000 0 1 Can't found SMBIOS header.\n", "7000 10 1 SMBIOS table length      = 12\n",
+                        "7000 10 1 SMBIOS table address     = 0xe0000\n", "7000 10 1 SMBIOS structure count   = 2\n",
+                        "7000 10 1 SMBIOS max size          = 9\n", "7000 10 1 SMBIOS major version     = 2\n",
+                        "7000 10 1 SMBIOS minor version     = 8\n", "7000 10 1 SMBIOS revision          = 0x28\n",
+                        "7000 5 1 0: Table Type 9 has 8(0x8)Bytes.\n", bytes, "7000 1 1 The 1th table has no data.\n",
+                        "7000 5 1 ioctl:call SMBIOS_GETTABLE\n", "7000 10 1 Get Table Type 9.\n",
+                        "7000 10 1 SMBIOS data:size=8\n", bytes, "7000 5 1 ioctl:call SMBIOS_GETTABLE\n",
+                        "7000 10 1 Table Type 3 not found.\n", "7000 0 1 ioctl:unknown(77)\n"));
+    });
 }
 
 // ---- Physical memory ----
@@ -457,7 +533,7 @@ TEST_F(Smbios, TheKernelsTableServesWhenMemoryShowsNothing) {
     SmbiosImage image = Server();
     image.majorVersion = 3;
     image.minorVersion = 2;
-    const std::string padded = Text(image.Table()) + std::string(100, '\x11');  // behind the end-of-table structure
+    const std::string padded = Text(image.Table()) + std::string(70'000, '\x11');  // behind the end-of-table structure
     RunWithOwnSysfs([&] {
         memory.FailToOpen(EPERM);
         WriteSysfs(kTableFile, padded);
@@ -467,7 +543,7 @@ TEST_F(Smbios, TheKernelsTableServesWhenMemoryShowsNothing) {
             EXPECT_EQ(11U, smbios_tablecnt);
             EXPECT_TRUE(sb_is_sum_zero(std::span(smbios_header).first(31)));
             EXPECT_THAT(std::span(smbios_header).subspan(6, 2), ElementsAre(3, 2));
-            EXPECT_EQ(padded.size(), sb_u16(smbios_header, 22));
+            EXPECT_EQ(0xFFFF, sb_u16(smbios_header, 22)) << "more than the field can tell";
             EXPECT_EQ(0U, sb_u32(smbios_header, 24));
             EXPECT_EQ(11U, sb_u16(smbios_header, 28));
             EXPECT_THAT(Text(Structure(17, 8)), HasSubstr("DIMM7"));
@@ -486,8 +562,13 @@ TEST_F(Smbios, TheKernelsTableIsTakenOnlyWhenSound) {
     std::string badLength = good;
     badLength[6] = '\x7F';
     RunWithOwnSysfs([&] {
-        for (const auto& [entry, content] :
-             {std::pair(badSum, table), {badLength, table}, {good.substr(0, 23), table}, {"", table}, {good, ""}}) {
+        for (const auto& [entry, content] : {std::pair(badSum, table),
+                                             {badLength, table},
+                                             {good.substr(0, 23), table},
+                                             {"", table},
+                                             {good, ""},
+                                             {good, "\x01"},
+                                             {good, std::string(3000, '\x02')}}) {
             WriteSysfs(kEntryFile, entry);
             WriteSysfs(kTableFile, content);
             memory.FailToOpen(0);
@@ -496,6 +577,11 @@ TEST_F(Smbios, TheKernelsTableIsTakenOnlyWhenSound) {
             EXPECT_EQ(-5, Init_SmbiosIF()) << "what physical memory had said";
         }
         WriteSysfs(kTableFile, table);
+        g_arraysLeft = 1;  // for the search in memory; none for the index
+        EXPECT_EQ(-12, Init_SmbiosIF());
+        g_arraysLeft = 0;
+        EXPECT_EQ(-12, Init_SmbiosIF());
+        g_arraysLeft = -1;
         SmbiosImage other;
         other.Add(sim::SmbiosSystem{});
         memory.AddMemory(other.Blocks());
@@ -525,21 +611,24 @@ TEST_F(Smbios, FindsPciSlots) {
     Bytes bad = RoutingTable(2, 64);
     bad[31] ^= 1;
     memory.AddMemory(kSegment + 0x100, bad);
+    memory.AddMemory(kSegment + 0x180, bad);
     memory.AddMemory(kSegment + 0x200, RoutingTable(0, 31));
     memory.AddMemory(kSegment + 0x300, RoutingTable(2, 0xFF40));  // beyond the area
     RunInRoot(MakeTestRoot(), [&] {
-        char text[256] = "";
-        FILE* const log = fmemopen(text, sizeof(text), "w");
+        char* text = nullptr;
+        size_t length = 0;
+        FILE* const log = open_memstream(&text, &length);
         PXR_set_syslog_output(log);
         Bytes buffer(3 * 16 + 5, 0xEE);
         smbios_getpci_block block = {99, SMBIOS_PCI_SLOTS, buffer.data(), static_cast<uint32_t>(buffer.size()), 99};
         EXPECT_EQ(-5, smbios_ioctl(SMBIOS_GETPCI, &block)) << "none of them is sound";
-        PXR_set_syslog_output(nullptr);
-        fclose(log);
-        EXPECT_THAT(text, HasSubstr("PCIBIOS")) << "a bad checksum is the administrator's concern";
-
         memory.AddMemory(kSegment + 0xF000, RoutingTable(5, 112));
         EXPECT_EQ(0, smbios_ioctl(SMBIOS_GETPCI, &block));
+        PXR_set_syslog_output(nullptr);
+        fclose(log);
+        EXPECT_THAT(std::string(text), HasSubstr("PCIBIOS"));
+        EXPECT_EQ(1, std::count(text, text + length, '\n')) << "once a request, and not where one is sound";
+        free(text);
         EXPECT_EQ(0, block.status);
         EXPECT_EQ(3U, block.count) << "what the buffer holds";
         EXPECT_EQ(3, buffer[2 * 16 + 14]);
