@@ -10,6 +10,7 @@
 
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
+#include "cover/Heap.h"
 #include "lib_driverIF/KvLibSmbios.h"
 #include "libplatform/PXR_message.h"
 #include "libplatform/PXR_trace.h"
@@ -27,9 +28,8 @@ constexpr uint32_t kNoMemory = 0x30000001;
 /// Zero bytes behind the data of a record: a reader of a field that a short structure does not have finds zeroes.
 constexpr uint32_t kRecordPadding = 64;
 
-struct Freed {
-    void operator()(void* memory) const { free(memory); }
-};
+/// What is asked for at once: slots are as large as the largest structure, of whatever type that is.
+constexpr uint32_t kBatchBytes = 256 * 1024;
 
 /// What a request came back with, as one value: 0 when both the call and its status are good.
 uint32_t Outcome(int result, int32_t status) {
@@ -88,27 +88,43 @@ KVPS_SMBIOS_TPHEAD* MakeRecord(const uint8_t* slot, uint32_t slotSize) {
     return reinterpret_cast<KVPS_SMBIOS_TPHEAD*>(bytes);
 }
 
-uint32_t CopyType(uint32_t type, uint32_t count, uint32_t slotSize) {
-    SmbiosTypeData& data = g_SmbiosData[type];
-    const std::unique_ptr<uint8_t, Freed> slots(static_cast<uint8_t*>(calloc(count, slotSize)));
-    data.records = static_cast<KVPS_SMBIOS_TPHEAD**>(calloc(count, sizeof(KVPS_SMBIOS_TPHEAD*)));
-    if (slots == nullptr || data.records == nullptr) return kNoMemory;
+/// Room for some structures of a type, each as a slot.
+struct Batch {
+    HeapOwned<uint8_t> slots;
+    uint32_t slotSize;
+    uint32_t count;
+};
 
+/// Copies the structures that come next, as many as the batch holds.
+uint32_t CopyNext(uint32_t type, const Batch& batch) {
+    SmbiosTypeData& data = g_SmbiosData[type];
     smbios_gettable_block block = {};
     block.mode = SMBIOS_TABLE_RUN;
     block.type = static_cast<uint16_t>(type);
-    block.index = 1;
-    block.buffer = slots.get();
-    block.size = slotSize;
-    block.count = count;
+    block.index = static_cast<uint16_t>(data.count + 1);
+    block.buffer = batch.slots.get();
+    block.size = batch.slotSize;
+    block.count = batch.count;
     const int result = smbios_ioctl(SMBIOS_GETTABLE, &block);
     if (const uint32_t outcome = Outcome(result, block.status)) return TableFailed(outcome);
-
-    for (uint32_t i = 0; i < std::min(block.count, count); ++i) {
-        KVPS_SMBIOS_TPHEAD* const record = MakeRecord(slots.get() + i * slotSize, slotSize);
+    for (uint32_t i = 0; i < std::min(block.count, batch.count); ++i) {
+        KVPS_SMBIOS_TPHEAD* const record = MakeRecord(batch.slots.get() + i * batch.slotSize, batch.slotSize);
         if (record == nullptr) return kNoMemory;
         data.records[data.count++] = record;
         ++g_dwStructCount;
+    }
+    return 0;
+}
+
+uint32_t CopyType(uint32_t type, uint32_t count, uint32_t slotSize) {
+    SmbiosTypeData& data = g_SmbiosData[type];
+    Batch batch = {nullptr, slotSize, std::clamp(kBatchBytes / slotSize, 1U, count)};
+    batch.slots.reset(static_cast<uint8_t*>(calloc(batch.count, slotSize)));
+    data.records = static_cast<KVPS_SMBIOS_TPHEAD**>(calloc(count, sizeof(KVPS_SMBIOS_TPHEAD*)));
+    if (batch.slots == nullptr || data.records == nullptr) return kNoMemory;
+    while (data.count < count) {
+        batch.count = std::min(batch.count, count - data.count);
+        if (const uint32_t outcome = CopyNext(type, batch)) return outcome;
     }
     return 0;
 }
@@ -128,8 +144,8 @@ void FreeCopy() {
 uint32_t StartFailed(uint32_t driverResult, const char* what) {
     constexpr uint32_t kCode = MakeResult(fn::kInitializeSmbios, Reason::SmbiosTable);
     static_assert(kCode == 0x6118B802);
-    const std::unique_ptr<char, Freed> printable(PXR_GetErrCodeString(kCode));
-    const std::unique_ptr<char, Freed> text(PXR_GetErrCodeMes("KvPlatform.cat", kCode));
+    const OwnedText printable(PXR_GetErrCodeString(kCode));
+    const OwnedText text(PXR_GetErrCodeMes("KvPlatform.cat", kCode));
     PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "%s", what);
     PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "%s driver_result = 0x%08X %s \n",
               printable != nullptr ? printable.get() : "", driverResult, text != nullptr ? text.get() : "");

@@ -2,21 +2,19 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
-#include <source_location>
 #include <span>
 
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
 #include "lib_driverIF/KvPltfSvcSmbiosMain.h"
-#include "libplatform/PXR_message.h"
 #include "libplatform/PXR_trace.h"
 
 namespace {
 
+constexpr const char* kPlatformCatalogue = "KvPlatform.cat";
 constexpr uint8_t kSystemInformation = 1;
 constexpr uint8_t kUuidOffset = 8;
 constexpr uint32_t kUuidSize = 16;
@@ -27,19 +25,6 @@ std::span<const uint8_t> Data(const KVPS_SMBIOS_TPHEAD& structure) {
     const auto* const bytes = reinterpret_cast<const uint8_t*>(&structure);
     const uint32_t size = std::max<uint32_t>(structure.dataSize, sizeof(structure.dataSize));
     return {bytes + sizeof(structure.dataSize), size - sizeof(structure.dataSize)};
-}
-
-/// A failure whose text is in the platform's catalogue.
-uint32_t ReportPlatformError(uint32_t code, std::source_location where = std::source_location::current()) {
-    struct Freed {
-        void operator()(char* text) const { free(text); }
-    };
-    const std::unique_ptr<char, Freed> printable(PXR_GetErrCodeString(code));
-    const std::unique_ptr<char, Freed> text(PXR_GetErrCodeMes("KvPlatform.cat", code));
-    PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "%s %s (%d)\n",
-              printable != nullptr ? printable.get() : "", text != nullptr ? text.get() : "",
-              static_cast<int>(where.line()));
-    return code;
 }
 
 // The compiler warns of the zero in %08p, which the C library honours; those who search the trace know the texts so.
@@ -109,8 +94,10 @@ KVPS_SMBIOS_TPHEAD* FirstSystemInformation(uint32_t* result) {
     return first;
 }
 
-/// Writes the UUID in the order of its bytes.
+/// Writes the UUID in the order of its bytes. The structure of version 2.0 ends before it: what follows there are strings.
 uint32_t FormatUuid(KVPS_SMBIOS_TPHEAD* structure, char* text) {
+    const size_t formatted = std::min<size_t>(structure->length, Data(*structure).size());
+    if (formatted < kUuidOffset + kUuidSize) return MakeResult(fn::kGetSmbiosMultiByte, Reason::BadArgument);
     uint8_t u[kUuidSize] = {};
     if (const uint32_t result = KvPsGetSmbiosMultiByte(structure, kUuidOffset, sizeof(u), u)) return result;
     snprintf(text, KVPS_SMBIOS_TEXT_SIZE, "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", u[0],
@@ -128,7 +115,7 @@ uint32_t KvPsGetStructureHeader(KVPS_SMBIOS_HEAD* out) {
 uint32_t KvPsGetTypeData(uint8_t type, unsigned long* count, KVPS_SMBIOS_TPHEAD*** array) {
     const bool known = type < KVPS_SMBIOS_TYPES || type == KVPS_SMBIOS_ALL_TYPES;
     if (!known || count == nullptr || array == nullptr) {
-        return ReportPlatformError(MakeResult(fn::kGetSmbiosTypeData, Reason::BadArgument));
+        return PXR_ReportError(MakeResult(fn::kGetSmbiosTypeData, Reason::BadArgument), kPlatformCatalogue);
     }
     *count = 0;
     *array = nullptr;
@@ -140,7 +127,8 @@ uint32_t KvPsGetTypeData(uint8_t type, unsigned long* count, KVPS_SMBIOS_TPHEAD*
         return 0;
     }
     auto* const copy = new (std::nothrow) KVPS_SMBIOS_TPHEAD*[total];
-    if (copy == nullptr) return ReportPlatformError(MakeResult(fn::kGetSmbiosTypeData, Reason::OutOfMemory));
+    if (copy == nullptr)
+        return PXR_ReportError(MakeResult(fn::kGetSmbiosTypeData, Reason::OutOfMemory), kPlatformCatalogue);
     KVPS_SMBIOS_TPHEAD** next = copy;
     for (const SmbiosTypeData& data : TypesOf(type))
         next = std::copy_n(data.records, data.count, next);

@@ -1,8 +1,12 @@
 #include "lib_driverIF/KvPltfSvcSmbiosMain.h"
 
 #include <gmock/gmock.h>
+#include <sys/mount.h>
 
+#include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 
 #include "lib_driverIF/KvLibSmbios.h"
@@ -13,6 +17,7 @@
 
 namespace {
 
+namespace fs = std::filesystem;
 using sim::Bytes;
 using sim::SmbiosImage;
 using sim::SmbiosStructure;
@@ -101,11 +106,14 @@ TEST_F(SmbiosQuery, SystemInformation) {
     EXPECT_EQ("00ff807f-0ab0-c1d2-e3f4-05162738495a", System(8));
     EXPECT_EQ(std::to_string(0x60D04202U), System(25));
 
-    SmbiosImage image;
-    image.Add(SmbiosStructure(1, 1, 9).String(4, "Old").Put(8, {0xAB}));  // version 2.0, cut in the UUID
-    ASSERT_EQ(0U, Start(image));
-    EXPECT_EQ("ab4f6c64-0000-0000-0000-000000000000", System(8)) << "nothing is read behind the structure";
-    EXPECT_EQ(std::to_string(0x60D0B802U), System(24)) << "no such field";
+    for (const uint8_t length : Bytes{8, 23, 24}) {  // version 2.0, one that is cut, 2.1
+        SmbiosImage image;
+        image.Add(SmbiosStructure(1, 1, length).String(4, "Manufacturer Inc"));
+        ASSERT_EQ(0U, Start(image));
+        const bool whole = length == 24;
+        EXPECT_EQ(whole ? "00000000-0000-0000-0000-000000000000" : std::to_string(0x60D0B802U), System(8)) << +length;
+        EXPECT_EQ(whole, System(24) != std::to_string(0x60D0B802U)) << "no such field";
+    }
     SmbiosImage without;
     without.AddEndOfTable();
     ASSERT_EQ(0U, Start(without));
@@ -175,6 +183,27 @@ TEST_F(SmbiosQuery, FailedStartKeepsWhatWasCopied) {
     EXPECT_EQ(0x6118B802U, KvPsInitializeSmbios());
     EXPECT_EQ(1U, OfType(255).size());
     EXPECT_EQ("Server", System(5));
+}
+
+TEST_F(SmbiosQuery, OneHugeStructureDoesNotMakeAllSlotsHuge) {
+    RunInRoot(MachineRoot("."), [&] {
+        ASSERT_EQ(0, umount2("/sys", MNT_DETACH));
+        memory.FailToOpen(EPERM);
+        SmbiosImage entry;
+        entry.AddEndOfTable();
+        std::string table = std::string("\xC8\x04\x01\x00", 4) + std::string(70'000, 'x') + std::string(2, '\0');
+        for (unsigned i = 0; i < 60'000; ++i)
+            table += {5, 4, static_cast<char>(i), static_cast<char>(i >> 8), 0, 0};
+        const Bytes head = entry.EntryPoint64();
+        fs::create_directories("/sys/firmware/dmi/tables");
+        std::ofstream("/sys/firmware/dmi/tables/smbios_entry_point") << std::string(head.begin(), head.end());
+        std::ofstream("/sys/firmware/dmi/tables/DMI") << table;
+        ASSERT_TRUE(ktx_smbios::InitSmbiosLib());
+        ASSERT_EQ(0U, KvPsInitializeSmbios());
+        const auto all = OfType(255);
+        ASSERT_EQ(60'000U, all.size());
+        EXPECT_EQ(59'999, all.back()->handle);
+    });
 }
 
 TEST_F(SmbiosQuery, SurvivesStopAndStart) {
