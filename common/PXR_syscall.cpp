@@ -20,6 +20,7 @@
 #include <string_view>
 
 #include "common/PXR_syscall_internal.h"
+#include "cover/RemoveTree.h"
 
 namespace {
 
@@ -161,6 +162,10 @@ int PXR_write(int fd, const void* buffer, uint32_t n) {
     if (written < 0 || static_cast<uint32_t>(written) == n) return written;
     errno = EIO;  // a device that takes nothing and gives no reason
     return -1;
+}
+
+int PXR_rmdir(const char* path) {
+    return path != nullptr ? RemoveTree(path, true) : EFAULT;
 }
 
 int PXR_unlink(const char* path) {

@@ -1,3 +1,5 @@
+// The table of device operations in force, and the one that talks to Linux.
+
 #include "cover/DeviceCover.h"
 
 #include <fcntl.h>

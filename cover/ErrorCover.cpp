@@ -1,3 +1,5 @@
+// The recent error: errno.
+
 #include "cover/ErrorCover.h"
 
 #include <cerrno>

@@ -11,14 +11,13 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <string_view>
-#include <system_error>
 
 #include "cover/CancelBlock.h"
 #include "cover/ErrorCover.h"
 #include "cover/FileDescriptor.h"
+#include "cover/RemoveTree.h"
 
 namespace {
 
@@ -137,16 +136,8 @@ int CreateDirectoryforFile(const char* file) {
 
 int RemoveDir(const char* path) {
     if (path == nullptr) return Fail(EINVAL);
-    // With a slash behind it, a link to a directory would pass for the directory.
-    std::string name = path;
-    while (name.size() > 1 && name.back() == '/')
-        name.pop_back();
-    struct stat status = {};
-    if (lstat(name.c_str(), &status) != 0) return 0;
-    if (!S_ISDIR(status.st_mode)) return Fail(ENOTDIR);
-    std::error_code error;
-    std::filesystem::remove_all(name, error);
-    return error ? Fail(error.value()) : 1;
+    const int error = RemoveTree(path, false);
+    return error != 0 ? Fail(error) : 1;
 }
 
 int CreateCopyFile(const char* source, const char* destination, int failIfExists) {

@@ -1,3 +1,5 @@
+// Mutexes with time-outs.
+
 #include "cover/MutexCover.h"
 
 #include <cerrno>

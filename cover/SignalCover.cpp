@@ -1,3 +1,5 @@
+// Signals of a process that belongs to the library alone.
+
 #include "cover/SignalCover.h"
 
 #include <pthread.h>

@@ -1,3 +1,5 @@
+// Time limits, pauses and the clock behind them.
+
 #include "cover/TimerCover.h"
 
 #include <atomic>

@@ -1,3 +1,5 @@
+// The list of pointers.
+
 #include "cover/VoidDPtrList.h"
 
 #include <cerrno>
@@ -94,7 +96,7 @@ int CVoidDPtrList::UnlockList() {
 }
 
 CDPtrListElement* CVoidDPtrList::Link(CDPtrListElement* prev, CDPtrListElement* next, void* data) {
-    auto* const element = new (std::nothrow) CDPtrListElement(data);
+    auto* const element = new (std::nothrow) CDPtrListElement(data, this);
     if (element == nullptr) {
         Fail(ENOMEM);
         return nullptr;
@@ -118,12 +120,8 @@ void* CVoidDPtrList::Unlink(CDPtrListElement* element) {
     return data;
 }
 
-// The neighbours tell in constant time whether an element sits where it claims; only the ends tell its list.
 bool CVoidDPtrList::IsLinked(const CDPtrListElement* element) const {
-    if (element == nullptr) return false;
-    const CDPtrListElement* const before = element->m_prev != nullptr ? element->m_prev->m_next : m_head;
-    const CDPtrListElement* const after = element->m_next != nullptr ? element->m_next->m_prev : m_tail;
-    return before == element && after == element;
+    return element != nullptr && element->m_list == this;
 }
 
 int CVoidDPtrList::Fail(int error) {

@@ -26,7 +26,7 @@ public:
     CDPtrListElement* InsertBefore(CDPtrListElement* position, void* data);
     CDPtrListElement* InsertAfter(CDPtrListElement* position, void* data);
 
-    /// These give the removed element's data; null when the list is empty.
+    /// These give the removed element's data; null when the list is empty, which is no failure.
     void* RemoveHead();
     void* RemoveTail();
     /// @return 1; 0 when the position is null or not linked into this list

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "cover/ErrorCover.h"
+#include "cover/FileDescriptor.h"
 #include "simulator/MachineRoot.h"
 #include "tests/support/CancelledThread.h"
 #include "tests/support/TempDirectory.h"
@@ -129,9 +130,11 @@ TEST(Directories, AreMadeAndRemovedWhole) {
         EXPECT_EQ(0, RemoveDir(directory.Path(other).c_str())) << other << " is no directory";
         EXPECT_EQ(ENOTDIR, GetRecentErrno());
     }
-    EXPECT_EQ(1, RemoveDir(directory.Path("a//").c_str()));
+    EXPECT_TRUE(FinishesWhenCancelled([&] { EXPECT_EQ(1, RemoveDir(directory.Path("a//").c_str())); }));
     EXPECT_FALSE(directory.Exists("a"));
     EXPECT_EQ("kept", directory.ReadFile("outside/file"));
+    const FileDescriptor file(FileOpen(directory.Path("outside/file").c_str(), O_RDONLY, 0));
+    EXPECT_EQ(FD_CLOEXEC, fcntl(file.Get(), F_GETFD)) << "no child inherits it";
     EXPECT_EQ(0, RemoveDir(directory.Path("a").c_str()));
     EXPECT_EQ(ENOENT, GetRecentErrno());
 }

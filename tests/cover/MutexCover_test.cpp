@@ -1,12 +1,17 @@
 #include "cover/MutexCover.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <thread>
 
 #include "cover/ErrorCover.h"
+#include "cover/SignalCover.h"
 #include "cover/TimerCover.h"
+#include "simulator/MachineRoot.h"
+#include "tests/support/CancelledThread.h"
 #include "tests/support/RecordingClock.h"
 
 namespace {
@@ -43,6 +48,23 @@ TEST(MutexCover, EndlessWaitGetsItFromItsHolder) {
     PostMutex(mutex);
     waiter.join();
     DestroyMutex(mutex);
+}
+
+TEST(MutexCover, PendingSignalEndsALongWait) {
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(100);
+        const MutexHandle mutex = InitMutex(1);
+        bool good = InitSignal() == 1 && alarm(0) == 0;
+        for (const int ignored : {SIGUSR1, SIGUSR2, SIGPIPE})
+            raise(ignored);
+        for (const int end : {SIGTERM, SIGQUIT, SIGINT}) {
+            raise(end);
+            good = good && WaitMutex(mutex, 5000) == kLockError && GetRecentErrno() == EINTR;
+        }
+        _exit(good ? 0 : 1);
+    }
+    EXPECT_EQ(0, WaitForExit(child));
 }
 
 TEST(MutexCover, NullHandleIsNoMutex) {

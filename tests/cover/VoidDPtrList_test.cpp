@@ -52,7 +52,9 @@ TEST(VoidDPtrList, RefusesPositionsOfOthers) {
     CVoidDPtrList list;
     CVoidDPtrList other;
     list.AddTail(&x);
-    CDPtrListElement* const foreign = other.AddTail(&x);
+    other.AddTail(&x);
+    CDPtrListElement* const foreign = other.AddTail(&x);  // in the middle, where only its neighbours know it
+    other.AddTail(&x);
     EXPECT_EQ(0, list.SearchElement(foreign));
     for (CDPtrListElement* position : {foreign, static_cast<CDPtrListElement*>(nullptr)}) {
         EXPECT_EQ(0, list.RemoveAt(position));
@@ -61,7 +63,7 @@ TEST(VoidDPtrList, RefusesPositionsOfOthers) {
         EXPECT_EQ(EINVAL, list.GetErrorCode());
     }
     EXPECT_EQ(1U, list.GetListCount());
-    EXPECT_EQ(1U, other.GetListCount());
+    EXPECT_EQ(3U, other.GetListCount());
 }
 
 TEST(VoidDPtrList, IsSharedUnderItsMutex) {

@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -213,8 +214,15 @@ TEST(ReadFileToBufferTest, WholeFiles) {
         EXPECT_EQ(0u, read(file.name, size));
         EXPECT_EQ(length, size);
     }
-    EXPECT_EQ(0u, read("/proc/kallsyms", size)) << "a long file of unknown size";
+    constexpr size_t kPage = 4096, kPages = 3000;
+    auto* const pages =
+        static_cast<char*>(mmap(nullptr, kPages * kPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(MAP_FAILED, static_cast<void*>(pages));
+    for (size_t i = 0; i < kPages; i += 2)
+        mprotect(pages + i * kPage, kPage, PROT_READ);
+    EXPECT_EQ(0u, read("/proc/self/maps", size)) << "a long file of unknown size";
     EXPECT_GT(size, 65536);
+    munmap(pages, kPages * kPage);
     EXPECT_EQ(0x612C7981u, read("no.such.file", size));
     EXPECT_EQ(0, size);
     EXPECT_EQ(0x612C7981u, read(".", size)) << "a directory opens, but cannot be read";

@@ -1,6 +1,8 @@
 // Removal of directory trees. Every step works relative to an open directory and never through a name that somebody
 // could turn into a symbolic link between looking and removing.
 
+#include "cover/RemoveTree.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,8 +12,7 @@
 #include <memory>
 #include <string_view>
 
-#include "common/PXR_syscall_internal.h"
-#include "libplatform/PXR_syscall.h"
+#include "cover/FileDescriptor.h"
 
 namespace {
 
@@ -45,7 +46,6 @@ int RemoveEntries(DIR* directory, int depth, size_t& removed) {
 
 /// @return null with errno
 Directory OpenDirectory(int parent, const char* name) {
-    const CancelBlock block;  // a thread that is cancelled as openat returns would lose the descriptor
     FileDescriptor fd(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!fd) return nullptr;
     Directory directory(fdopendir(fd.Get()));
@@ -75,8 +75,8 @@ int RemoveEntry(int parent, const char* name, int depth) {
 
 }  // namespace
 
-int PXR_rmdir(const char* path) {
-    if (path == nullptr) return EFAULT;
+int RemoveTree(const char* path, bool linkAsWell) {
+    const CancelBlock whole;
     // A trailing slash would have the system follow a link.
     std::string_view name = path;
     while (name.size() > 1 && name.ends_with('/'))
@@ -87,6 +87,6 @@ int PXR_rmdir(const char* path) {
 
     struct stat info {};
     if (lstat(plain, &info) != 0) return errno;
-    if (!S_ISDIR(info.st_mode) && !S_ISLNK(info.st_mode)) return ENOTDIR;
-    return RemoveEntry(AT_FDCWD, plain, 0);
+    const bool removable = S_ISDIR(info.st_mode) || (linkAsWell && S_ISLNK(info.st_mode));
+    return removable ? RemoveEntry(AT_FDCWD, plain, 0) : ENOTDIR;
 }
