@@ -16,6 +16,8 @@
 
 namespace {
 
+constexpr uint32_t kBusyPauseMs = 1;
+
 struct FreeText {
     void operator()(char* text) const { free(text); }
 };
@@ -42,19 +44,12 @@ private:
 int LockForEver(_FLKHANDLE* handle) {
     flockfile(handle->stream);
     Taken taken(handle);
-    if (FileLockCntl(handle, kFileLockWrite, 0) != kLockDone) return 0;
+    int result = kLockBusy;
+    while ((result = FileLockCntl(handle, kFileLockWrite, 0)) == kLockBusy)
+        Sleep(kBusyPauseMs);
+    if (result != kLockDone) return 0;
     taken.Keep();
     return 1;
-}
-
-int TryLock(_FLKHANDLE* handle, uint32_t pauseMs) {
-    if (ftrylockfile(handle->stream) != 0) return kLockBusy;
-    Taken taken(handle);
-    const int result = FileLockCntl(handle, kFileLockWrite, 1);
-    if (result != kLockDone) return result;
-    if (pauseMs != 0) Sleep(pauseMs);
-    taken.Keep();
-    return kLockDone;
 }
 
 int Fail(int error) {
@@ -67,8 +62,13 @@ int LockWithin(_FLKHANDLE* handle, uint32_t timeoutMs) {
     MakeLimitTime(&limit, timeoutMs);
     for (bool first = true;; first = false) {
         if (IsTermWithSignal(timeoutMs) != 0) return Fail(EINTR);
-        const int result = TryLock(handle, first ? 1 : 0);
-        if (result == kLockDone) return 1;
+        const int result = TryFLock(handle);
+        if (result == kLockDone) {
+            Taken taken(handle);
+            if (first) Sleep(1);
+            taken.Keep();
+            return 1;
+        }
         if (result == kLockError) return 0;
         if (LimitPassed(limit)) return Fail(ETIMEDOUT);
         IntervalSleep(timeoutMs, 100, 50);
@@ -102,6 +102,21 @@ int LockFLock(_FLKHANDLE* handle, uint32_t timeoutMs) {
     return timeoutMs == kInfinite ? LockForEver(handle) : LockWithin(handle, timeoutMs);
 }
 
+int TryFLock(_FLKHANDLE* handle) {
+    if (ftrylockfile(handle->stream) != 0) return kLockBusy;
+    Taken taken(handle);
+    const int result = FileLockCntl(handle, kFileLockWrite, 1);
+    if (result == kLockDone) taken.Keep();
+    return result;
+}
+
+int IsFLockHeld(const _FLKHANDLE* handle) {
+    struct flock held = {};
+    held.l_type = F_WRLCK;
+    held.l_whence = SEEK_SET;
+    return LockControl(handle->fd, F_GETLK, &held) == 0 && held.l_type != F_UNLCK ? 1 : 0;
+}
+
 int UnlockFLock(_FLKHANDLE* handle) {
     if (handle == nullptr || handle->stream == nullptr) return Fail(EINVAL);
     const int result = FileLockCntl(handle, kFileLockUnlock, 1);
@@ -116,6 +131,12 @@ void CloseFLock(_FLKHANDLE* handle) {
     if (handle->stream != nullptr) fclose(handle->stream);
     handle->fd = -1;
     delete handle;
+}
+
+void AbandonFLock(_FLKHANDLE* handle) {
+    if (handle->fd >= 0) close(handle->fd);
+    handle->fd = -1;
+    handle->stream = nullptr;
 }
 
 extern "C" int FcntlThatMayUnwind(int fd, int operation, ...) __asm__("fcntl64");
@@ -136,6 +157,8 @@ int FileLockCntl(_FLKHANDLE* handle, int type, int noWait) {
     while (LockControl(handle->fd, noWait != 0 ? F_SETLK : F_SETLKW, &whole) != 0) {
         const int error = GetRecentErrno();
         if (error == EINTR) continue;  // a signal of the host's, not the end of the wait
+        // The kernel looks for circles by process: the holder's process waits, in another thread, for a lock of ours.
+        if (error == EDEADLK) return kLockBusy;
         if (error != EACCES && error != EAGAIN) return kLockError;
         SetRecentErrno(EAGAIN);
         return kLockBusy;

@@ -33,11 +33,21 @@ _FLKHANDLE* OpenFLock(const char* path);
 /// @return 1; 0 on failure, with the recent error ETIMEDOUT when the time is over, EINTR for a signal
 int LockFLock(_FLKHANDLE* handle, uint32_t timeoutMs);
 
+/// Locks if that can be had at once. @return a LockResult
+int TryFLock(_FLKHANDLE* handle);
+
+/// Whether another process holds the record lock. @return 1; 0 it does not, or nobody can tell
+int IsFLockHeld(const _FLKHANDLE* handle);
+
 /// Unlocks; called by the thread that locked. @return 1; 0 when the record lock could not be released
 int UnlockFLock(_FLKHANDLE* handle);
 
 /// Closes and frees; null is allowed.
 void CloseFLock(_FLKHANDLE* handle);
+
+/// In a forked child: gives up a lock file of the parent's, whose lock is not the child's. The stream stays behind: its
+/// lock may be held by a thread that does not exist here. Async-signal-safe; CloseFLock frees the rest.
+void AbandonFLock(_FLKHANDLE* handle);
 
 /// fcntl for record locks, in which a thread may be cancelled while it waits. The C library declares fcntl as a
 /// function that nothing is thrown through: an optimising compiler then leaves a cancelled thread no way out of the
@@ -46,5 +56,5 @@ int LockControl(int fd, int operation, struct flock* lock);
 
 /// Sets or releases the record lock alone.
 /// @param noWait  1: does not wait for another process
-/// @return a LockResult
+/// @return a LockResult; kLockBusy from a wait: the kernel takes it for a circle of waits (EDEADLK), try again
 int FileLockCntl(_FLKHANDLE* handle, int type, int noWait);

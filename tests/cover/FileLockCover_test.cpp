@@ -1,5 +1,6 @@
 #include "cover/FileLockCover.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -124,6 +125,29 @@ TEST_F(FileLock, EndlessWaitGetsItWhenTheHolderIsKilled) {
     KillProcess();
     waiter.join();
     EXPECT_TRUE(taken);
+}
+
+TEST_F(FileLock, EndlessWaitGoesOnThroughWhatLooksLikeACircle) {
+    const int fd = open(directory.Path("hosts").c_str(), O_RDWR | O_CREAT, 0600);
+    struct flock hosts = {};
+    hosts.l_type = F_WRLCK;
+    ASSERT_EQ(0, fcntl(fd, F_SETLK, &hosts));
+    StartProcess([&](_FLKHANDLE* own) {
+        std::atomic<bool> held = false;
+        std::thread([own, &held] {
+            held = TakeForEver(own);
+            Sleep(100);
+            UnlockFLock(own);
+        }).detach();
+        while (!held)
+            Sleep(1);
+        std::thread([fd, wanted = hosts]() mutable { fcntl(fd, F_SETLKW, &wanted); }).detach();
+        return true;
+    });
+    Sleep(20);
+    const Lock lock = Open();
+    EXPECT_TRUE(TakeForEver(lock.get()));
+    close(fd);
 }
 
 TEST_F(FileLock, ExcludesThreadsAndIsHeldAgainstProcessesUntilUnlocked) {
