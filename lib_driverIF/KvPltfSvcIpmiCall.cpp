@@ -34,24 +34,6 @@ constexpr const char* kIpmiLogCopy = "/var/opt/velmora/lantrel/log/@ipmi@_comper
 
 std::atomic<uint32_t> g_szCDCompCode{kCompCodeNone};
 
-/// The kernel's device.
-class KernelTransport : public IpmiTransport {
-public:
-    void BeginRequest() override { attempts_ = {}; }
-    int Open() override { return objOprThread.LOGG_IPMIInit(); }
-    void Close() override { objOprThread.LOGG_IPMIClose(); }
-    int Execute(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data, uint16_t* responseLength,
-                uint8_t* response) override {
-        return objOprThread.IPMI_ExecCommand(command, netFn, dataLength, data, responseLength, response, attempts_);
-    }
-
-private:
-    CWDTOperationThread::Attempts attempts_;
-};
-
-KernelTransport g_kernelTransport;
-std::atomic<IpmiTransport*> g_transport{&g_kernelTransport};
-
 /// A request as the gate sees it: checked, never changed.
 struct Request {
     const uint8_t* bytes;
@@ -153,7 +135,7 @@ bool WaitForFirmware() {
     const int seconds = host::UpdateWaitSeconds();
     PXR_trace(kMaskIpmi, kLevelCall, "After the sleep, it retries for BMCUPDATE. Sleep time = %d seconds", seconds);
     for (int second = 0; second < seconds; ++second) {
-        if (IsTerminateProcess()) {
+        if (IsTerminateProcess() || IsIpmiEnding()) {
             PXR_trace(kMaskIpmi, kLevelCall, "Process termination. Rejected Request.");
             return false;
         }
@@ -190,6 +172,7 @@ uint32_t Execute(const Request& request, const Response& response, const Levels&
         if (rc == 0) return 0;
         result = kTransportFailure | (static_cast<uint32_t>(rc) & 0x0FFFFFFF);
         PXR_trace(kMaskIpmi, kLevelCall, "IPMI call fail.  rc=0x%08X", result);
+        if (IsIpmiEnding()) return result;  // a silent controller does not hold up the end
         if (rc == kTransportFirmwareUpdate) {
             if (!WaitForFirmware()) return reason::kTerminating;
             SetFreeRecentCompCode(kCompCodeFirmwareUpdate);
@@ -277,14 +260,6 @@ int CheckRecentCompCode() {
         default:
             return kCompCodeError;
     }
-}
-
-IpmiTransport& Transport() {
-    return *g_transport;
-}
-
-void SetIpmiTransport(IpmiTransport* transport) {
-    g_transport = transport != nullptr ? transport : &g_kernelTransport;
 }
 
 }  // namespace ktx_ipmi

@@ -45,14 +45,19 @@ inline constexpr uint32_t kMaxMessage = 1028;
 extern std::atomic<uint32_t> g_dwBmcTimezone;
 
 /// Opens the lock file and starts the register path. Once per process; later calls change nothing. A machine whose
-/// registers are not served (a BT interface) starts without them if the kernel has a device for it.
+/// registers are not served (a BT interface) starts without them if the kernel has a device for it. A forked child has
+/// the lock file as well, holds nothing of what its parent holds, and starts the register path itself.
 /// @return false when there is no way to the BMC at all, or no lock file
 bool InitIpmiLib();
+/// At any moment, beside any other calls: lets nobody into a bracket any more, ends all waits for one, and gives the
+/// threads inside a second to leave. Their commands end after the current attempt. Who stays longer closes the lock file
+/// when he leaves.
 void TerminateIpmiLib();
 bool IsIpmiLibStarted();
 
 /// Takes the machine-wide IPMI lock and opens the IPMI device. Nests per thread: only the outermost level locks and
-/// opens. Waiters of all processes are served in their order of arrival.
+/// opens. Threads are served in their order of arrival, whatever process they belong to. Only who leaves the lock
+/// untouched for a second although it is free and his turn, because he was stopped, say, is passed over.
 /// @param handle     the handle for the commands; kInvalidHandle after a failure
 /// @param timeoutMs  kInfinite waits for ever
 /// @return false when the lock was not to be had or the device could not be opened three times; then nothing is held

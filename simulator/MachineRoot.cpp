@@ -115,6 +115,7 @@ fs::path MachineRoot::Outside(std::string_view path) const {
 void MachineRoot::Populate() const {
     for (const char* directory : kDirectories)
         AddDirectory(directory);
+    fs::permissions(Outside("/var/opt/velmora/lantrel/tmp"), fs::perms::owner_all);
     for (const char* name : kMerged) {
         const fs::path link = directory_ / name;
         if (!fs::exists(fs::path("/usr") / name)) continue;

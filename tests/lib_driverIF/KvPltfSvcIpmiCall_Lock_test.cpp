@@ -1,212 +1,63 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <functional>
-#include <new>
+#include <filesystem>
+#include <optional>
 #include <thread>
 #include <vector>
 
-#include "lib_driverIF/KvPltfSvcIpmiCall.h"
-#include "lib_driverIF/KvPltfSvcIpmiCall_Internal.h"
+#include "cover/SignalCover.h"
+#include "lib_driverIF/KvPltfSvcIpmiCmd.h"
+#include "simulator/SimulatedServer.h"
 #include "simulator/VirtualClock.h"
-#include "tests/support/FullDisk.h"
-#include "tests/support/InMachineRoot.h"
+#include "tests/support/IpmiLockUsers.h"
 
 namespace {
 
 using namespace ktx_ipmi;
+using namespace std::chrono_literals;
 using std::chrono::steady_clock;
 
-/// What all processes of a test see.
-struct Shared {
-    std::atomic<int> inside{0};
-    std::atomic<int> overlaps{0};
-    std::atomic<int> conversations{0};
-    std::atomic<int> ready{0};
-    std::atomic<int> longestWait{0};  // conversations of others between asking and having
-};
-
-Shared* MakeShared() {
-    void* page = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    return new (page) Shared;
-}
-
-/// A device that counts how often it is opened and can refuse.
-class CountingTransport : public IpmiTransport {
-public:
-    CountingTransport() { SetIpmiTransport(this); }
-    ~CountingTransport() override { SetIpmiTransport(nullptr); }
-    int Open() override {
-        if (cancels) CancelSelf();
-        return ++opened, refuse;
-    }
-    void Close() override {
-        if (cancels) CancelSelf();
-        ++closed;
-    }
-    int Execute(uint8_t, uint8_t, uint16_t, const uint8_t*, uint16_t*, uint8_t*) override { return -1; }
-    int refuse = 0;
-    int opened = 0;
-    int closed = 0;
-    bool cancels = false;  ///< the calling thread, as system calls do when it has been cancelled
-
-private:
-    static void CancelSelf() {
-        pthread_cancel(pthread_self());
-        pthread_testcancel();
-    }
-};
-
-void Contend(Shared& shared, int rounds, int microseconds) {
-    for (int round = 0; round < rounds; ++round) {
-        const int before = shared.conversations;
-        const IpmiBracket bracket;
-        ASSERT_TRUE(bracket);
-        const int waited = shared.conversations - before;
-        int longest = shared.longestWait;
-        while (waited > longest && !shared.longestWait.compare_exchange_weak(longest, waited)) {
-        }
-        if (++shared.inside != 1) ++shared.overlaps;
-        std::this_thread::sleep_for(std::chrono::microseconds(microseconds));
-        --shared.inside;
-        ++shared.conversations;
-    }
-}
-
-/// Runs 4 threads in each of 4 processes inside one machine root; their conversations must not overlap.
-void RunContenders(Shared& shared, int rounds, int microseconds) {
-    constexpr int kEach = 4;
-    const MachineRoot root = MakeTestRoot();
-    std::vector<pid_t> children(kEach);
-    for (pid_t& child : children) {
-        child = root.Start([&] {
-            CountingTransport device;
-            EXPECT_TRUE(OpenIpmiLock());
-            for (++shared.ready; shared.ready < kEach;)
-                std::this_thread::yield();
-            std::vector<std::jthread> contenders(kEach);
-            for (std::jthread& contender : contenders)
-                contender = std::jthread(Contend, std::ref(shared), rounds, microseconds);
-            contenders.clear();
-            CloseIpmiLock();
-            return testing::Test::HasFailure() ? 1 : 0;
-        });
-    }
-    for (const pid_t child : children)
-        EXPECT_EQ(0, WaitForExit(child));
-    EXPECT_EQ(0, shared.overlaps);
-    EXPECT_EQ(kEach * kEach * rounds, shared.conversations);
-}
-
-/// Another process that takes the bracket, and says so, until it is killed.
-pid_t StartHolder(const MachineRoot& root, Shared& shared) {
-    return root.Start([&] {
-        CountingTransport device;
-        OpenIpmiLock();
-        ++shared.ready;
-        const IpmiBracket bracket;
-        ++shared.inside;
-        pause();
-        return 0;
-    });
-}
-
-void AwaitAtLeast(const std::atomic<int>& count, int n) {
-    while (count < n)
-        std::this_thread::yield();
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));  // from there into the wait
-}
-
-class IpmiLock : public testing::Test {
-public:
-    /// Runs body in a machine root of its own, with the lock open.
-    void Run(const std::function<void()>& body) {
-        RunInRoot(MakeTestRoot(), [&] {
-            ASSERT_TRUE(OpenIpmiLock());
-            body();
-            CloseIpmiLock();
-        });
-    }
-
-    CountingTransport device;
-};
-
-bool CanTake() {
-    int handle = kInvalidHandle;
-    const bool taken = OpenIpmiDriver(&handle, 2000);
-    if (taken) CloseIpmiDriver(handle);
-    return taken;
-}
+using IpmiLock = IpmiLockTest;
 
 void ExpectFreeForOthers() {
     std::thread([] { EXPECT_TRUE(CanTake()) << "another thread of this process"; }).join();
 }
 
-TEST_F(IpmiLock, NeverLetsTwoConversationsOverlap) {
-    RunContenders(*MakeShared(), 200, 0);
-}
-
-TEST_F(IpmiLock, NobodyStarves) {
-    Shared* shared = MakeShared();
-    RunContenders(*shared, 40, 1000);
-    // Each of the 16 at most once before any other; a few more, for who was about to be asleep when his turn came.
-    EXPECT_LE(shared->longestWait, 16 + 8);
-}
-
-TEST_ON_MACHINE(IpmiLock, OnlyAFullDiskCostsAPause) {
-    const auto start = steady_clock::now();
-    for (int i = 0; i < 100; ++i)
-        EXPECT_TRUE(IpmiBracket());
-    EXPECT_LT(steady_clock::now() - start, std::chrono::milliseconds(100));
-    sim::ScopedVirtualClock clock;
-    {
-        const FullDisk full;
-        EXPECT_TRUE(IpmiBracket());
-        EXPECT_EQ(100'000U, clock.Slept()) << "time for others to come in";
+/// A thread of this process that is in the bracket.
+class Holder {
+public:
+    Holder() {
+        EXPECT_TRUE(Eventually([&] { return inside_.load(); }));
     }
-    EXPECT_TRUE(IpmiBracket());
-    EXPECT_EQ(100'000U, clock.Slept()) << "they stand in line again";
-}
+    ~Holder() { leave_ = true; }
 
-TEST_F(IpmiLock, WhoIsKilledOrCancelledLeavesTheLineAsIfHeHadNeverCome) {
+private:
+    std::atomic<bool> inside_{false};
+    std::atomic<bool> leave_{false};
+    std::jthread thread_{[this] {
+        const IpmiBracket bracket;
+        for (inside_ = true; !leave_;)
+            std::this_thread::sleep_for(1ms);
+    }};
+};
+
+TEST_F(IpmiLock, FilesAreThisUsersAlone) {
+    using std::filesystem::perms;
     const MachineRoot root = MakeTestRoot();
-    Shared* shared = MakeShared();
-    const pid_t holder = StartHolder(root, *shared);
-    AwaitAtLeast(shared->inside, 1);
-    const pid_t waiter = StartHolder(root, *shared);
-    AwaitAtLeast(shared->ready, 2);
-    RunInRoot(root, [&] {
-        ASSERT_TRUE(OpenIpmiLock());
-#ifndef __SANITIZE_ADDRESS__  // which does not see a cancelled thread leave its frames
-        std::thread inLine([] { const IpmiBracket bracket; });
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        std::thread behindIt([] { const IpmiBracket bracket; });
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        for (std::thread* cancelled : {&behindIt, &inLine}) {
-            pthread_cancel(cancelled->native_handle());
-            cancelled->join();
-        }
-#endif
-        EXPECT_EQ(1, shared->inside) << "the waiter waits for the holder";
-        kill(holder, SIGKILL);
-        AwaitAtLeast(shared->inside, 2);  // the waiter is served
-        kill(waiter, SIGKILL);
-        ExpectFreeForOthers();
-        const pid_t other = fork();
-        if (other == 0) {
-            CloseIpmiLock();
-            _exit(OpenIpmiLock() && CanTake() ? 0 : 1);
-        }
-        EXPECT_EQ(0, WaitForExit(other)) << "another process";
-        CloseIpmiLock();
-    });
-    WaitForExit(holder);
-    WaitForExit(waiter);
+    const auto permissions = [&](const char* path) {
+        return std::filesystem::status(root.Outside(path)).permissions();
+    };
+    const auto open = [] { EXPECT_TRUE(OpenIpmiLock()); };
+    std::filesystem::remove_all(root.Outside("/var/opt/velmora"));
+    RunInRoot(root, open);
+    EXPECT_EQ(perms{0700}, permissions("/var/opt/velmora/lantrel/tmp"));
+    EXPECT_EQ(perms{0600}, permissions(kTurnstile));
+    root.AddFile(kTurnstile, "", 0644);
+    RunInRoot(root, open);
+    EXPECT_EQ(perms{0600}, permissions(kTurnstile)) << "of an earlier version";
 }
 
 #ifndef __SANITIZE_ADDRESS__
@@ -251,6 +102,8 @@ TEST_ON_MACHINE(IpmiLock, BracketsNestAndOnlyTheOutermostOpens) {
         int priority = 0;
         ASSERT_TRUE(OpenIpmiDriverPriority(&priority, kInfinite));
         EXPECT_EQ(1, device.opened) << "the lock alone";
+        CloseIpmiDriverPriority(priority + 1);
+        std::thread([] { EXPECT_FALSE(CanTake(0)) << "that was not the lock's handle"; }).join();
         EXPECT_TRUE(DeviceInBracket());
         EXPECT_EQ(2, device.opened);
         EXPECT_EQ(2, device.closed);
@@ -272,33 +125,156 @@ TEST_ON_MACHINE(IpmiLock, WhatWillNotOpenLeavesNothingHeld) {
     EXPECT_EQ(kInvalidHandle, handle);
 }
 
-TEST_ON_MACHINE(IpmiLock, LettingOthersInHandsTheLockOver) {
-    std::atomic<bool> served{false};
-    {
-        IpmiBracket walk;
-        ASSERT_TRUE(walk);
-        std::thread other([&] {
-            const IpmiBracket bracket;
-            served = true;
+TEST_F(IpmiLock, ATimedWaitEndsInTime) {
+    const MachineRoot root = MakeTestRoot();
+    for (const bool ofAnotherProcess : {false, true}) {
+        auto* shared = MakeShared<LockUsers>();
+        const pid_t other = ofAnotherProcess ? StartHolder(root, *shared) : 0;
+        if (ofAnotherProcess) AwaitAtLeast(shared->inside, 1);
+        RunInRoot(root, [&] {
+            ASSERT_TRUE(OpenIpmiLock());
+            const sim::ScopedVirtualClock clock;
+            const std::optional<IpmiBracket> own =
+                ofAnotherProcess ? std::nullopt : std::optional<IpmiBracket>(std::in_place);
+            std::thread([&] {
+                for (const uint32_t timeoutMs : {0U, 30U, 5000U}) {
+                    SCOPED_TRACE(timeoutMs);
+                    const uint64_t before = Clock().Now();
+                    int handle = kInvalidHandle;
+                    EXPECT_FALSE(OpenIpmiDriver(&handle, timeoutMs));
+                    EXPECT_EQ(g_hipmilock->fd, handle);
+                    EXPECT_FALSE(OpenIpmiDriverPriority(&handle, timeoutMs));
+                    EXPECT_EQ(kInvalidHandle, handle);
+                    EXPECT_EQ(0, IsIPMIPriorityCtrl());
+                    EXPECT_EQ(2000 * timeoutMs, Clock().Now() - before);
+                }
+                const uint64_t before = Clock().Now();
+                EXPECT_TRUE(InitSignal() == 1 && pthread_kill(pthread_self(), SIGTERM) == 0);
+                EXPECT_FALSE(CanTake(5000));
+                EXPECT_EQ(before, Clock().Now()) << "a termination signal is pending";
+            }).join();
         });
-        // The waiter shows up sooner or later; from then on the next step between two records serves it.
-        for (int step = 0; step < 1000 && !served; ++step) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            ASSERT_TRUE(walk.LetOthersIn());
-        }
-        EXPECT_TRUE(served);
-        other.join();
+        if (ofAnotherProcess) End(other);
     }
 }
 
-TEST_ON_MACHINE(IpmiLock, ATimedWaitEndsInTime) {
-    const IpmiBracket holder;
-    std::thread([] {
-        int handle = kInvalidHandle;
-        EXPECT_FALSE(OpenIpmiDriver(&handle, 30));
-        EXPECT_FALSE(OpenIpmiDriverPriority(&handle, 30));
-        EXPECT_EQ(0, IsIPMIPriorityCtrl());
-    }).join();
+/// Others may use the same kind of lock: a thread that waits for the bracket must not be taken for a part of a circle,
+/// neither by its own call nor by the host's.
+TEST_ON_MACHINE(IpmiLock, AHostsOwnLocksAndTheBracketDoNotMeet) {
+    const int fd = open("/hosts", O_RDWR | O_CREAT, 0600);
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    ASSERT_EQ(0, fcntl(fd, F_SETLK, &whole));
+    auto* shared = MakeShared<LockUsers>();
+    const pid_t other = fork();
+    if (other == 0) {
+        std::thread holder([&] {
+            const IpmiBracket bracket;
+            ++shared->inside;
+            AwaitAtLeast(shared->ready, 1);
+            std::this_thread::sleep_for(50ms);
+        });
+        AwaitAtLeast(shared->ready, 1);
+        const bool locked = fcntl(fd, F_SETLKW, &whole) == 0;
+        holder.join();
+        _exit(locked ? 0 : 1);
+    }
+    AwaitAtLeast(shared->inside, 1);
+    std::thread before([] { EXPECT_TRUE(IpmiBracket()); });
+    std::this_thread::sleep_for(20ms);
+    ++shared->ready;
+    std::this_thread::sleep_for(50ms);  // the other process waits for the host's lock
+    EXPECT_TRUE(IpmiBracket());
+    before.join();
+    whole.l_type = F_UNLCK;
+    fcntl(fd, F_SETLK, &whole);
+    EXPECT_EQ(0, WaitForExit(other));
+}
+
+TEST_ON_MACHINE(IpmiLock, AForkedChildBeginsAnew) {
+    const auto startChild = [&](uint32_t timeoutMs, bool taken) {
+        const pid_t pid = fork();
+        if (pid > 0) return pid;
+        const int closed = device.closed;
+        bool good = IsIpmiLibStarted();
+        std::thread([&] { good = good && CanTake(timeoutMs) == taken; }).join();
+        // The parent's device, its own, and its own once more.
+        if (taken) good = good && device.closed == closed + 2 && CanTake(0) && device.closed == closed + 3;
+        CloseIpmiLock();
+        _exit(good ? 0 : 1);
+    };
+    pid_t child = -1;
+    {
+        const IpmiBracket ofThisThread;
+        EXPECT_EQ(0, WaitForExit(startChild(0, false)));
+        EXPECT_EQ(0, WaitForExit(startChild(0, false))) << "the first one ended, and took nothing with it";
+        child = startChild(5000, true);
+    }
+    EXPECT_EQ(0, WaitForExit(child));
+    std::thread waiter;
+    {
+        const Holder other;
+        waiter = std::thread([] { const IpmiBracket bracket; });
+        std::this_thread::sleep_for(30ms);
+        child = startChild(5000, true);
+    }
+    EXPECT_EQ(0, WaitForExit(child));
+    waiter.join();
+}
+
+TEST_ON_MACHINE(IpmiLock, ClosingEndsTheWaitsAndTheLastHolderCloses) {
+    const sim::ScopedVirtualClock clock;
+    std::thread waiter;
+    {
+        const Holder other;
+        waiter = std::thread([] { EXPECT_FALSE(IpmiBracket()); });
+        std::this_thread::sleep_for(30ms);
+        const uint64_t before = Clock().Now();
+        CloseIpmiLock();
+        EXPECT_EQ(before + 1'000'000, Clock().Now());
+        waiter.join();
+        EXPECT_FALSE(IsIpmiLibStarted());
+        EXPECT_FALSE(CanTake());
+        EXPECT_NE(nullptr, g_hipmilock);
+    }
+    EXPECT_EQ(nullptr, g_hipmilock);
+    ASSERT_TRUE(OpenIpmiLock());
+    ExpectFreeForOthers();
+    {
+        const IpmiBracket own;
+        const uint64_t before = Clock().Now();
+        CloseIpmiLock();
+        EXPECT_EQ(before, Clock().Now()) << "nobody else to wait for";
+        EXPECT_NE(nullptr, g_hipmilock);
+    }
+    EXPECT_EQ(nullptr, g_hipmilock);
+}
+
+TEST(IpmiLayer, EndsBesidePollingThreads) {
+    RunInRoot(MakeTestRoot(), [] {
+        sim::SimulatedServer server;
+        KvSetDeviceOps(server.Ops());
+        server.GetBmc().Delay(sim::netfn::kApp, 1, 3ms, 1'000'000);
+        for (int round = 0; round < 12; ++round) {
+            ASSERT_TRUE(InitIpmiLib());
+            std::atomic<int> answered{0};
+            std::vector<std::jthread> threads(3);
+            for (std::jthread& thread : threads) {
+                thread = std::jthread([&] {
+                    DeviceId id;
+                    for (IpmiBracket bracket; bracket && GetDeviceId(bracket.Handle(), 0x20, &id) == 0; ++answered)
+                        if (!bracket.LetOthersIn()) return;
+                });
+            }
+            EXPECT_TRUE(Eventually([&] { return answered >= 3 + round; }));
+            const auto start = steady_clock::now();
+            TerminateIpmiLib();
+            EXPECT_GT(2s, steady_clock::now() - start);
+            threads.clear();
+            EXPECT_EQ(nullptr, g_hipmilock);
+        }
+        KvSetDeviceOps(nullptr);
+    });
 }
 
 }  // namespace

@@ -13,12 +13,14 @@
 #include <utility>
 #include <vector>
 
+#include "lib_driverIF/KvPltfSvcIpmiCall_Wait.h"
 #include "lib_driverIF/KvPltfSvcIpmiCmd.h"
 #include "libplatform/PXR_syscall.h"
 #include "libplatform/PXR_trace.h"
 #include "simulator/VirtualClock.h"
 #include "tests/support/CancelledThread.h"
 #include "tests/support/InMachineRoot.h"
+#include "tests/support/RecordingClock.h"
 #include "tests/support/Tracing.h"
 
 // The host's own settings for firmware updates.
@@ -178,6 +180,23 @@ TEST_F(Gate, AnswersSomeCommandsItselfDuringAnUpdate) {
         EXPECT_EQ(1u, bmc.requests.size());
         EXPECT_EQ(3u, called.length);
         EXPECT_EQ((Bytes{0x2C, command, 0xC5, 0}), called.response);
+    }
+}
+
+TEST_F(Gate, TheEndOfTheLayerIsNotHeldUp) {
+    struct EndingClock : RecordingClock {
+        int SleepFor(uint64_t microseconds) override {
+            SetIpmiEnding(pauses.size() == 2);
+            return RecordingClock::SleepFor(microseconds);
+        }
+    };
+    for (const auto& [rc, requests, result] : {std::tuple{-1, 4u, 0x1FFFFFFFu}, {-6, 1u, 0x6000B120u}}) {
+        EndingClock ending;
+        bmc.Script({}, rc);
+        EXPECT_EQ(result, Call({0x18, 0x01}).result);
+        EXPECT_EQ(requests, bmc.requests.size());
+        EXPECT_EQ(3u, ending.pauses.size());
+        SetIpmiEnding(false);
     }
 }
 
