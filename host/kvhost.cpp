@@ -144,12 +144,10 @@ public:
     Machine& operator=(const Machine&) = delete;
 
 private:
-    /// "sim" is the example of a rack server, installed beside the programs or in the source tree.
+    /// "sim" is the example of a rack server that lies beside the programs.
     static std::filesystem::path ScenarioFile(const std::string& name) {
         if (name.size() > 4) return name.substr(4);
-        const std::filesystem::path installed =
-            std::filesystem::read_symlink("/proc/self/exe").parent_path() / "../share/scenarios/rack-server.json";
-        return std::filesystem::exists(installed) ? installed : KV_SCENARIOS "/rack-server.json";
+        return std::filesystem::read_symlink("/proc/self/exe").parent_path() / "../share/scenarios/rack-server.json";
     }
 
     const Library& library_;

@@ -48,6 +48,9 @@ constexpr std::array kTools = {"/usr/bin/sh",   "/usr/bin/grep",  "/usr/bin/sed"
 // Directories that exist under / and /usr alike on a machine with one merged tree.
 constexpr std::array kMerged = {"bin", "sbin", "lib", "lib32", "lib64", "libx32"};
 
+// What a build tree and an installation have in common.
+constexpr std::array kBuilt = {"lib", "bin", "share"};
+
 [[noreturn]] void Fail(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
 }
@@ -131,8 +134,8 @@ void MachineRoot::Populate() const {
     for (const char* device : {"/dev/null", "/dev/zero", "/dev/urandom"})
         AddFile(device, "");
     if (!buildDir_.empty()) {
-        AddDirectory(std::string(kAgent) + "/lib");
-        AddDirectory(std::string(kAgent) + "/bin");
+        for (const char* name : kBuilt)
+            AddDirectory(std::string(kAgent) + '/' + name);
         CopyMaps();
     }
 }
@@ -200,7 +203,7 @@ void MachineRoot::Enter() const {
     BindMount("/proc", directory_ / "proc");
     BindMount("/sys", directory_ / "sys");
     if (!buildDir_.empty()) {
-        for (const char* name : {"lib", "bin"}) {
+        for (const char* name : kBuilt) {
             if (fs::exists(buildDir_ / name)) BindMount(buildDir_ / name, Outside(kAgent) / name, true);
         }
     }

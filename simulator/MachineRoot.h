@@ -21,7 +21,7 @@
 class MachineRoot {
 public:
     /// Makes the directory below parent, with a name of its own.
-    /// @param buildDir  build tree whose lib/ and bin/ appear under /opt/velmora/lantrel; empty: nothing appears there
+    /// @param buildDir  build tree whose lib/, bin/ and share/ appear under /opt/velmora/lantrel; empty: nothing appears there
     /// @throws std::filesystem::filesystem_error, std::system_error
     explicit MachineRoot(const std::filesystem::path& parent, std::filesystem::path buildDir = {});
     /// Takes a directory that exists or makes it, and leaves it in place at the end.

@@ -31,7 +31,7 @@ int Run(int argc, char** argv) {
     std::string build;
     std::vector<std::string> command;
     app.add_option("directory", directory, "the root; made when it is missing, and kept")->required();
-    app.add_option("--build", build, "build tree whose lib/ and bin/ appear under /opt/velmora/lantrel")
+    app.add_option("--build", build, "build tree whose lib/, bin/ and share/ appear under /opt/velmora/lantrel")
         ->check(CLI::ExistingDirectory);
     app.add_option("command", command, "program of the machine and its arguments")->required();
     app.positionals_at_end();

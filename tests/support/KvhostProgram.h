@@ -8,12 +8,15 @@
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 
 #include "tests/support/BuildTree.h"
 #include "tests/support/InMachineRoot.h"
 
 class KvhostProgram : public testing::Test {
 protected:
+    explicit KvhostProgram(MachineRoot root = MakeTestRoot()) : root_(std::move(root)) {}
+
     struct Outcome {
         int status;
         std::string output;  ///< of both streams, or what else the command leaves in /output
@@ -50,5 +53,5 @@ protected:
     }
     void UseMachine(const std::string& scenario) { root_.AddFile("/machine.json", scenario); }
 
-    MachineRoot root_ = MakeTestRoot();
+    MachineRoot root_;
 };
