@@ -1,4 +1,4 @@
-// The entry to the register path, its parameters and flags, its start and its end.
+// The entry to the register path, its watchdog flags, its start and its end.
 
 #include "lib_driverIF/KvLibIpmi.h"
 
@@ -13,17 +13,12 @@
 
 #include "common/PXR_thread_internal.h"
 #include "cover/TimerCover.h"
-
-//                                                              flag  poll  wr  pause msg pause ipmb
-std::array<std::atomic<uint32_t>, kParamCount> ipmi_param = {4000, 10, 3, 100, 3, 100, 1100};
-const std::array<uint32_t, kParamCount> ipmi_prmin = {4000, 10, 1, 10, 1, 10, 100};
-const std::array<uint32_t, kParamCount> ipmi_prmax = {16000, 1000, 10, 1000, 10, 1000, 5000};
+#include "lib_driverIF/KvLibIpmi_Interface.h"
+#include "lib_driverIF/KvLibIpmi_Message.h"
+#include "lib_driverIF/KvLibIpmi_Queue.h"
 
 uint8_t WatchDogRequest = 0;
 uint8_t WatchDogReqReceive = 0;
-
-std::atomic<bool> g_ipmiStopping = false;
-std::atomic<uint64_t> g_ipmiGiveUpAt = 0;
 
 namespace {
 
@@ -254,10 +249,6 @@ int ipmi_create_lock(const char* name) {
 void ipmi_release_lock(const char* name) {
     const IpmiCallTrace trace(__func__);
     if (NamedLock* const lock = FindLock(name); lock != nullptr) lock->exists = false;
-}
-
-bool ipmi_is_given_up() {
-    return g_ipmiStopping && Clock().Now() >= g_ipmiGiveUpAt;
 }
 
 int Init_IpmiIF() {

@@ -10,7 +10,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "lib_driverIF/KvLibIpmi.h"
+#include "lib_driverIF/KvLibIpmi_Message.h"
+#include "lib_driverIF/KvLibIpmi_Queue.h"
 
 namespace {
 

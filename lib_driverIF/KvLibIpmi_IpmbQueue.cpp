@@ -14,13 +14,13 @@
 #include <utility>
 
 #include "cover/TimerCover.h"
-#include "lib_driverIF/KvLibIpmi.h"
+#include "lib_driverIF/KvLibIpmi_Message.h"
+#include "lib_driverIF/KvLibIpmi_Queue.h"
 
 IpmbRequestEntry* ipmb_req_queue = nullptr;
 IpmbRequestEntry* ipmb_reqqent_free = nullptr;
 uint64_t ipmb_seq_flags = 0;
 uint8_t ipmb_seq_reserve_now_seq = 0;
-std::atomic<bool> g_ipmbAttentionUnwanted = false;
 
 namespace {
 

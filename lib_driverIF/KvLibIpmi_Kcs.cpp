@@ -4,7 +4,7 @@
 // BMC has not taken what was written, OBF while there is something to read. The state bits tell what the BMC believes
 // to be going on; when it disagrees, an abort brings both sides back to idle.
 
-#include "lib_driverIF/KvLibIpmi.h"
+#include "lib_driverIF/KvLibIpmi_Interface.h"
 
 #include "cover/TimerCover.h"
 

@@ -1,11 +1,13 @@
 // One message on the system interface, one at a time.
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <new>
 
-#include "lib_driverIF/KvLibIpmi.h"
+#include "lib_driverIF/KvLibIpmi_Message.h"
 
 namespace {
 

@@ -7,13 +7,11 @@
 
 #include "cover/DeviceCover.h"
 #include "cover/TimerCover.h"
-#include "lib_driverIF/KvLibIpmi.h"
+#include "lib_driverIF/KvLibIpmi_Interface.h"
 #include "lib_driverIF/KvLibSmbios.h"
 
 const IpmiRegisterTable ioreg_func = {ipmi_ioreg_write, ipmi_ioreg_read};
 const IpmiRegisterTable memoryreg_func = {ipmi_memoryreg_write, ipmi_memoryreg_read};
-
-std::atomic<uint32_t> g_pMMapSegmentAddress = 0;
 
 namespace {
 

@@ -6,25 +6,8 @@
 
 #include "common/ByteReader.h"
 #include "common/PXR_host.h"
-#include "lib_driverIF/KvLibIpmi.h"
+#include "lib_driverIF/KvLibIpmi_Interface.h"
 #include "lib_driverIF/KvLibSmbios.h"
-
-std::atomic<uint8_t> IPMI_IFTYPE = kIfTypeSmic;
-std::atomic<uint8_t> IPMI_SLAVE_ADDR = 0x20;
-std::atomic<uint8_t> IPMI_NREGS = 3;
-std::atomic<uint16_t> IPMI_REG_BASE = 0;
-std::atomic<uint16_t> IPMI_REG_DATA = 0;
-std::atomic<uint16_t> IPMI_REG_STATUS = 0;
-std::atomic<uint16_t> IPMI_REG_CONTROL = 0;
-
-// Bound to something from the start, so that no call meets a null.
-std::atomic<IpmiWriteOperation> IPMI_WRITE = ipmi_smic_write;
-std::atomic<IpmiReadOperation> IPMI_READ = ipmi_smic_read;
-std::atomic<IpmiStatusOperation> IPMI_STATUS = ipmi_smic_status;
-std::atomic<IpmiAttentionOperation> IPMI_SMSFLAG = ipmi_smic_smsflag;
-std::atomic<IpmiReadStateOperation> IPMI_ISREAD_STATE = ipmi_smic_IsREAD_STATE;
-std::atomic<RegisterWriteOperation> REG_WRITE = ipmi_ioreg_write;
-std::atomic<RegisterReadOperation> REG_READ = ipmi_ioreg_read;
 
 namespace {
 

@@ -3,7 +3,7 @@
 // A byte is handed over in four steps: the code of what is to happen goes to the control register, the byte to the data
 // register, BUSY is set in the flags, and when the chip has cleared it the status register tells what it made of it.
 
-#include "lib_driverIF/KvLibIpmi.h"
+#include "lib_driverIF/KvLibIpmi_Interface.h"
 
 #include "cover/TimerCover.h"
 

@@ -4,6 +4,7 @@
 
 #include "common/PXR_result.h"
 #include "lib_driverIF/KvLibIpmi.h"
+#include "lib_driverIF/KvLibIpmi_State.h"
 #include "lib_driverIF/KvPltfSvcIpmiCall.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain.h"
 #include "libplatform/KvPsDevice.h"

@@ -10,7 +10,9 @@
 #include <vector>
 
 #include "cover/FileLockCover.h"
-#include "lib_driverIF/KvLibIpmi.h"
+#include "lib_driverIF/KvLibIpmi_Interface.h"
+#include "lib_driverIF/KvLibIpmi_Message.h"
+#include "lib_driverIF/KvLibIpmi_Queue.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_IdString.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_Sdr.h"
 #include "libplatform/KvPsBmc.h"

@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "lib_driverIF/KvLibIpmi.h"
+#include "lib_driverIF/KvLibIpmi_State.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain.h"
 #include "libplatform/PXR_syscall.h"
 #include "tests/support/SimulatedMachine.h"

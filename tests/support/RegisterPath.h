@@ -10,6 +10,9 @@
 #include <vector>
 
 #include "lib_driverIF/KvLibIpmi.h"
+#include "lib_driverIF/KvLibIpmi_Interface.h"
+#include "lib_driverIF/KvLibIpmi_Message.h"
+#include "lib_driverIF/KvLibIpmi_Queue.h"
 #include "simulator/SimulatedServer.h"
 
 /// Time that costs next to nothing: who waits on a condition gives the other threads a tenth of the real time. It looks
