@@ -5,6 +5,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <iterator>
 #include <new>
@@ -22,9 +23,6 @@ uint8_t WatchDogReqReceive = 0;
 
 namespace {
 
-constexpr int kNotInitialised = -1;
-constexpr int kGeneralFailure = -14;
-constexpr int kInvalid = -22;
 constexpr uint32_t kSwitchToSmic = 1;
 constexpr uint64_t kTimeToFinish = 500'000;  // us, for a transfer that is under way when the path is stopped
 
@@ -54,14 +52,14 @@ NamedLock* FindLock(std::string_view name) {
 }
 
 int ReadFlag(NamedLock& lock, void* out) {
-    if (!lock.exists) return IpmiCallTrace::Report(kGeneralFailure, __func__);
+    if (!lock.exists) return IpmiCallTrace::Report(-EFAULT, __func__);
     const std::lock_guard guard(lock.mutex);
     *static_cast<uint8_t*>(out) = lock.flag;
     return 0;
 }
 
 int WriteFlag(NamedLock& lock, const void* in) {
-    if (!lock.exists) return IpmiCallTrace::Report(kGeneralFailure, __func__);
+    if (!lock.exists) return IpmiCallTrace::Report(-EFAULT, __func__);
     const std::lock_guard guard(lock.mutex);
     lock.flag = *static_cast<const uint8_t*>(in);
     return 0;
@@ -76,7 +74,7 @@ int ExecuteMessage(void* argument) {
     const uint32_t capacity = std::min(block.responseLength, kIpmiMaxMessage);
     const bool addressMissing =
         (block.request == nullptr && requestLength > 0) || (block.response == nullptr && capacity > 0);
-    if (addressMissing) return IpmiCallTrace::Report(kGeneralFailure, __func__);
+    if (addressMissing) return IpmiCallTrace::Report(-EFAULT, __func__);
 
     uint8_t message[kIpmiMaxMessage] = {};
     if (requestLength > 0) memcpy(message, block.request, requestLength);
@@ -107,7 +105,7 @@ int SetParameters(void* argument) {
     std::array<uint32_t, kParamCount> values = {};
     memcpy(values.data(), argument, sizeof values);
     const IpmiTurn turn;
-    if (!turn) return IpmiCallTrace::Report(kNotInitialised, __func__);
+    if (!turn) return IpmiCallTrace::Report(-EPERM, __func__);
     for (size_t i = 0; i < kParamCount; ++i)
         ipmi_param[i] = std::clamp(values[i], ipmi_prmin[i], ipmi_prmax[i]);
     if (values[kParamIpmbTimeout] == kSwitchToSmic) ipmi_set_function_SMIC();
@@ -135,9 +133,9 @@ int SetAddress(void* argument) {
     KvIpmiAddressBlock block = {};
     memcpy(&block, argument, sizeof block);
     const IpmiTurn turn;
-    if (!turn) return IpmiCallTrace::Report(kNotInitialised, __func__);
+    if (!turn) return IpmiCallTrace::Report(-EPERM, __func__);
     if (block.kind == KV_IPMI_ADDRESS_PORT) {
-        if (block.address > 0xFFFF) return IpmiCallTrace::Report(kInvalid, __func__);
+        if (block.address > 0xFFFF) return IpmiCallTrace::Report(-EINVAL, __func__);
         if (const int error = ipmi_set_function_kcs_ioport(static_cast<uint16_t>(block.address))) return error;
         ipmi_set_register_access(ioreg_func);
     } else if (block.kind == KV_IPMI_ADDRESS_MEMORY) {
@@ -176,10 +174,10 @@ int Carry(uint32_t code, void* argument) {
                                              [code](const Request& candidate) { return candidate.code == code; });
     if (request == std::end(kRequests)) {
         PXR_trace(PXR_TRACE_MASK_IPMI, PXR_TRACE_LEVEL_ERROR, "ioctl:unknown(%d)\n", static_cast<int>(code));
-        return kInvalid;
+        return -EINVAL;
     }
     PXR_trace(PXR_TRACE_MASK_IPMI, PXR_TRACE_LEVEL_DETAIL, "ioctl:call %s\n", request->name);
-    if (request->hasArgument && argument == nullptr) return IpmiCallTrace::Report(kGeneralFailure, __func__);
+    if (request->hasArgument && argument == nullptr) return IpmiCallTrace::Report(-EFAULT, __func__);
     return request->action(argument);
 }
 
@@ -213,7 +211,7 @@ void ReleaseLocks() {
 
 int Start() {
     static const int followsForks = pthread_atfork(nullptr, nullptr, ForgetParent);
-    if (followsForks != 0) return IpmiCallTrace::Report(kGeneralFailure, __func__);
+    if (followsForks != 0) return IpmiCallTrace::Report(-EFAULT, __func__);
     if (const int error = ipmi_set_function()) return error;
     g_ipmiStopping = false;
     int error = CreateLocks();
@@ -233,7 +231,7 @@ int ipmi_ioctl(uint32_t code, unsigned long argument) {
     if (g_initialised) inUse.lock();
     if (!g_initialised) {
         PXR_trace(PXR_TRACE_MASK_IPMI, PXR_TRACE_LEVEL_ERROR, "ioctl:IPMI library not initialized\n");
-        return trace.Out(kNotInitialised);
+        return trace.Out(-EPERM);
     }
     auto* const block = reinterpret_cast<void*>(argument);  // NOLINT(performance-no-int-to-ptr): a given interface
     return trace.Out(Carry(code, block));
@@ -242,7 +240,7 @@ int ipmi_ioctl(uint32_t code, unsigned long argument) {
 int ipmi_create_lock(const char* name) {
     IpmiCallTrace trace(__func__);
     NamedLock* const lock = FindLock(name);
-    if (lock == nullptr || lock->exists.exchange(true)) return trace.Fail(kGeneralFailure);
+    if (lock == nullptr || lock->exists.exchange(true)) return trace.Fail(-EFAULT);
     return trace.Out(0);
 }
 

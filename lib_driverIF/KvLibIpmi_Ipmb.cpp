@@ -8,6 +8,7 @@
 //   Get Message   1C 33 cc channel | NetFn/LUN sum | responder seq/LUN command cc data... sum
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "lib_driverIF/KvLibIpmi_Message.h"
@@ -27,12 +28,6 @@ constexpr uint8_t kRequesterLun = 0x02;  // the BMC keeps responses to it for th
 constexpr uint32_t kShortestRequest = 2;   // NetFn/LUN, command
 constexpr uint32_t kShortestResponse = 3;  // and completion code
 constexpr uint32_t kBridgeOverhead = 8;
-
-constexpr int kNoMemory = -12;
-constexpr int kGeneralFailure = -14;
-constexpr int kNoSequence = -16;
-constexpr int kBadMessage = -74;
-constexpr int kNoBufferSpace = -105;
 
 /// Makes the bytes and their checksum sum to 0.
 uint8_t Checksum(const uint8_t* bytes, uint32_t count) {
@@ -61,7 +56,7 @@ private:
 
 /// The BMC would not pass the request on; its completion code stands for the target's.
 int AnswerWithCode(uint8_t completionCode, uint8_t* buffer, uint32_t* responseLength) {
-    if (*responseLength < kShortestResponse) return kNoBufferSpace;
+    if (*responseLength < kShortestResponse) return -ENOBUFS;
     buffer[0] = static_cast<uint8_t>(buffer[0] | kResponseBit);
     buffer[2] = completionCode;
     *responseLength = kShortestResponse;
@@ -72,7 +67,7 @@ int ReceiveBridged(uint8_t sequence, uint8_t* buffer, uint32_t* responseLength) 
     uint8_t message[kIpmiMaxMessage];
     uint32_t received = sizeof message;
     if (const int error = ipmb_reqq_enq(sequence, message, &received)) return error;
-    if (received > sizeof message) return kNoBufferSpace;
+    if (received > sizeof message) return -ENOBUFS;
     return ipmb_create_response_data(message, received, buffer, responseLength);
 }
 
@@ -81,8 +76,8 @@ int ReceiveBridged(uint8_t sequence, uint8_t* buffer, uint32_t* responseLength) 
 int ipmb_create_send_message(uint8_t target, uint8_t sequence, const uint8_t* request, uint32_t length, uint8_t* out,
                              uint32_t capacity, uint32_t* outLength) {
     IpmiCallTrace trace(__func__);
-    if (length < kShortestRequest || length > kIpmiMaxMessage) return trace.Fail(kGeneralFailure);
-    if (length + kBridgeOverhead > capacity) return trace.Fail(kNoBufferSpace);
+    if (length < kShortestRequest || length > kIpmiMaxMessage) return trace.Fail(-EFAULT);
+    if (length + kBridgeOverhead > capacity) return trace.Fail(-ENOBUFS);
 
     out[0] = kNetFnAppRequest;
     out[1] = kCommandSendMessage;
@@ -100,9 +95,9 @@ int ipmb_create_send_message(uint8_t target, uint8_t sequence, const uint8_t* re
 
 int ipmb_create_response_data(const uint8_t* message, uint32_t received, uint8_t* out, uint32_t* length) {
     IpmiCallTrace trace(__func__);
-    if (received < kBridgeOverhead) return trace.Fail(kBadMessage);
+    if (received < kBridgeOverhead) return trace.Fail(-EBADMSG);
     const auto headerSum = static_cast<uint8_t>(IPMI_SLAVE_ADDR + message[4] + message[5]);
-    if ((message[0] & kNetFnMask) != kNetFnAppResponse || headerSum != 0) return trace.Fail(kBadMessage);
+    if ((message[0] & kNetFnMask) != kNetFnAppResponse || headerSum != 0) return trace.Fail(-EBADMSG);
 
     const uint32_t capacity = *length;
     *length = received + 1 - kBridgeOverhead;  // the checksum at the end stays on
@@ -115,12 +110,12 @@ int ipmb_create_response_data(const uint8_t* message, uint32_t received, uint8_t
 int ipmb_message(uint8_t target, uint8_t* buffer, uint32_t length, uint32_t* responseLength, uint8_t* status) {
     IpmiCallTrace trace(__func__);
     IpmbRequestEntry* const entry = ipmb_reqq_reserve();
-    if (entry == nullptr) return trace.Fail(kNoMemory);
+    if (entry == nullptr) return trace.Fail(-ENOMEM);
 
     const uint8_t sequence = ipmb_reqq_push(entry, {.target = target, .command = buffer[1]});
     if (sequence == kIpmbNoSequence) {
         ipmb_reqq_release(entry);
-        return trace.Fail(kNoSequence);
+        return trace.Fail(-EBUSY);
     }
     Place place(entry);
 
@@ -131,7 +126,7 @@ int ipmb_message(uint8_t target, uint8_t* buffer, uint32_t length, uint32_t* res
     uint32_t sentLength = sizeof message;
     error = ipmi_message(message, messageLength, &sentLength, status);
     if (error != 0 || *status != 0) return trace.Out(error);
-    if (sentLength < kShortestResponse) return trace.Fail(kBadMessage);
+    if (sentLength < kShortestResponse) return trace.Fail(-EBADMSG);
     if (const uint8_t completionCode = message[2]; completionCode != 0) {
         error = AnswerWithCode(completionCode, buffer, responseLength);
         return error == 0 ? trace.Out(0) : trace.Fail(error);

@@ -9,6 +9,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -31,10 +32,6 @@ constexpr uint32_t kIdlePauseMs = 1;     // after an attention that brought noth
 constexpr uint32_t kEndPauseMs = 10;
 constexpr int kStopWaits = 3;
 constexpr uint64_t kStopWait = 1'000'000;  // us
-
-constexpr int kNoMemory = -12;
-constexpr int kGeneralFailure = -14;
-constexpr int kTimedOut = -110;
 
 constexpr uint8_t kNetFnAppRequest = 0x18;
 constexpr uint8_t kCommandGetMessage = 0x33;
@@ -283,7 +280,7 @@ void ipmb_reqq_cancel(IpmbRequestEntry* entry) {
 int ipmb_reqq_enq(uint8_t sequence, uint8_t* buffer, uint32_t* length) {
     IpmiCallTrace trace(__func__);
     IpmbRequestEntry* const entry = FindOrLink(sequence);
-    if (entry == nullptr) return trace.Fail(kNoMemory);
+    if (entry == nullptr) return trace.Fail(-ENOMEM);
     WaitForResponse(*entry);
     const uint32_t received = TakeOut(*entry);
     if (received != 0) {
@@ -291,7 +288,7 @@ int ipmb_reqq_enq(uint8_t sequence, uint8_t* buffer, uint32_t* length) {
         *length = received;
     }
     ipmb_reqq_release(entry);
-    return received != 0 ? trace.Out(0) : trace.Fail(kTimedOut);
+    return received != 0 ? trace.Out(0) : trace.Fail(-ETIMEDOUT);
 }
 
 void ipmb_reqq_deq(const uint8_t* message, uint32_t length) {
@@ -335,7 +332,7 @@ int ipmb_timer_start() {
     if (g_queue.threadStarted) return trace.Out(0);
     g_queue.stop = false;
     g_queue.threadEnded = false;
-    if (StartThread() != 0) return trace.Fail(kGeneralFailure);
+    if (StartThread() != 0) return trace.Fail(-EFAULT);
     g_queue.threadStarted = true;
     return trace.Out(0);
 }

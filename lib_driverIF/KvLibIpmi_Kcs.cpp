@@ -6,6 +6,8 @@
 
 #include "lib_driverIF/KvLibIpmi_Interface.h"
 
+#include <cerrno>
+
 #include "cover/TimerCover.h"
 
 const IpmiInterfaceTable kcs_func = {ipmi_kcs_Write,       ipmi_kcs_Read,         ipmi_kcs_GetStatus,
@@ -31,10 +33,6 @@ constexpr uint8_t kControlRead = 0x68;
 
 constexpr int kPolls = 10000;
 constexpr uint32_t kPollPauseMs = 1;
-
-constexpr int kNoBmc = -6;
-constexpr int kGeneralFailure = -14;
-constexpr int kTimedOut = -16;
 
 uint8_t ReadStatus() {
     return REG_READ.load()(IPMI_REG_STATUS);
@@ -117,10 +115,10 @@ int Transfer(Budget budget, const Pass& pass) {
             break;
         }
     } while (budget.IsLeft());
-    if (result == kKcsNotAvailable) return kNoBmc;
-    if (budget.stateErrors <= 0) return kGeneralFailure;
-    if (budget.timeouts <= 0) return kTimedOut;
-    return kGeneralFailure;
+    if (result == kKcsNotAvailable) return -ENXIO;
+    if (budget.stateErrors <= 0) return -EFAULT;
+    if (budget.timeouts <= 0) return -EBUSY;
+    return -EFAULT;
 }
 
 int StartWrite() {
@@ -148,7 +146,7 @@ int TakeFinalByte() {
     uint8_t dummy = 0;
     const int result = WaitAndReadData(&dummy);
     if (result == kKcsDone) return kKcsDone;
-    return result == kKcsTimeout ? kTimedOut : kGeneralFailure;
+    return result == kKcsTimeout ? -EBUSY : -EFAULT;
 }
 
 /// One pass. The count goes on over several passes, as the BMC does.
@@ -160,7 +158,7 @@ int ReadPass(IpmiIncoming& response) {
         if (response.count >= kIpmiMaxMessage) {
             uint8_t code = 0;
             KCSAbortAndGetStatusCode(&code);
-            return kGeneralFailure;
+            return -EFAULT;
         }
         uint8_t value = 0;
         if (const int result = WaitAndReadData(&value); result != kKcsDone) return result;
@@ -234,7 +232,7 @@ int KCSAbortAndGetStatusCode(uint8_t* code) {
 int ipmi_kcs_Write(uint8_t* request, uint32_t length, uint8_t* status) {
     IpmiCallTrace trace(__func__);
     if (status != nullptr) *status = 0;
-    if (request == nullptr || length < 2 || length > kIpmiMaxMessage) return trace.Fail(kGeneralFailure);
+    if (request == nullptr || length < 2 || length > kIpmiMaxMessage) return trace.Fail(-EFAULT);
     const int result = Transfer({.stateErrors = 3, .timeouts = 3}, [&] { return WritePass(request, length); });
     return result == 0 ? trace.Out(result) : trace.Fail(result);
 }
@@ -243,7 +241,7 @@ int ipmi_kcs_Read(uint8_t* response, uint32_t* length, uint8_t* status) {
     IpmiCallTrace trace(__func__);
     if (status != nullptr) *status = 0;
     const uint32_t capacity = length != nullptr ? *length : kIpmiMaxMessage;
-    if (response == nullptr || capacity < 1 || capacity > kIpmiMaxMessage) return trace.Fail(kGeneralFailure);
+    if (response == nullptr || capacity < 1 || capacity > kIpmiMaxMessage) return trace.Fail(-EFAULT);
     IpmiIncoming taken = {.bytes = response, .capacity = capacity};
     const int result = Transfer({.stateErrors = 1, .timeouts = 3}, [&] { return ReadPass(taken); });
     if (length != nullptr) *length = taken.count;
@@ -256,11 +254,11 @@ int ipmi_kcs_GetStatus(uint8_t* status) {
         case kKcsDone:
             return trace.Out(0);
         case kKcsTimeout:
-            return trace.Fail(kTimedOut);
+            return trace.Fail(-EBUSY);
         case kKcsNotAvailable:
-            return trace.Fail(kNoBmc);
+            return trace.Fail(-ENXIO);
         default:
-            return trace.Fail(kGeneralFailure);
+            return trace.Fail(-EFAULT);
     }
 }
 

@@ -1,6 +1,7 @@
 // One message on the system interface, one at a time.
 
 #include <algorithm>
+#include <cerrno>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -12,8 +13,6 @@
 namespace {
 
 constexpr uint32_t kKcsMessageAttempts = 3;
-constexpr int kNotInitialised = -1;
-constexpr int kGeneralFailure = -14;
 
 /// Who waits for a turn waits here. Turns are numbered: who gives his back and asks again at once would otherwise have
 /// it before a sleeper wakes, and requesters that are always busy would keep the timer thread from the registers.
@@ -99,12 +98,12 @@ IpmiTurn::~IpmiTurn() {
 int ipmi_message(uint8_t* buffer, uint32_t length, uint32_t* responseLength, uint8_t* status) {
     IpmiCallTrace trace(__func__);
     if (buffer == nullptr || responseLength == nullptr || status == nullptr || length > kIpmiMaxMessage) {
-        return trace.Fail(kGeneralFailure);
+        return trace.Fail(-EFAULT);
     }
     const IpmiTurn turn;
-    if (!turn) return trace.Fail(kNotInitialised);
+    if (!turn) return trace.Fail(-EPERM);
     // The read would refuse it, after the request has been carried out.
-    if (IPMI_IFTYPE == kIfTypeKcs && *responseLength == 0) return trace.Fail(kGeneralFailure);
+    if (IPMI_IFTYPE == kIfTypeKcs && *responseLength == 0) return trace.Fail(-EFAULT);
 
     TraceBytes("request", buffer, length);
     const uint32_t capacity = *responseLength;

@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include "cover/DeviceCover.h"
 #include "cover/TimerCover.h"
@@ -15,8 +16,6 @@ const IpmiRegisterTable memoryreg_func = {ipmi_memoryreg_write, ipmi_memoryreg_r
 
 namespace {
 
-constexpr int kAccessFailed = -5;
-constexpr int kInterrupted = -14;
 constexpr int64_t kPageSize = 4096;
 
 /// The right to port I/O, held for one access: raised for longer it would serve every thread's stray instruction.
@@ -98,7 +97,7 @@ bool ipmi_memory_read_by_map(int64_t physical, uint8_t* value) {
 }
 
 int ipmi_ioreg_write(uint16_t reg, uint8_t value) {
-    if (!PortOut(reg, value)) return IpmiCallTrace::Report(kAccessFailed, __func__);
+    if (!PortOut(reg, value)) return IpmiCallTrace::Report(-EIO, __func__);
     PXR_trace(PXR_TRACE_MASK_IPMI, PXR_TRACE_LEVEL_DETAIL, "O: R=%04X D=%02X\n", reg, value);
     return 0;
 }
@@ -106,7 +105,7 @@ int ipmi_ioreg_write(uint16_t reg, uint8_t value) {
 uint8_t ipmi_ioreg_read(uint16_t reg) {
     uint8_t value = 0;
     if (!PortIn(reg, &value)) {
-        IpmiCallTrace::Report(kAccessFailed, __func__);
+        IpmiCallTrace::Report(-EIO, __func__);
         return 0;
     }
     PXR_trace(PXR_TRACE_MASK_IPMI, PXR_TRACE_LEVEL_DETAIL, "I: R=%04X D=%02X\n", reg, value);
@@ -116,7 +115,7 @@ uint8_t ipmi_ioreg_read(uint16_t reg) {
 int ipmi_memoryreg_write(uint16_t reg, uint8_t value) {
     const int64_t physical = PhysicalAddress(reg);
     if (!(sb_is_kernel26() ? ipmi_memory_write_by_map(physical, value) : ipmi_memory_write_by_seek(physical, value))) {
-        return IpmiCallTrace::Report(kAccessFailed, __func__);
+        return IpmiCallTrace::Report(-EIO, __func__);
     }
     PXR_trace(PXR_TRACE_MASK_IPMI, PXR_TRACE_LEVEL_DETAIL, "%s: REG=%04X DAT=%02X\n", __func__, reg, value);
     return 0;
@@ -126,7 +125,7 @@ uint8_t ipmi_memoryreg_read(uint16_t reg) {
     uint8_t value = 0;
     const int64_t physical = PhysicalAddress(reg);
     if (!(sb_is_kernel26() ? ipmi_memory_read_by_map(physical, &value) : ipmi_memory_read_by_seek(physical, &value))) {
-        IpmiCallTrace::Report(kAccessFailed, __func__);
+        IpmiCallTrace::Report(-EIO, __func__);
         return 0;
     }
     PXR_trace(PXR_TRACE_MASK_IPMI, PXR_TRACE_LEVEL_DETAIL, "%s: REG=%04X DAT=%02X\n", __func__, reg, value);
@@ -136,5 +135,5 @@ uint8_t ipmi_memoryreg_read(uint16_t reg) {
 int ipmi_sleep_on_timeout(long ms) {
     IpmiCallTrace trace(__func__);
     const auto pause = static_cast<uint64_t>(std::max(ms, 0L));
-    return Clock().SleepFor(pause * 1000) == 0 ? trace.Out(0) : trace.Fail(kInterrupted);
+    return Clock().SleepFor(pause * 1000) == 0 ? trace.Out(0) : trace.Fail(-EFAULT);
 }

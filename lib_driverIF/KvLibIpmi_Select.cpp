@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <optional>
 
 #include "common/ByteReader.h"
@@ -11,9 +12,6 @@
 
 namespace {
 
-constexpr int kUnreachable = -5;
-constexpr int kInvalid = -22;
-constexpr int kNotServed = -38;
 constexpr uint8_t kDefaultSlave = 0x20;
 
 /// What there is to know about an interface.
@@ -147,8 +145,8 @@ int ipmi_set_function() {
     host::AnnounceIpmiUpdate();
     const Interface chosen = record ? FromDeviceRecord(*record) : Interface{};
 
-    if (chosen.type == kIfTypeBt) return trace.Fail(kNotServed);
-    if (!IsReachable(chosen)) return trace.Fail(kUnreachable);
+    if (chosen.type == kIfTypeBt) return trace.Fail(-ENOSYS);
+    if (!IsReachable(chosen)) return trace.Fail(-EIO);
     g_pMMapSegmentAddress = chosen.memoryMapped ? static_cast<uint32_t>(chosen.base & 0xFFFF0000) : 0;
     ipmi_set_register_access(chosen.memoryMapped ? memoryreg_func : ioreg_func);
     Bind(chosen.type, chosen.slave, static_cast<uint16_t>(chosen.base & 0xFFFF), chosen.spacing);
@@ -164,7 +162,7 @@ void ipmi_set_function_SMIC() {
 int ipmi_set_function_kcs_ioport(uint16_t port) {
     IpmiCallTrace trace(__func__);
     const uint16_t spacing = host::RegisterSpacing(1);
-    if (!IsReachable(kIfTypeKcs, port, spacing)) return trace.Fail(kInvalid);
+    if (!IsReachable(kIfTypeKcs, port, spacing)) return trace.Fail(-EINVAL);
     Bind(kIfTypeKcs, kDefaultSlave, port, spacing);
     return trace.Out(0);
 }

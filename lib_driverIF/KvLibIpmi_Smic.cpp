@@ -5,6 +5,8 @@
 
 #include "lib_driverIF/KvLibIpmi_Interface.h"
 
+#include <cerrno>
+
 #include "cover/TimerCover.h"
 
 const IpmiInterfaceTable smic_func = {ipmi_smic_write,   ipmi_smic_read,         ipmi_smic_status,
@@ -40,9 +42,6 @@ constexpr uint8_t kTransferGood = 0x00;
 constexpr uint8_t kTransferBadLength = 0x04;
 constexpr uint8_t kTransferUnknownError = 0xFF;
 
-constexpr int kGeneralFailure = -14;
-constexpr int kTimedOut = -16;
-
 uint8_t ReadData() {
     return REG_READ.load()(IPMI_REG_DATA);
 }
@@ -66,7 +65,7 @@ void ChangeFlags(uint8_t set, uint8_t clear) {
 int WaitFlags(uint8_t mask, uint8_t value, bool (*givenUp)()) {
     const uint64_t deadline = Clock().Now() + uint64_t{ipmi_param[kParamSmicFlagLimit]} * 1000;
     while ((ReadFlags() & mask) != value) {
-        if (Clock().Now() >= deadline || givenUp()) return kTimedOut;
+        if (Clock().Now() >= deadline || givenUp()) return -EBUSY;
         if (const int error = ipmi_sleep_on_timeout(static_cast<long>(ipmi_param[kParamSmicFlagInterval]))) {
             return error;
         }
@@ -164,7 +163,7 @@ int ipmi_smic_flagwait(uint8_t mask, uint8_t value) {
 
 int ipmi_smic_write(uint8_t* request, uint32_t length, uint8_t* status) {
     IpmiCallTrace trace(__func__);
-    if (request == nullptr || status == nullptr || length > kIpmiMaxMessage) return trace.Fail(kGeneralFailure);
+    if (request == nullptr || status == nullptr || length > kIpmiMaxMessage) return trace.Fail(-EFAULT);
     *status = kTransferGood;
     if (length < 2) {
         *status = kTransferBadLength;
@@ -176,7 +175,7 @@ int ipmi_smic_write(uint8_t* request, uint32_t length, uint8_t* status) {
 int ipmi_smic_read(uint8_t* response, uint32_t* length, uint8_t* status) {
     IpmiCallTrace trace(__func__);
     const uint32_t capacity = length != nullptr ? *length : kIpmiMaxMessage;
-    if (response == nullptr || status == nullptr || capacity > kIpmiMaxMessage) return trace.Fail(kGeneralFailure);
+    if (response == nullptr || status == nullptr || capacity > kIpmiMaxMessage) return trace.Fail(-EFAULT);
     *status = kTransferGood;
     IpmiIncoming taken = {.bytes = response, .capacity = capacity};
     bool done = false;
@@ -194,7 +193,7 @@ int ipmi_smic_read(uint8_t* response, uint32_t* length, uint8_t* status) {
 
 int ipmi_smic_status(uint8_t* status) {
     IpmiCallTrace trace(__func__);
-    if (status == nullptr) return trace.Fail(kGeneralFailure);
+    if (status == nullptr) return trace.Fail(-EFAULT);
     if (const int error = ipmi_smic_flagwait(kBusy, 0)) return trace.Out(error);
     WriteControl(kControlGetStatus);
     uint8_t code = 0;

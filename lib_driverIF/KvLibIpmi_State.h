@@ -1,7 +1,8 @@
 #pragma once
 /// @file
 /// What the files of the register path share, at their bottom: parameters, the flags that end waits, the interface in
-/// use, the trace lines of a function. Functions give 0 or a negative errno value unless they say otherwise.
+/// use, the trace lines of a function. Functions give 0 or a negative errno value unless they say otherwise: EPERM the path
+/// is not up, EBUSY the time or the numbers are used up, EFAULT what has no value of its own.
 
 #include <array>
 #include <atomic>
