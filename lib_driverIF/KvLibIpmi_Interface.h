@@ -52,6 +52,14 @@ bool ipmi_memory_read_by_seek(int64_t physical, uint8_t* value);
 bool ipmi_memory_write_by_map(int64_t physical, uint8_t value);
 bool ipmi_memory_read_by_map(int64_t physical, uint8_t* value);
 
+/// A register of the interface in use. A write that fails shows in the state that does not change.
+inline uint8_t ReadRegister(uint16_t reg) {
+    return REG_READ.load()(reg);
+}
+inline void WriteRegister(uint16_t reg, uint8_t value) {
+    REG_WRITE.load()(reg, value);
+}
+
 /// Sleeps; a negative time counts as 0. @return 0; -14 a signal ended it
 int ipmi_sleep_on_timeout(long ms);
 /// @}

@@ -34,20 +34,6 @@ constexpr uint8_t kControlRead = 0x68;
 constexpr int kPolls = 10000;
 constexpr uint32_t kPollPauseMs = 1;
 
-uint8_t ReadStatus() {
-    return REG_READ.load()(IPMI_REG_STATUS);
-}
-uint8_t ReadData() {
-    return REG_READ.load()(IPMI_REG_DATA);
-}
-// A write that fails shows in the state that does not change.
-void WriteCommand(uint8_t code) {
-    REG_WRITE.load()(IPMI_REG_STATUS, code);
-}
-void WriteData(uint8_t value) {
-    REG_WRITE.load()(IPMI_REG_DATA, value);
-}
-
 int WaitIbfClear(uint8_t* status) {
     return KCSWaitStatusReg(0, kIbf, status);
 }
@@ -64,12 +50,12 @@ int WaitForState(uint8_t state) {
 }
 
 int WriteCommandAndWait(uint8_t code, uint8_t state) {
-    WriteCommand(code);
+    WriteRegister(IPMI_REG_STATUS, code);
     return WaitForState(state);
 }
 
 int WriteDataAndWait(uint8_t value, uint8_t state) {
-    WriteData(value);
+    WriteRegister(IPMI_REG_DATA, value);
     return WaitForState(state);
 }
 
@@ -80,7 +66,7 @@ int ClearObf() {
 
 int WaitAndReadData(uint8_t* value) {
     if (const int result = WaitObfSet(); result != kKcsDone) return result;
-    *value = ReadData();
+    *value = ReadRegister(IPMI_REG_DATA);
     return kKcsDone;
 }
 
@@ -137,7 +123,7 @@ int WritePass(const uint8_t* request, uint32_t length) {
     }
     if (const int result = WriteCommandAndWait(kControlWriteEnd, kStateWrite); result != kKcsDone) return result;
     if (const int result = ClearObf(); result != kKcsDone) return result;
-    WriteData(request[length - 1]);
+    WriteRegister(IPMI_REG_DATA, request[length - 1]);
     return kKcsDone;
 }
 
@@ -163,7 +149,7 @@ int ReadPass(IpmiIncoming& response) {
         uint8_t value = 0;
         if (const int result = WaitAndReadData(&value); result != kKcsDone) return result;
         response.Append(value);
-        WriteData(kControlRead);
+        WriteRegister(IPMI_REG_DATA, kControlRead);
     }
     return (status & kStateMask) == kStateIdle ? TakeFinalByte() : kKcsStateError;
 }
@@ -172,7 +158,7 @@ int ReadPass(IpmiIncoming& response) {
 int WaitStatus(uint8_t value, uint8_t mask, uint8_t* status, bool (*givenUp)()) {
     if ((value != 0 && (value & mask) == 0) || status == nullptr) return kKcsBadArgument;
     for (int poll = 0; poll < kPolls; ++poll) {
-        *status = ReadStatus();
+        *status = ReadRegister(IPMI_REG_STATUS);
         if ((*status & kBmcNotAvailable) != 0) return kKcsNotAvailable;
         if ((*status & mask) == value) return kKcsDone;
         if (givenUp()) break;
@@ -184,7 +170,7 @@ int WaitStatus(uint8_t value, uint8_t mask, uint8_t* status, bool (*givenUp)()) 
 int AbortSequence(uint8_t* code) {
     uint8_t status = 0;
     if (const int result = WaitIbfClear(&status); result != kKcsDone) return result;
-    WriteCommand(kControlAbort);
+    WriteRegister(IPMI_REG_STATUS, kControlAbort);
     if (const int result = WaitIbfClear(&status); result != kKcsDone) return result;
     if (const int result = ClearObf(); result != kKcsDone) return result;
     if (const int result = WriteDataAndWait(0x00, kStateRead); result != kKcsDone) return result;
@@ -205,10 +191,10 @@ int KCSClearObf(uint8_t* status) {
     IpmiCallTrace trace(__func__);
     if (status == nullptr) return trace.Out(kKcsBadArgument);
     for (int poll = 0; poll < kPolls; ++poll) {
-        *status = ReadStatus();
+        *status = ReadRegister(IPMI_REG_STATUS);
         if ((*status & kBmcNotAvailable) != 0) return trace.Out(kKcsNotAvailable);
         if ((*status & kObf) == 0) return trace.Out(kKcsDone);
-        if (poll == 0) ReadData();  // what was left there
+        if (poll == 0) ReadRegister(IPMI_REG_DATA);  // what was left there
         if (ipmi_is_given_up()) break;
         Sleep(kPollPauseMs);
     }
@@ -217,7 +203,7 @@ int KCSClearObf(uint8_t* status) {
 
 int KCSGetStatusReg(uint8_t value, uint8_t mask, uint8_t* status) {
     IpmiCallTrace trace(__func__);
-    const uint8_t now = ReadStatus();
+    const uint8_t now = ReadRegister(IPMI_REG_STATUS);
     if (status != nullptr) *status = now;
     return trace.Out((now & mask) == value ? 1 : 0);
 }

@@ -42,29 +42,14 @@ constexpr uint8_t kTransferGood = 0x00;
 constexpr uint8_t kTransferBadLength = 0x04;
 constexpr uint8_t kTransferUnknownError = 0xFF;
 
-uint8_t ReadData() {
-    return REG_READ.load()(IPMI_REG_DATA);
-}
-uint8_t ReadStatusCode() {
-    return REG_READ.load()(IPMI_REG_STATUS);
-}
-uint8_t ReadFlags() {
-    return REG_READ.load()(IPMI_REG_CONTROL);
-}
-void WriteData(uint8_t value) {
-    REG_WRITE.load()(IPMI_REG_DATA, value);
-}
-void WriteControl(uint8_t code) {
-    REG_WRITE.load()(IPMI_REG_STATUS, code);
-}
 void ChangeFlags(uint8_t set, uint8_t clear) {
-    REG_WRITE.load()(IPMI_REG_CONTROL, static_cast<uint8_t>((ReadFlags() | set) & ~clear));
+    WriteRegister(IPMI_REG_CONTROL, static_cast<uint8_t>((ReadRegister(IPMI_REG_CONTROL) | set) & ~clear));
 }
 
 /// Waits for flags, and no longer than until the wait is given up.
 int WaitFlags(uint8_t mask, uint8_t value, bool (*givenUp)()) {
     const uint64_t deadline = Clock().Now() + uint64_t{ipmi_param[kParamSmicFlagLimit]} * 1000;
-    while ((ReadFlags() & mask) != value) {
+    while ((ReadRegister(IPMI_REG_CONTROL) & mask) != value) {
         if (Clock().Now() >= deadline || givenUp()) return -EBUSY;
         if (const int error = ipmi_sleep_on_timeout(static_cast<long>(ipmi_param[kParamSmicFlagInterval]))) {
             return error;
@@ -77,7 +62,7 @@ int WaitFlags(uint8_t mask, uint8_t value, bool (*givenUp)()) {
 int Strobe(uint8_t* statusCode) {
     ChangeFlags(kBusy, 0);
     if (const int error = ipmi_smic_flagwait(kBusy, 0)) return error;
-    *statusCode = ReadStatusCode();
+    *statusCode = ReadRegister(IPMI_REG_STATUS);
     return 0;
 }
 
@@ -85,8 +70,8 @@ int WriteStep(uint8_t control, uint8_t value, uint8_t* statusCode) {
     const bool first = control == kControlWriteStart;
     const int error = first ? ipmi_smic_flagwait(kBusy, 0) : ipmi_smic_flagwait(kTxDataReady | kBusy, kTxDataReady);
     if (error != 0) return error;
-    WriteControl(control);
-    WriteData(value);
+    WriteRegister(IPMI_REG_STATUS, control);
+    WriteRegister(IPMI_REG_DATA, value);
     return Strobe(statusCode);
 }
 
@@ -94,7 +79,7 @@ int ReadStep(uint8_t control, uint8_t* statusCode) {
     const bool last = control == kControlReadEnd;
     const int error = last ? ipmi_smic_flagwait(kBusy, 0) : ipmi_smic_flagwait(kRxDataReady | kBusy, kRxDataReady);
     if (error != 0) return error;
-    WriteControl(control);
+    WriteRegister(IPMI_REG_STATUS, control);
     return Strobe(statusCode);
 }
 
@@ -108,7 +93,7 @@ int WriteAttempt(const uint8_t* request, uint32_t length, bool* done) {
         if (code != kStatusWriteNext) return 0;
     }
     if (const int error = WriteStep(kControlWriteEnd, request[length - 1], &code)) return error;
-    ReadData();
+    ReadRegister(IPMI_REG_DATA);
     *done = code == kStatusWriteEnd;
     return 0;
 }
@@ -120,13 +105,13 @@ int ReadAttempt(IpmiIncoming& response, bool* done) {
     if (const int error = ReadStep(kControlReadStart, &code)) return error;
     if (code != kStatusReadStart) return 0;
     do {
-        response.Append(ReadData());
+        response.Append(ReadRegister(IPMI_REG_DATA));
         if (const int error = ReadStep(kControlReadNext, &code)) return error;
     } while (code == kStatusReadNext && response.count + 1 < kIpmiMaxMessage);
     if (code != kStatusReadEnd) return 0;
-    response.Append(ReadData());
+    response.Append(ReadRegister(IPMI_REG_DATA));
     if (const int error = ReadStep(kControlReadEnd, &code)) return error;
-    ReadData();
+    ReadRegister(IPMI_REG_DATA);
     *done = true;
     return 0;
 }
@@ -195,16 +180,16 @@ int ipmi_smic_status(uint8_t* status) {
     IpmiCallTrace trace(__func__);
     if (status == nullptr) return trace.Fail(-EFAULT);
     if (const int error = ipmi_smic_flagwait(kBusy, 0)) return trace.Out(error);
-    WriteControl(kControlGetStatus);
+    WriteRegister(IPMI_REG_STATUS, kControlGetStatus);
     uint8_t code = 0;
     if (const int error = Strobe(&code)) return trace.Out(error);
-    *status = ReadData();
+    *status = ReadRegister(IPMI_REG_DATA);
     return trace.Out(0);
 }
 
 int ipmi_smic_smsflag(int mode) {
     IpmiCallTrace trace(__func__);
-    if (mode == 1) return trace.Out((ReadFlags() & kSmsAttention) != 0 ? 1 : 0);
+    if (mode == 1) return trace.Out((ReadRegister(IPMI_REG_CONTROL) & kSmsAttention) != 0 ? 1 : 0);
     return trace.Out(WaitFlags(kSmsAttention, kSmsAttention, [] { return g_ipmbAttentionUnwanted.load(); }));
 }
 
