@@ -1,11 +1,6 @@
 #include "simulator/KcsRegisters.h"
 
 namespace sim {
-namespace {
-
-constexpr size_t kLongestRequest = 1028;
-
-}  // namespace
 
 uint8_t KcsRegisters::Read(unsigned index) {
     if (index == kcs::kData) {
@@ -134,7 +129,7 @@ void KcsRegisters::EndRequest() {
         state_ = kcs::kRead;
     else
         ibf_ = true;  // a driver that sees it clear finds the answer there
-    Submit(request_);
+    Submit();
 }
 
 void KcsRegisters::ShowAnswer() {

@@ -33,8 +33,7 @@ inline constexpr uint8_t kUnspecified = 0xFF;
 
 class KcsRegisters : public RegisterInterface {
 public:
-    using RegisterInterface::RegisterInterface;
-    unsigned RegisterCount() const override { return 2; }
+    KcsRegisters(TimerClock& clock, Bmc& bmc) : RegisterInterface(clock, bmc, 2) {}
     uint8_t Read(unsigned index) override;
     void Write(unsigned index, uint8_t value) override;
 
@@ -77,14 +76,11 @@ private:
     bool endless_ = false;
     bool takesAtOnce_ = false;
     bool dummyBytes_ = false;
-    unsigned busyReads_ = 0;
     unsigned failAt_ = 0;
     unsigned failEvery_ = 0;
     uint8_t dataIn_ = 0;
     uint8_t dataOut_ = 0;
     uint8_t statusCode_ = kcs::kNoError;
-    Bytes request_;
-    size_t readAt_ = 0;
 };
 
 }  // namespace sim

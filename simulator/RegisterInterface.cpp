@@ -2,10 +2,10 @@
 
 namespace sim {
 
-void RegisterInterface::Submit(const Bytes& request) {
+void RegisterInterface::Submit() {
     ++messages_;
     answer_.reset();
-    auto answer = bmc_.HandleSystemMessage(request);
+    auto answer = bmc_.HandleSystemMessage(request_);
     if (!answer) return;
     answer_ = std::move(answer->message);
     answerAt_ = clock_.Now() + static_cast<uint64_t>(answer->delay.count()) * 1000;

@@ -14,12 +14,13 @@ namespace sim {
 /// A group of byte-wide registers in front of the BMC. Not thread-safe: the server serialises accesses.
 class RegisterInterface {
 public:
-    RegisterInterface(TimerClock& clock, Bmc& bmc) : clock_(clock), bmc_(bmc) {}
+    RegisterInterface(TimerClock& clock, Bmc& bmc, unsigned registers)
+        : clock_(clock), bmc_(bmc), registers_(registers) {}
     virtual ~RegisterInterface() = default;
     RegisterInterface(const RegisterInterface&) = delete;
     RegisterInterface& operator=(const RegisterInterface&) = delete;
 
-    virtual unsigned RegisterCount() const = 0;
+    unsigned RegisterCount() const { return registers_; }
     virtual uint8_t Read(unsigned index) = 0;
     virtual void Write(unsigned index, uint8_t value) = 0;
 
@@ -36,8 +37,10 @@ public:
     unsigned Overlaps() const { return overlaps_; }
 
 protected:
+    static constexpr size_t kLongestRequest = 1028;
+
     /// Hands the collected request to the BMC; the answer, or none, is there from answerAt_ on.
-    void Submit(const Bytes& request);
+    void Submit();
     /// Whether the answer can be read by now.
     bool AnswerReady() const;
     void BeginTransfer() { owner_ = writer_; }
@@ -49,14 +52,18 @@ protected:
     TimerClock& clock_;
     Bmc& bmc_;
     unsigned latency_ = 1;
+    unsigned busyReads_ = 0;  ///< until the BMC takes the byte that was written
     bool hung_ = false;
     unsigned violations_ = 0;
     unsigned messages_ = 0;
     unsigned overlaps_ = 0;
+    Bytes request_;  ///< as far as it has come
     std::optional<Bytes> answer_;
+    size_t readAt_ = 0;  ///< in the answer
     uint64_t answerAt_ = 0;
 
 private:
+    const unsigned registers_;
     std::thread::id owner_;
     std::thread::id writer_;
 };

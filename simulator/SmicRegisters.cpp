@@ -1,11 +1,6 @@
 #include "simulator/SmicRegisters.h"
 
 namespace sim {
-namespace {
-
-constexpr size_t kLongestRequest = 1028;
-
-}  // namespace
 
 uint8_t SmicRegisters::Read(unsigned index) {
     if (index == smic::kData) return data_;
@@ -101,7 +96,7 @@ void SmicRegisters::TakeWrite() {
     if (control_ != smic::kWriteEnd) return;
     data_ = 0;
     phase_ = Phase::kAnswering;
-    Submit(request_);
+    Submit();
 }
 
 void SmicRegisters::ReadStart() {

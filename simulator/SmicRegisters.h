@@ -36,8 +36,7 @@ inline constexpr uint8_t kBufferFull = 0x05;
 
 class SmicRegisters : public RegisterInterface {
 public:
-    using RegisterInterface::RegisterInterface;
-    unsigned RegisterCount() const override { return 3; }
+    SmicRegisters(TimerClock& clock, Bmc& bmc) : RegisterInterface(clock, bmc, 3) {}
     uint8_t Read(unsigned index) override;
     void Write(unsigned index, uint8_t value) override;
 
@@ -64,10 +63,7 @@ private:
     uint8_t errorCode_ = 0;
     bool busy_ = false;
     bool transmitBlocked_ = false;
-    unsigned busyReads_ = 0;
     unsigned failAt_ = 0;
-    Bytes request_;
-    size_t readAt_ = 0;
 };
 
 }  // namespace sim
