@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <ctime>
-#include <iterator>
 
 namespace sim {
 namespace {
@@ -11,10 +10,6 @@ constexpr size_t kEntrySize = 16;
 constexpr uint8_t kSelVersion = 0x51;
 constexpr uint8_t kDeleteSupported = 0x08;
 constexpr uint8_t kReserveSupported = 0x02;
-
-uint16_t IdOf(const SelEntry& entry) {
-    return static_cast<uint16_t>(entry[0] | static_cast<unsigned>(entry[1]) << 8);
-}
 
 void PutTime(SelEntry& entry, uint32_t seconds) {
     for (size_t i = 0; i < 4; ++i)
@@ -104,19 +99,6 @@ void EventLog::CatchUp() {
     }
 }
 
-const SelEntry* EventLog::Find(uint16_t id, uint16_t& next) const {
-    if (entries_.empty()) return nullptr;
-    auto found = entries_.begin();
-    if (id == 0xFFFF)
-        found = std::prev(entries_.end());
-    else if (id != 0)
-        found = std::find_if(entries_.begin(), entries_.end(), [&](const SelEntry& each) { return IdOf(each) == id; });
-    if (found == entries_.end()) return nullptr;
-    const auto behind = std::next(found);
-    next = behind == entries_.end() ? uint16_t{0xFFFF} : IdOf(*behind);
-    return &*found;
-}
-
 Response EventLog::GetInfo() const {
     const size_t free = (capacity_ - std::min(capacity_, entries_.size())) * kEntrySize;
     Response response{cc::kOk, {kSelVersion}};
@@ -128,31 +110,16 @@ Response EventLog::GetInfo() const {
     return response;
 }
 
-Response EventLog::Reserve() {
-    if (!reservable_) return {cc::kInvalidCommand, {}};
-    if (++lastReservation_ == 0) ++lastReservation_;
-    reservation_ = lastReservation_;
-    Response response;
-    PutWord(response.data, reservation_);
-    return response;
-}
-
-/// Data: reservation, record id, offset, count (0xFF: all). A reservation is needed only behind the entry's beginning.
+/// Count 0xFF: to the end.
 Response EventLog::GetEntry(const Request& request) const {
-    if (request.data.size() != 6) return {cc::kBadLength, {}};
-    const uint16_t reservation = Word(request.data, 0);
-    const size_t offset = request.data[4];
-    const size_t count = request.data[5];
-    if ((offset != 0 || reservation != 0) && !Reserved(reservation)) return {cc::kReservationCancelled, {}};
+    const Asked asked = ReadRequest(request);
+    if (asked.refused != cc::kOk) return {asked.refused, {}};
     uint16_t next = 0;
-    const SelEntry* entry = Find(Word(request.data, 2), next);
+    const SelEntry* entry = FindIn(entries_, asked.id, next);
     if (entry == nullptr) return {cc::kNotPresent, {}};
-    if (offset >= kEntrySize || (count != 0xFF && offset + count > kEntrySize)) return {cc::kOutOfRange, {}};
-    const size_t given = count == 0xFF ? kEntrySize - offset : count;
-    Response response;
-    PutWord(response.data, next);
-    response.data.insert(response.data.end(), entry->begin() + offset, entry->begin() + offset + given);
-    return response;
+    const bool whole = asked.count == 0xFF;
+    if (asked.offset >= kEntrySize || (!whole && asked.offset + asked.count > kEntrySize)) return {cc::kOutOfRange, {}};
+    return Piece(next, *entry, asked.offset, whole ? kEntrySize - asked.offset : asked.count);
 }
 
 Response EventLog::AddEntry(const Request& request) {
@@ -171,7 +138,7 @@ Response EventLog::Delete(const Request& request) {
     if (request.data.size() != 4) return {cc::kBadLength, {}};
     if (!Reserved(Word(request.data, 0))) return {cc::kReservationCancelled, {}};
     uint16_t next = 0;
-    const SelEntry* entry = Find(Word(request.data, 2), next);
+    const SelEntry* entry = FindIn(entries_, Word(request.data, 2), next);
     if (entry == nullptr) return {cc::kNotPresent, {}};
     const uint16_t id = IdOf(*entry);
     Remove(id);

@@ -9,7 +9,7 @@
 #include <map>
 #include <vector>
 
-#include "simulator/BmcMessage.h"
+#include "simulator/ReservedStore.h"
 
 namespace sim {
 
@@ -20,7 +20,7 @@ SelEntry SystemEvent(uint8_t sensorType, uint8_t sensorNumber, uint8_t eventType
                      uint32_t timestamp = 0, uint16_t generator = 0x0020);
 
 /// Record ids are given in ascending order from 1 and start again at 1 after a clear.
-class EventLog {
+class EventLog : public ReservedStore {
 public:
     /// @param clockNow  monotonic microseconds
     explicit EventLog(std::function<uint64_t()> clockNow);
@@ -43,29 +43,21 @@ public:
     void SetReservable(bool reservable) { reservable_ = reservable; }
     /// Get-status requests of Clear SEL that still find the erasure under way.
     void SetErasePolls(unsigned polls) { erasePolls_ = polls; }
-    void CancelReservation() { reservation_ = 0; }
     /// Wall-clock time of the controller, seconds since 1970.
     uint32_t Time() const;
     void SetTime(uint32_t seconds);
 
     Response GetInfo() const;
-    Response Reserve();
     Response GetEntry(const Request& request) const;
     Response AddEntry(const Request& request);
     Response Delete(const Request& request);
     Response ClearCommand(const Request& request);
 
 private:
-    const SelEntry* Find(uint16_t id, uint16_t& next) const;
-    bool Reserved(uint16_t id) const { return !reservable_ || (id != 0 && id == reservation_); }
-
     std::function<uint64_t()> now_;
     std::vector<SelEntry> entries_;
     size_t capacity_ = 4096;
     uint16_t nextId_ = 1;
-    uint16_t reservation_ = 0;
-    uint16_t lastReservation_ = 0;
-    bool reservable_ = true;
     unsigned erasePolls_ = 0;
     unsigned erasePollsLeft_ = 0;
     uint32_t lastAddition_ = 0xFFFFFFFF;  // never

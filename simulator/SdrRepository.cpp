@@ -1,7 +1,6 @@
 #include "simulator/SdrRepository.h"
 
 #include <algorithm>
-#include <iterator>
 #include <stdexcept>
 
 namespace sim {
@@ -112,48 +111,18 @@ Response SdrRepository::GetInfo() const {
     return response;
 }
 
-Response SdrRepository::Reserve() {
-    if (++lastReservation_ == 0) ++lastReservation_;
-    reservation_ = lastReservation_;
-    Response response;
-    PutWord(response.data, reservation_);
-    return response;
-}
-
-/// Data: reservation, record id, offset, count (0xFF: all). A reservation is needed only behind the record's beginning.
+/// Count: up to the end of the record.
 Response SdrRepository::Get(const Request& request) const {
-    if (request.data.size() != 6) return {cc::kBadLength, {}};
-    const uint16_t reservation = Word(request.data, 0);
-    const size_t offset = request.data[4];
-    const size_t count = request.data[5];
-    const bool reserved = reservation != 0 && reservation == reservation_;
-    if (!reserved && (offset != 0 || reservation != 0)) return {cc::kReservationCancelled, {}};
+    const Asked asked = ReadRequest(request);
+    if (asked.refused != cc::kOk) return {asked.refused, {}};
     uint16_t next = 0;
-    const Bytes* record = Find(Word(request.data, 2), next);
+    const Bytes* record = FindIn(records_, asked.id, next);
     if (record == nullptr) return {cc::kNotPresent, {}};
-    if (offset >= record->size()) return {cc::kOutOfRange, {}};
-    const size_t given = std::min(count, record->size() - offset);
+    if (asked.offset >= record->size()) return {cc::kOutOfRange, {}};
+    const size_t given = std::min(asked.count, record->size() - asked.offset);
     if (given > largestPiece_) return {cc::kTooManyBytes, {}};
-    Response response;
-    PutWord(response.data, next);
-    const auto first = record->begin() + static_cast<std::ptrdiff_t>(offset);
-    response.data.insert(response.data.end(), first, first + static_cast<std::ptrdiff_t>(given));
-    return response;
-}
-
-const Bytes* SdrRepository::Find(uint16_t id, uint16_t& next) const {
-    if (records_.empty()) return nullptr;
-    auto found = records_.begin();
-    if (id == 0xFFFF)
-        found = std::prev(records_.end());
-    else if (id != 0)
-        found = std::find_if(records_.begin(), records_.end(), [&](const Bytes& each) { return Word(each, 0) == id; });
-    if (found == records_.end()) return nullptr;
-    const auto lie = nextLies_.find(Word(*found, 0));
-    const auto behind = std::next(found);
-    next = behind == records_.end() ? uint16_t{0xFFFF} : Word(*behind, 0);
-    if (lie != nextLies_.end()) next = lie->second;
-    return &*found;
+    const auto lie = nextLies_.find(IdOf(*record));
+    return Piece(lie != nextLies_.end() ? lie->second : next, *record, asked.offset, given);
 }
 
 Bytes IdString(std::string_view text, TextCoding coding) {

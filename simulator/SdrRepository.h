@@ -9,12 +9,12 @@
 #include <string_view>
 #include <vector>
 
-#include "simulator/BmcMessage.h"
+#include "simulator/ReservedStore.h"
 
 namespace sim {
 
 /// Records in the order in which the walk by next id meets them. Reservations are cancelled by every change.
-class SdrRepository {
+class SdrRepository : public ReservedStore {
 public:
     /// Appends a record; its id is put into bytes 0 and 1. @param bytes header and body; @return the id
     uint16_t Add(Bytes bytes);
@@ -27,20 +27,14 @@ public:
     void LieAboutNext(uint16_t id, uint16_t next) { nextLies_[id] = next; }
     /// Largest piece that Get SDR gives; more is refused with 0xCA.
     void SetLargestPiece(uint8_t bytes) { largestPiece_ = bytes; }
-    void CancelReservation() { reservation_ = 0; }
 
     Response GetInfo() const;
-    Response Reserve();
     Response Get(const Request& request) const;
 
 private:
-    const Bytes* Find(uint16_t id, uint16_t& next) const;
-
     std::vector<Bytes> records_;
     std::map<uint16_t, uint16_t> nextLies_;
     uint16_t nextId_ = 1;
-    uint16_t reservation_ = 0;  // 0: none in force
-    uint16_t lastReservation_ = 0;
     uint8_t largestPiece_ = 0xFF;
 };
 
