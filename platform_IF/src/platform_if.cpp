@@ -2,10 +2,12 @@
 
 #include "platform_IF/src/platform_if.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdlib>
 #include <limits>
+#include <span>
 #include <utility>
 
 #include "common/PXR_data_access_internal.h"
@@ -17,6 +19,7 @@
 #include "libplatform/PXR_catalogue.h"
 #include "libplatform/PXR_trace.h"
 #include "platform_IF/src/ipmi_if.h"
+#include "platform_IF/src/platform_if_Classes.h"
 #include "platform_IF/src/watch_config.h"
 
 char* g_pszUnknown = nullptr;
@@ -31,50 +34,9 @@ constexpr int kWordNormal = 22;
 
 constexpr uint32_t kIpmiEventInterval = 10000;  // ms; the host always polls the event log
 
-constexpr KvPluginVersion g_PltIfVersion{"libplatform", 1};
+constexpr size_t kClassesAtMost = 61;  // class ids are 0 to 60
 
-constexpr std::array<uint32_t, 40> PlfIfCommands = {
-    KTX_CLS_PROVIDER,
-    KTX_CLS_KEYBOARD,
-    KTX_CLS_SYSTEM_BIOS,
-    KTX_CLS_OPERATING_SYSTEM,
-    KTX_CLS_COMPUTER_SYSTEM,
-    KTX_CLS_BODY_TEMP_SENSOR,
-    KTX_CLS_PROC_TEMP_SENSOR,
-    KTX_CLS_BODY_FAN,
-    KTX_CLS_PROC_FAN,
-    KTX_CLS_UPS_BATTERY,
-    KTX_CLS_POWER_UNIT,
-    KTX_CLS_VOLTAGE_SENSOR,
-    KTX_CLS_PROCESSOR,
-    KTX_CLS_CACHE_MEMORY,
-    KTX_CLS_PHISICAL_MEM_ARRAY,
-    KTX_CLS_PHISICAL_MEM_SOCKET,
-    KTX_CLS_PHISICAL_MEM_DEVICE,
-    KTX_CLS_SCSI_CONTROLLER,
-    KTX_CLS_SCSI_PORT,
-    KTX_CLS_SCSI_BUS,
-    KTX_CLS_SCSI_DEV,
-    KTX_CLS_SCSI_DEV_STATISTICS,
-    KTX_CLS_SCSI_DEV_ERRCOUNTS,
-    KTX_CLS_PCI_BRIDGE,
-    KTX_CLS_PCI_SLOT,
-    KTX_CLS_EISA_SLOT,
-    KTX_CLS_PCI_CARD,
-    KTX_CLS_EISA_CARD,
-    KTX_CLS_MEMORY_RES,
-    KTX_CLS_PORT_RES,
-    KTX_CLS_IRQ,
-    KTX_CLS_DMA,
-    KTX_CLS_ALERT_DATA,
-    KTX_CLS_TIME_ZONE,
-    KTX_CLS_ALERT_RECORD,
-    KTX_CLS_FILE_SYSTEM,
-    KTX_CLS_POWER_CTRL,
-    KTX_CLS_CHASSIS_INFO,
-    KTX_CLS_COD_INFO,
-    KTX_CLS_HOSTID_INFO,
-};
+constexpr KvPluginVersion g_PltIfVersion{"libplatform", 1};
 
 KvAlertInterval PlatformAlertInterval[] = {
     {KV_ALERT_IPMI_EVENTS, 0}, {KV_ALERT_CPU_LOAD, 0}, {KV_ALERT_FILE_SYSTEM, 0},
@@ -162,7 +124,8 @@ uint32_t HandleMessage(int message, void* param, void** out) {
 }
 
 uint32_t ServeRequest(_KVCIM_ENUM* e, const _PXR_COMMAND_PARAM* param, int mode) {
-    const int expected = e->classId == KTX_CLS_POWER_CTRL ? KV_MODE_ACTION : KV_MODE_QUERY;
+    const ClassRow* const row = FindClass(e->classId);
+    const int expected = row != nullptr ? row->mode : KV_MODE_QUERY;
     if (mode != expected) return PXR_ReportError(MakeResult(fn::kExecCommand, Reason::BadArgument));
     return DispatchCommand(e, param);
 }
@@ -194,8 +157,10 @@ const KvPluginVersion* GetVersion() {
 
 int PXR_GetCommandList(_PXR_COMMAND_LIST** out) {
     return Traced("PXR_GetCommandList(libplatform)", 0, [out] {
-        return static_cast<uint32_t>(
-            AllocCommandList(PlfIfCommands.data(), static_cast<int>(PlfIfCommands.size()), out));
+        std::array<uint32_t, kClassesAtMost> ids{};
+        const std::span<const ClassRow> classes = Classes();
+        std::ranges::transform(classes, ids.begin(), &ClassRow::id);
+        return static_cast<uint32_t>(AllocCommandList(ids.data(), static_cast<int>(classes.size()), out));
     });
 }
 

@@ -11,41 +11,43 @@ namespace {
 uint64_t WidenWithSign(uint32_t address) {
     return static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(address)));
 }
-
-/// The properties that the three kinds have in common, in template order behind their own.
-template <typename Record>
-uint32_t DescribeResource(PropertyWriter& properties, const Record& record) {
-    return properties.U32(KTX_PROP_INDEX, record.index)
-        .Text(KTX_PROP_DEVICE, record.device)
-        .U32(KTX_PROP_TYPE_CODE, record.typeCode)
-        .Text(KTX_PROP_TYPE_STRING, record.typeText)
-        .Result();
+uint64_t StartOf(const SysresPort& range) {
+    return WidenWithSign(range.start);
 }
+uint64_t EndOf(const SysresPort& range) {
+    return WidenWithSign(range.end);
+}
+
+constexpr RecordSource<SysresPort> kPorts{GetSysresPort, FreeSysresPort};
+constexpr Column<SysresPort> kPortColumns[] = {
+    {KTX_PROP_STARTING_ADDRESS, StartOf},        {KTX_PROP_ENDING_ADDRESS, EndOf},
+    {KTX_PROP_INDEX, &SysresPort::index},        {KTX_PROP_DEVICE, &SysresPort::device},
+    {KTX_PROP_TYPE_CODE, &SysresPort::typeCode}, {KTX_PROP_TYPE_STRING, &SysresPort::typeText},
+};
+
+constexpr RecordSource<SysresIrqDma> kIrqs{GetSysresIrq, FreeSysresIrqDma};
+constexpr RecordSource<SysresIrqDma> kDmas{GetSysresDma, FreeSysresIrqDma};
+
+/// Interrupt lines and DMA channels differ in the property of their number.
+template <int NumberCode>
+constexpr Column<SysresIrqDma> kLineColumns[] = {
+    {NumberCode, &SysresIrqDma::number},
+    {KTX_PROP_INDEX, &SysresIrqDma::index},
+    {KTX_PROP_DEVICE, &SysresIrqDma::device},
+    {KTX_PROP_TYPE_CODE, &SysresIrqDma::typeCode},
+    {KTX_PROP_TYPE_STRING, &SysresIrqDma::typeText},
+};
 
 }  // namespace
 
 uint32_t CreateClassSysresPort(_KVCIM_ENUM* e) {
-    constexpr RecordSource<SysresPort> kPorts{GetSysresPort, FreeSysresPort};
-    return BuildFromRecords(e, KTX_CLS_PORT_RES, fn::kCreateClassSysresPort, kPorts,
-                            [](PropertyWriter& properties, const SysresPort& range) {
-                                properties.U64(KTX_PROP_STARTING_ADDRESS, WidenWithSign(range.start))
-                                    .U64(KTX_PROP_ENDING_ADDRESS, WidenWithSign(range.end));
-                                return DescribeResource(properties, range);
-                            });
+    return BuildFromRecords(e, KTX_CLS_PORT_RES, fn::kCreateClassSysresPort, kPorts, kPortColumns);
 }
 
 uint32_t CreateClassSysresIrq(_KVCIM_ENUM* e) {
-    constexpr RecordSource<SysresIrqDma> kLines{GetSysresIrq, FreeSysresIrqDma};
-    return BuildFromRecords(e, KTX_CLS_IRQ, fn::kCreateClassSysresIrq, kLines,
-                            [](PropertyWriter& properties, const SysresIrqDma& line) {
-                                return DescribeResource(properties.U32(KTX_PROP_IRQ_NUMBER, line.number), line);
-                            });
+    return BuildFromRecords(e, KTX_CLS_IRQ, fn::kCreateClassSysresIrq, kIrqs, kLineColumns<KTX_PROP_IRQ_NUMBER>);
 }
 
 uint32_t CreateClassSysresDma(_KVCIM_ENUM* e) {
-    constexpr RecordSource<SysresIrqDma> kChannels{GetSysresDma, FreeSysresIrqDma};
-    return BuildFromRecords(e, KTX_CLS_DMA, fn::kCreateClassSysresDma, kChannels,
-                            [](PropertyWriter& properties, const SysresIrqDma& channel) {
-                                return DescribeResource(properties.U32(KTX_PROP_DMA_CHANEL, channel.number), channel);
-                            });
+    return BuildFromRecords(e, KTX_CLS_DMA, fn::kCreateClassSysresDma, kDmas, kLineColumns<KTX_PROP_DMA_CHANEL>);
 }
