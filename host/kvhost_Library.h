@@ -7,6 +7,7 @@
 #include <string>
 
 #include "libplatform/KvDeviceOps.h"
+#include "libplatform/KvDfCheck.h"
 #include "libplatform/KvDfFru.h"
 #include "libplatform/KvPsBmc.h"
 #include "libplatform/KvPsDevice.h"
@@ -51,7 +52,8 @@ namespace kvhost {
     X(KvPsReadFruInventoryData)    \
     X(KvDf_GetFruInventoryData)    \
     X(KvPsGetSelAllEntries)        \
-    X(KvPsFreeDataArray)
+    X(KvPsFreeDataArray)           \
+    X(KvDfCheckDefinitions)
 
 class Library {
 public:

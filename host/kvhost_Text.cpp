@@ -1,6 +1,7 @@
 #include "host/kvhost_Text.h"
 
 #include <iconv.h>
+#include <iostream>
 
 #include <cstdint>
 #include <cstdio>
@@ -144,6 +145,10 @@ std::string HexBytes(std::span<const uint8_t> bytes) {
     for (const uint8_t byte : bytes)
         text += (text.empty() ? "" : " ") + Hex(byte, 2).substr(2);
     return text;
+}
+
+void PrintError(const std::string& text) {
+    std::cerr << "kvhost: " << Printable(text) << '\n';
 }
 
 }  // namespace kvhost

@@ -30,4 +30,7 @@ std::string Hex(unsigned value, int digits);
 /// Bytes as "0a ff".
 std::string HexBytes(std::span<const uint8_t> bytes);
 
+/// Writes one line of trouble to the standard error.
+void PrintError(const std::string& text);
+
 }  // namespace kvhost
