@@ -4,9 +4,10 @@
 /// blade servers of the product's own families.
 ///
 /// @code
-///     _KvFruData field = {0};
-///     if (KvDf_GetFruInventoryData(KV_FRU_PRODUCT_AREA | 4, &field) == 0 && field.length > 0)
+///     _KvFruData field;
+///     if (KvDf_GetFruInventoryData(KV_FRU_PRODUCT_AREA | 4, &field) == 0 && field.length > 0) {
 ///         Use(field.data, field.length);  // the serial number, as it is stored
+///     }
 /// @endcode
 
 #include "libplatform/KvExport.h"
@@ -30,7 +31,7 @@ typedef uint32_t FruProductAreaNumber;
 KV_EXTERN_C_BEGIN
 
 /// Gives one field. The first call reads the inventory from the controller, which takes a second; its result stays for
-/// the life of the process, a failure too. Any thread may call, but not inside an IPMI bracket.
+/// the life of the process, a failure too. Any thread may call.
 /// @param out  the caller's; nothing of use in it unless 0 is returned
 /// @return 0, with length 0 when there is no such field; 0x63F54201 null argument; 0x63F5A101 another machine;
 ///         0x63F51302 the inventory, or the index for this machine, makes no sense; 0x63F54202 no such area; 0x63F54203

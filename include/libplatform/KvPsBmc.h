@@ -76,12 +76,12 @@ KV_EXPORT uint32_t KvPsGetProductName(char* buffer);
 /// @return 0; 0x63FC4202 null or size 0; 0x63FCB104; 0x63FCB11C no LAN channel, or no answer
 KV_EXPORT uint32_t KvPsGetLanConfiguration(uint8_t* buffer, uint32_t size, uint8_t parameter);
 
-/// Tells the state of a memory module.
-/// @param socket  number of its socket; for the trace
-/// @param board   code of its board
-/// @param mask    its bits in the board's answer
+/// Tells the state of a memory module, on boards of the product's own families.
+/// @param socket  number of its socket; for the trace alone
+/// @param board   number of its memory board, 1 to 4
+/// @param mask    the bit of its socket on that board: 0x01, 0x02, 0x04 ... 0x80, in the board's own order
 /// @param state   2 not available, 0 unknown, 4 disabled, 8 error predicted, 7 normal (spare); else left as it was
-/// @return whether the BMC answered
+/// @return whether the BMC answered; why it did not is traced
 KV_EXPORT bool KvPsGetDIMMStateHWIntel(uint32_t socket, uint8_t board, uint8_t mask, uint32_t* state);
 
 // Capacity on demand

@@ -34,6 +34,7 @@ KV_STATIC_ASSERT(sizeof(KVPS_DEVICE_ID) == 11);
 KV_STATIC_ASSERT(sizeof(KVPS_IPMI_INTERFACE) == 20);
 
 /// Asks the BMC who it is, through the kernel's device. Takes the machine-wide IPMI lock for the time of the command.
+/// Any thread may call both functions.
 /// @param out  filled on success
 /// @return 0; 0x60004201 null argument; 0x6000B104 the device cannot be opened; 0x6030B101 the command failed;
 ///         0x6030B2cc the BMC refused with completion code cc

@@ -10,41 +10,47 @@
 ///         KvPsFreeDataArray(entries);
 ///     }
 /// @endcode
+///
+/// What was handed out is remembered on disk, in a local database for each log, through restarts of the process and of
+/// the machine. Times are seconds since 1970, UTC, by the clock of the controller that keeps the log; InitLib sets the
+/// BMC's to this machine's. Values up to 0x20000000 are seconds since that controller was started, before anybody had
+/// set its clock; 0xFFFFFFFF is "unknown".
 
 #include "libplatform/KvExport.h"
 
 /// One SEL record, byte for byte as the BMC keeps it. The fields of more than one byte are little-endian, which is the
 /// machine's own order.
 typedef struct KVPS_SEL_ENTRY {
-    uint16_t recordId;
-    uint8_t recordType;    ///< 0x02 system event
-    uint8_t timeStamp[4];  ///< seconds since 1970
-    uint8_t generatorId[2];
-    uint8_t messageRevision;
-    uint8_t sensorType;
-    uint8_t sensorNumber;
-    uint8_t eventType;  ///< bit 7 direction (1: deassertion), bits 6-0 event type
-    uint8_t eventData[3];
+    uint16_t recordId;        ///< a label, not an order: a log that was cleared may use it again
+    uint8_t recordType;       ///< 0x02 system event; 0xC0 to 0xDF the maker's own, of which the next four bytes are the
+                              ///< time; from 0xE0 on the maker's own in all 13 bytes that follow
+    uint8_t timeStamp[4];     ///< by the controller's clock, see above
+    uint8_t generatorId[2];   ///< slave address, or with bit 0 set software id, of who reports; LUN and channel
+    uint8_t messageRevision;  ///< 4, since IPMI 1.5
+    uint8_t sensorType;       ///< temperature, voltage ...: code of the IPMI specification, as in SDR
+    uint8_t sensorNumber;     ///< of the controller that generatorId names
+    uint8_t eventType;        ///< bit 7 direction (1: deassertion), bits 6-0 event type
+    uint8_t eventData[3];     ///< bits 3-0 of the first: which threshold or state; the others by sensor and event type
 } KVPS_SEL_ENTRY;
-
-KV_STATIC_ASSERT(sizeof(KVPS_SEL_ENTRY) == 16);
-KV_STATIC_ASSERT(offsetof(KVPS_SEL_ENTRY, timeStamp) == 3);
-KV_STATIC_ASSERT(offsetof(KVPS_SEL_ENTRY, eventData) == 13);
 
 /// State of a log.
 typedef struct KVPS_SEL_INFO {
-    uint32_t lastAddition;  ///< seconds since 1970
-    uint32_t lastErase;     ///< seconds since 1970
-    uint16_t entries;
-    uint16_t freeSpace;  ///< bytes; 0xFFFF means 65,535 or more
-    uint8_t version;
-    uint8_t operationSupport;  ///< bit 1: reservations are supported
+    uint32_t lastAddition;     ///< by the controller's clock, as the next
+    uint32_t lastErase;        ///< 0xFFFFFFFF: never, or unknown
+    uint16_t entries;          ///< number of them
+    uint16_t freeSpace;        ///< bytes; 0xFFFF means 65,535 or more
+    uint8_t version;           ///< of the log's commands, low digit first: 0x51 is 1.5
+    uint8_t operationSupport;  ///< bit 7: entries were lost since the log is full; bit 1: reservations are supported
 } KVPS_SEL_INFO;
+
+KV_STATIC_ASSERT(sizeof(KVPS_SEL_ENTRY) == 16 && offsetof(KVPS_SEL_ENTRY, timeStamp) == 3);
+KV_STATIC_ASSERT(offsetof(KVPS_SEL_ENTRY, sensorType) == 10 && offsetof(KVPS_SEL_ENTRY, eventData) == 13);
+KV_STATIC_ASSERT(sizeof(KVPS_SEL_INFO) == 16 && offsetof(KVPS_SEL_INFO, operationSupport) == 13);
 
 /// What KvPsLockAndGetSelEntry does with an entry that was handed out before.
 enum {
-    KVPS_SEL_CHECK_DATABASE = 1u << 0,     ///< looks it up in the local database
-    KVPS_SEL_REPORT_REDETECTION = 1u << 1  ///< and tells the system log, and keeps copies of the files
+    KVPS_SEL_CHECK_DATABASE = 1u << 0,     ///< looks it up in the local database of the machine's first log
+    KVPS_SEL_REPORT_REDETECTION = 1u << 1  ///< and tells the system log, and keeps copies of the database's files
 };
 
 KV_EXTERN_C_BEGIN
@@ -78,8 +84,8 @@ KV_EXPORT uint32_t KvPsLockAndGetSelInfo(uint32_t function, uint8_t address, KVP
 /// @param recordId  0x0000 the first entry, 0xFFFF the last
 /// @param nextId    id of the entry behind it; 0xFFFF when there is none, and after a failure
 /// @param flags     KVPS_SEL_CHECK_DATABASE and more
-/// @return as above; 0x60ffB501 the database of the current device holds the same entry: it was handed out before.
-///         entry and nextId are good then, too
+/// @return as above; 0x60ffB501 the local database holds the same entry: it was handed out before. entry and nextId are
+///         good then, too
 KV_EXPORT uint32_t KvPsLockAndGetSelEntry(uint32_t function, uint8_t address, uint16_t reservation, uint16_t recordId,
                                           uint16_t* nextId, KVPS_SEL_ENTRY* entry, uint8_t flags);
 /// @param action    0xAA starts the erasure, 0x00 asks how far it is

@@ -6,20 +6,20 @@
 ///     unsigned long count = 0;
 ///     SDR* records = NULL;
 ///     if (KvPsGetAllSdrData(&count, &records) != 0) return;
-///     KVPS_SENSOR_DATA data[count];
-///     uint32_t results[count];
-///     KvPsGetSensorDataList(records, count, data, results);
 ///     for (unsigned long i = 0; i < count; ++i) {
-///         if (results[i] == 0) printf("%s: %u\n", records[i].name, data[i].reading);
+///         KVPS_SENSOR_DATA data;  // for many at once: KvPsGetSensorDataList
+///         if (KvPsGetSensorData(records[i].owner, records[i].lun, records[i].number, &data) == 0) {
+///             printf("%s: %u\n", records[i].name, (unsigned)data.reading);
+///         }
 ///     }
 ///     free(records);
 /// @endcode
 ///
 /// A sensor is named by its owner (slave address of the controller), the owner's LUN (0 to 3) and its number (0 to
-/// 254). Any thread may call, except for start and end; a failure has been traced when the function returns. Functions
-/// that ask the BMC open, work and close in themselves and wait for their turn as long as it takes; they also give what
-/// the command gave: with the command's number in bits 16 to 25, 0xB101 or 0xB102 the driver failed, 0xB2cc the BMC
-/// refused with completion code cc.
+/// 254). Any thread may call; a failure has been traced when the function returns. Functions that ask the BMC open,
+/// work and close in themselves and wait for their turn as long as it takes; they also give what the command gave: with
+/// the command's number in bits 16 to 25, 0xB101 or 0xB102 the driver failed, 0xB2cc the BMC refused with completion
+/// code cc.
 
 #include "libplatform/KvExport.h"
 
@@ -64,15 +64,15 @@ KV_STATIC_ASSERT(offsetof(KVPS_SENSOR_DATA, conversion) == 8);
 
 KV_EXTERN_C_BEGIN
 
-/// Start-up, after InitLib's first steps (SMBIOS copied, IPMI layer started): finds the controllers, sets the clock of
-/// the event log, and reads the whole repository of sensor data records. It takes some five commands for each sensor.
-/// May be called again; the tables are then made anew.
+/// Finds the controllers, sets the clock of the event log, and reads the whole repository of sensor data records. It
+/// takes some five commands for each sensor. InitLib calls it; a host does so when sensors have come or gone, with no
+/// poll of the event log in progress. The tables are then made anew.
 /// @return 0; 0x6050B104, 0x6000B104, 0x6040B104 the driver could not be opened; 0x6050B105 nothing owns a sensor;
 ///         0x60501202 out of memory; 0x6000B10D, 0x6040B10D the process is terminating; what a command gave. After a
 ///         failure of the full read the records read so far are there.
 KV_EXPORT uint32_t KvPsInitializeIpmi(void);
 
-/// Frees the sensor table and ends the SEL database. Outside of any bracket and without any lock held. @return 0
+/// Frees the sensor table and ends the local databases of the event logs. TerminateLib calls it. @return 0
 KV_EXPORT uint32_t KvPsTerminateIpmi(void);
 
 /// Copies the records of all sensors, in the order of owners and sensor numbers.
@@ -81,10 +81,10 @@ KV_EXPORT uint32_t KvPsTerminateIpmi(void);
 /// @return 0; 0x60004201 null argument; 0x6000B103 no records are loaded; 0x6000B111 out of memory
 KV_EXPORT uint32_t KvPsGetAllSdrData(unsigned long* count, SDR** records);
 
-/// Finds the records of an entity and sensor type. For use at start-up: the records stay the library's, and
-/// KvPsTerminateIpmi frees them.
+/// Finds the records of an entity and sensor type. The records stay the library's and last until TerminateLib or
+/// another KvPsInitializeIpmi.
 /// @param count  receives their number; may be null when array is not
-/// @param array  receives the array, the caller's to free(); may be null when count is not
+/// @param array  receives the array of pointers, the caller's to free(); may be null when count is not
 /// @return 0, and the outputs as they were when there is no such record; 0x60004201 both outputs are null; 0x6000B103
 ///         no records are loaded; 0x6000B111 out of memory
 KV_EXPORT uint32_t KvPsGetSdrData(uint8_t entityId, uint8_t sensorType, unsigned long* count, SDR*** array);
@@ -100,8 +100,7 @@ KV_EXPORT uint32_t KvPsGetSensorData(uint8_t owner, uint8_t lun, uint8_t sensor,
 /// @param records  count records, as KvPsGetAllSdrData gives them
 /// @param data     count readings, the caller's
 /// @param results  count codes as KvPsGetSensorData gives them; 0x6000B100, untraced as it is no failure, for
-/// event-only
-///                 sensors, which have no reading
+///                 event-only sensors, which have no reading
 /// @return 0; 0x60004201 null; 0x6054B104 the driver could not be opened, from the start or again on the way; the
 ///         sensors not reached have the same code
 KV_EXPORT uint32_t KvPsGetSensorDataList(const SDR* records, unsigned long count, KVPS_SENSOR_DATA* data,

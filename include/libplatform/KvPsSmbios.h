@@ -1,7 +1,7 @@
 #pragma once
 /// @file
-/// What the machine's firmware says about it: the SMBIOS structures, copied at start-up. The copy stays as it is until
-/// KvPsTerminateSmbios, so the queries may be called by any thread.
+/// What the machine's firmware says about it: the SMBIOS structures, copied by InitLib. The copy stays as it is until
+/// TerminateLib, so the queries may be called by any thread in between.
 ///
 /// @code
 ///     unsigned long count = 0;
@@ -59,21 +59,23 @@ KV_STATIC_ASSERT(sizeof(KVPS_SMBIOS_TPHEAD) == 8 && offsetof(KVPS_SMBIOS_TPHEAD,
 /// Size of the text that KvPsGetSystemInformation gives.
 #define KVPS_SMBIOS_TEXT_SIZE 257
 
-/// Copies all structures of types 0 to 127. The table must have been found before (InitLib does that); a copy from an
-/// earlier call is freed. @return 0; 0x6118B802 the table cannot be had, queries then answer from what was copied
+/// Copies all structures of types 0 to 127. InitLib calls it, after it has found the table; a host has no need to. A
+/// copy from an earlier call is freed, and with it every structure that was handed out: by then no other thread may
+/// query.
+/// @return 0; 0x6118B802 the table cannot be had, queries then answer from what was copied
 KV_EXPORT uint32_t KvPsInitializeSmbios(void);
 
-/// Frees the copy, and stops the table reader. @return 0
+/// Frees the copy, and stops the table reader. TerminateLib calls it. @return 0
 KV_EXPORT uint32_t KvPsTerminateSmbios(void);
 
-/// Copies the entry point; zeroes before start-up. @return 0
+/// Copies the entry point; zeroes before InitLib. @return 0
 KV_EXPORT uint32_t KvPsGetStructureHeader(KVPS_SMBIOS_HEAD* out);
 
 /// Gives the structures of a type in the order of their handles.
 /// @param type   0 to 127, or KVPS_SMBIOS_ALL_TYPES
 /// @param count  receives their number
-/// @param array  receives the array, which KvPsFreeTypeData frees (it comes from C++'s operator new[]); null when there is
-///               none. The structures in it stay the library's.
+/// @param array  receives the array, which KvPsFreeTypeData frees (it comes from C++'s operator new[]); null when there
+///               is none. The structures in it stay the library's.
 /// @return 0, also when there is none; 0x611A4202 type 128 to 254, or a null argument; 0x611A1202 out of memory
 KV_EXPORT uint32_t KvPsGetTypeData(uint8_t type, unsigned long* count, KVPS_SMBIOS_TPHEAD*** array);
 /// Frees the array, not the structures; null is fine.
@@ -82,7 +84,7 @@ KV_EXPORT void KvPsFreeTypeData(KVPS_SMBIOS_TPHEAD** array);
 /// Gives a field of the first System Information structure as text: its string, or for offset 8 the UUID, 36 characters
 /// in stored order.
 /// @param offset  5 product name, 6 version, 8 UUID; at most 24
-/// @param out     receives a text of KVPS_SMBIOS_TEXT_SIZE bytes, which KvPsFreeSystemInformation frees (operator new[])
+/// @param out     receives KVPS_SMBIOS_TEXT_SIZE bytes (operator new[]), which KvPsFreeSystemInformation frees
 /// @return 0; 0x60D04202 bad argument; 0x60D0B802 no such structure or field; 0x60D01202 out of memory
 KV_EXPORT uint32_t KvPsGetSystemInformation(uint8_t offset, char** out);
 /// Frees such a text; null is fine.

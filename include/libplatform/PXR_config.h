@@ -5,16 +5,16 @@
 ///
 /// A file is described by a static table, and its values live in an array that the caller declares:
 /// @code
-/// static const PXR_config_file<2> kTrace = {
-///     "/etc/opt/velmora/lantrel/trace.cfg", "[ServerAgent%s_TRACE]", "0330", "Trace Configuration File",
-///     {{0x1F42, "TraceLevel", 1, -1, 0, 0, 100, PXR_CFG_NUMBER, {.number = 10}, 0, {}},
-///      {}}};
+///     static const PXR_config_file<2> kTrace = {
+///         "/etc/opt/velmora/lantrel/trace.cfg", "[ServerAgent%s_TRACE]", "0330", "Trace Configuration File",
+///         {{0x1F42, "TraceLevel", 1, -1, 0, 0, 100, PXR_CFG_NUMBER, {10}, 0, {}},
+///          {}}};
 ///
-/// PXR_config_data values[] = {PXR_CFG_SLOT(0x1F42), PXR_CFG_SLOT(0)};
-/// PXR_init_cfgdata(kTrace.Table(), values);      // the defaults
-/// PXR_read_cfgfile(kTrace.Table(), values);      // what the file says; a failure leaves the defaults
-/// int32_t level = values[0].value.number;
-/// PXR_clear_cfgdata(kTrace.Table(), values);
+///     PXR_config_data values[] = {PXR_CFG_SLOT(0x1F42), PXR_CFG_SLOT(0)};
+///     PXR_init_cfgdata(kTrace.Table(), values);  // the defaults
+///     PXR_read_cfgfile(kTrace.Table(), values);  // what the file says; a failure leaves the defaults
+///     const int32_t level = values[0].value.number;
+///     PXR_clear_cfgdata(kTrace.Table(), values);
 /// @endcode
 ///
 /// The file: a header line ("[ServerAgent0330_TRACE]"), then one `key = value` per line.
@@ -133,8 +133,7 @@ KV_EXPORT uint32_t PXR_read_cfgfile(const PXR_config_table* table, PXR_config_da
 /// A list is written at its key's first line, whose comment stays with the first value. A text that could not be read
 /// back (line break, or double quote in a text that is no plain word) fails the call and changes nothing.
 /// @return 0; a code of PXR_file_open; 0x61B91300 a file could not be written or renamed; 0x61B91301 the result would
-/// be
-///         empty, or the old content could not be read; 0x61B91302 text that cannot be written; 0x61B91202 out of
+///         be empty, or the old content could not be read; 0x61B91302 text that cannot be written; 0x61B91202 out of
 ///         memory; 0x61B94201 null argument. After a failure the file is as it was.
 KV_EXPORT uint32_t PXR_write_cfgfile(const PXR_config_table* table, const PXR_config_data* data);
 

@@ -7,11 +7,12 @@
 /// properties of its class's template, in template order; setters change values only. A property without a value is
 /// undefined.
 /// @code
-///   _KVCIM_CLASS* irq = nullptr;
-///   if (int error = CreateClass(KTX_CLS_IRQ, &irq)) return error;
-///   SetPropertyUint32(irq, KTX_PROP_IRQ_NUMBER, 9);
-///   SetPropertyStr(irq, KTX_PROP_DEVICE, "acpi");
-///   InsertClass(e, irq);                             // e owns irq from here on
+///     _KVCIM_CLASS* irq = NULL;
+///     const int error = CreateClass(KTX_CLS_IRQ, &irq);
+///     if (error != 0) return error;
+///     SetPropertyUint32(irq, KTX_PROP_IRQ_NUMBER, 9);
+///     SetPropertyStr(irq, KTX_PROP_DEVICE, "acpi");
+///     return InsertClass(e, irq);  // e owns irq from here on
 /// @endcode
 ///
 /// Every record, value and text is a block of the process heap (malloc), its size rounded up to a multiple of 8, so

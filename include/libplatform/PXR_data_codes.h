@@ -4,9 +4,9 @@
 /// enumerators, the printed names and the templates inside the library are all made from it, and a host can make its
 /// own tables the same way:
 /// @code
-///   #define NAME(name, number) #name,
-///   static const char* const kClassNames[] = {KTX_CLASS_LIST(NAME)};
-///   #undef NAME
+///     #define NAME(name, number) #name,
+///     static const char* const kClassNames[] = {KTX_CLASS_LIST(NAME)};
+///     #undef NAME
 /// @endcode
 /// Names and numbers are fixed for good, unusual spellings included; a new entry takes the next number.
 

@@ -3,6 +3,9 @@
 /// What a host agent may supply to the library. Nothing here is exported by libplatform: each name is a weak reference
 /// that is resolved when the host loads the library, so a host defines what it has (and links with -rdynamic). A name
 /// that is absent has the answer given beside it, and the library loads in any process.
+///
+/// The functions are called by whatever thread the library happens to work in, several at once; they must not throw and
+/// not call back into the request that is being served. Records that they get are the library's and end with the call.
 
 #include <pthread.h>
 
@@ -14,10 +17,12 @@ KV_EXTERN_C_BEGIN
 /// 1 when the machine is a logical partition. Absent: 0.
 int IsLPARAgent(void* reserved);
 
-/// Sends an enumeration of alert records to the management consoles. Absent: not sent.
+/// Sends an enumeration of alert records (KTX_CLS_ALERT_RECORD) to the management consoles. The result is not looked
+/// at. Absent: not sent.
 int PXR_SendPacket(_KVCIM_ENUM* alerts, int reserved);
 
-/// Writes an enumeration of alert records to the agent's log. Absent: not written.
+/// Writes an enumeration of alert records to the agent's log; param is null. The result is not looked at. Absent: not
+/// written.
 int PXR_ExecCommand_LogFile(_KVCIM_ENUM* alerts, void* param, int reserved);
 
 /// Fills an enumeration from the agent's own providers (used for class 39), as PXR_ExecCommand does from ours; param is
@@ -27,13 +32,14 @@ int PXR_DispatchForGetInfo(_KVCIM_ENUM* e, void* param, int mode);
 /// May replace the distance, in bytes, between the BMC's registers. Absent: unchanged.
 void GetIPMIRegSpace(uint16_t* spacing);
 
-/// Tells the agent that the BMC's description is being read. Absent: not told.
+/// Tells the agent that the BMC's description is being read. The result is not looked at. Absent: not told.
 int GetIPMIUpdate(void);
 
-/// Type of the service processor: -1 unknown, 0, 1. Absent: -1.
+/// Type of the service processor: 0 or 1 as configured, -1 unknown. Absent: -1.
 int GetSVPConfigType(void);
 
-/// Fills the seven BMC function settings; 0 on success. Absent: the defaults 1, 5, 0, 0, 10, 0, 10.
+/// Fills the seven BMC function settings, in the order of the agent's configuration; the first, when not 0, says that a
+/// service processor's driver runs. 0 on success. Absent, or another result: the defaults 1, 5, 0, 0, 10, 0, 10.
 int nGetBMCFunc_cfgData(uint32_t values[7]);
 
 /// How often a command is tried again while the BMC's firmware is updated, and the seconds waited before each.

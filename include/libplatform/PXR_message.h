@@ -4,6 +4,8 @@
 ///
 /// Catalogue texts that take printf arguments are trusted: they are delivered with the product and writable by root
 /// alone, and the caller passes what the message asks for.
+///
+/// Any thread may call. Lines for the system log are written one at a time.
 
 #include <stdio.h>
 
@@ -40,6 +42,7 @@ KV_EXPORT int PXR_sprint_message(char* buffer, const char* catalogue, int set, i
 KV_EXPORT void PXR_syslog_message(int priority, const char* catalogue, int set, int number, int count, ...);
 
 /// From now on messages to the system log are printed to this stream instead, without identifier; null: system log.
+/// Returns when no other thread writes to the stream before; a stream that is set must stay open until then.
 KV_EXPORT void PXR_set_syslog_output(FILE* stream);
 
 /// From now on messages to the system log are dropped.

@@ -5,6 +5,10 @@
 ///
 /// Every child that is started here begins with default signal handling, an empty signal mask and no descriptors but
 /// the standard ones. Programs without "/" in their name are looked up in the stored search path.
+///
+/// Any thread may call, with these exceptions: PXR_daemon is for a process that has one thread (others do not live on
+/// in the child); the companion commands (PXR_set_cmdname, PXR_startup_cmd, PXR_term_cmds) are one thread's business at
+/// a time; __for_main__init_job and __for_main__dispatch_job are the main thread's.
 
 #include <sys/types.h>
 
@@ -60,8 +64,8 @@ KV_EXPORT void PXR_term_cmds(void);
 /// @param priority   0: as it is; else it is run through /bin/nice with this value, cut to -20 .. 19
 /// @param argv       ended by null, the first element being the program's own name; null: just the program
 /// @return the exit status, 8 when a signal ended the program, or the errno of a fork or wait that failed. A directory
-/// or
-///         program that cannot be used also shows as its errno. 0 when the host's handling of SIGCHLD loses the status.
+///         or program that cannot be used also shows as its errno. 0 when the host's handling of SIGCHLD loses the
+///         status.
 KV_EXPORT int PXR_exec_command(const char* directory, int priority, const char* program, char* const argv[]);
 
 /// Can a command be run?

@@ -29,8 +29,8 @@ KV_EXPORT int PXR_str2oct(const char* text, uint32_t* out);
 KV_EXPORT int PXR_str2int(const char* text, int32_t* out);
 /// As PXR_str2int for unsigned numbers: the only sign is "+", and any 32 bits will do.
 KV_EXPORT int PXR_str2uint(const char* text, uint32_t* out);
-/// As PXR_str2uint, PXR_str2digit, PXR_str2hex and PXR_str2oct, for callers that hold an `unsigned long` (32 bits
-/// here).
+/// As PXR_str2uint, PXR_str2digit, PXR_str2hex and PXR_str2oct, under names for callers that hold an `unsigned long`,
+/// which has 32 bits here.
 KV_EXPORT int PXR_str2ulong(const char* text, uint32_t* out);
 KV_EXPORT int PXR_str2uldigit(const char* text, uint32_t* out);
 KV_EXPORT int PXR_str2ulhex(const char* text, uint32_t* out);
@@ -92,8 +92,8 @@ KV_EXPORT int PXR_is_exept_sjis(const char* text);
 KV_EXPORT char* PXR_chkstrcpy(char* dst, const char* src);
 /// Appends more to a heap text.
 /// @param text  a heap text that the call takes over, or null for an empty one
-/// @return the grown text, the caller's to free(); null when memory runs out (text is then as it was, still the
-/// caller's)
+/// @return the grown text, the caller's to free(); null when memory runs out: text is then as it was, still the
+///         caller's
 KV_EXPORT char* PXR_cat_string(char* text, const char* more);
 /// The first place of pattern in text, ASCII letters of either case being equal; null when there is none.
 KV_EXPORT char* PXR_stristr(const char* text, const char* pattern);

@@ -4,24 +4,28 @@
 ///
 /// The owner provides the PXR_thread object (zeroed before its first use) and starts the worker with a routine:
 ///
-///     void* Poller(void* argument) {
+/// @code
+///     static void* Poller(void* argument) {
 ///         PXR_thread* self = (PXR_thread*)argument;
 ///         pthread_mutex_lock(&self->lock);
-///         self->state = PXR_THREAD_RUNNING;            // or PXR_THREAD_FAILED, and return
+///         self->state = PXR_THREAD_RUNNING;  // or PXR_THREAD_FAILED, and return
 ///         pthread_cond_signal(&self->wake);
-///         while (PXR_thread_sleep(self) >= 0) {        // releases the lock while it waits
-///             uint32_t action = PXR_thread_get_action(self);
-///             pthread_mutex_unlock(&self->lock);       // never work under the lock: stop and wake-up need it
+///         while (PXR_thread_sleep(self) >= 0) {  // releases the lock while it waits
+///             const uint32_t action = PXR_thread_get_action(self);
+///             pthread_mutex_unlock(&self->lock);  // never work under the lock: stop and wake-up need it
 ///             Handle(action);
 ///             pthread_mutex_lock(&self->lock);
 ///         }
 ///         pthread_mutex_unlock(&self->lock);
 ///         return NULL;
 ///     }
-///
+/// @endcode
+/// and elsewhere, with `static PXR_thread poller;`:
+/// @code
 ///     PXR_thread_create(&poller, Poller);
 ///     PXR_thread_wakeup(&poller, 7);
 ///     PXR_thread_destroy(&poller);
+/// @endcode
 
 #include <pthread.h>
 

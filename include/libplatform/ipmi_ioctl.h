@@ -7,13 +7,17 @@
 /// machines on which it is not loaded or not bound to the interface.
 ///
 /// @code
-///   uint8_t request[] = {0x18, 0x01};  // NetFn App, LUN 0; Get Device ID
-///   uint8_t response[64];
-///   KvIpmiExecBlock block = {.targetAddress = 0x20, .requestLength = sizeof request, .responseLength = sizeof
-///   response,
-///                            .request = request, .response = response};
-///   if (ipmi_ioctl(IPMI_EXECCMD, (unsigned long)&block) == 0 && block.status == 0) Use(response,
-///   block.responseLength);
+///     const uint8_t request[] = {0x18, 0x01};  // NetFn App, LUN 0; Get Device ID
+///     uint8_t response[64];
+///     KvIpmiExecBlock block;
+///     block.targetAddress = 0x20;
+///     block.request = request;
+///     block.requestLength = sizeof request;
+///     block.response = response;
+///     block.responseLength = sizeof response;
+///     if (ipmi_ioctl(IPMI_EXECCMD, (unsigned long)&block) == 0 && block.status == 0) {
+///         Use(response, block.responseLength);
+///     }
 /// @endcode
 
 #include "libplatform/KvExport.h"

@@ -13,8 +13,6 @@
 #include "libplatform/PXR_config.h"
 #include "libplatform/PXR_data_access.h"
 
-KV_EXTERN_C_BEGIN
-
 /// Name and version of the plug-in; static, the library's.
 typedef struct KvPluginVersion {
     const char* name;
@@ -61,6 +59,13 @@ enum KvPluginMessage {
     KV_MESSAGE_WATCHDOG_WRITER = 3,   ///< param: void (*)(uint32_t timeStamp), called for a watchdog event
     KV_MESSAGE_WATCHDOG_CLEANER = 4,  ///< param: void (*)(void)
 };
+
+KV_STATIC_ASSERT(sizeof(KvPluginVersion) == 8 && sizeof(KvAlertInterval) == 8);
+KV_STATIC_ASSERT(sizeof(KvWatchConfiguration) == 16 && offsetof(KvWatchConfiguration, fileSystems) == 4);
+KV_STATIC_ASSERT(offsetof(KvWatchConfiguration, cpu) == 8 && offsetof(KvWatchConfiguration, syslog) == 12);
+KV_STATIC_ASSERT(sizeof(_PXR_COMMAND_PARAM) == 4);
+
+KV_EXTERN_C_BEGIN
 
 /// Starts the library. A failure leaves running whatever was started: call TerminateLib in any case.
 /// @return 0; 0x6000B700 no SMBIOS table; 0x6000B400 no way to the BMC, what comes from elsewhere is served; reason

@@ -5,14 +5,18 @@
 ///
 /// @code
 ///     uint32_t count = 0;
-///     smbios_gettable_block block = {0};
+///     smbios_gettable_block block;
 ///     block.mode = SMBIOS_TABLE_BY_INDEX;
-///     block.type = 17;                    // memory devices
-///     block.index = 0;                    // 0: how many are there?
+///     block.type = 17;  // memory devices
+///     block.index = 0;  // 0: how many are there?
 ///     block.buffer = &count;
 ///     block.size = sizeof(count);
-///     if (smbios_ioctl(SMBIOS_GETTABLE, &block) == 0 && block.status == SMBIOS_STATUS_OK) { ... }
+///     if (smbios_ioctl(SMBIOS_GETTABLE, &block) == 0 && block.status == SMBIOS_STATUS_OK) {
+///         printf("%u memory devices\n", (unsigned)count);
+///     }
 /// @endcode
+///
+/// Any thread may call, between InitLib and TerminateLib.
 
 #include "libplatform/KvExport.h"
 

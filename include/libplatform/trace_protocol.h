@@ -97,6 +97,8 @@ typedef struct PXR_trace_config {
     char packetTraceFile[401];
 } PXR_trace_config;
 
+KV_STATIC_ASSERT(sizeof(PXR_trace_config) == 420 && offsetof(PXR_trace_config, traceLevel) == 4);
+KV_STATIC_ASSERT(offsetof(PXR_trace_config, packetTraceFile) == 16);
 KV_STATIC_ASSERT(sizeof(PXR_trace_packet) == PXR_TRACE_PACKET_SIZE);
 KV_STATIC_ASSERT(offsetof(PXR_trace_packet, type) == 4 && offsetof(PXR_trace_packet, body) == 8);
 KV_STATIC_ASSERT(offsetof(PXR_trace_packet, body.start.time) == 8 && offsetof(PXR_trace_packet, body.start.pid) == 16);
