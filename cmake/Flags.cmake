@@ -1,6 +1,7 @@
 # Flags that every target shares. The library's records hold 32-bit pointers, so everything is built for i386; SSE2
 # arithmetic makes the same sums on every machine; 64-bit time and offsets keep 2038 and large files harmless.
-add_compile_options(-m32 -msse2 -mfpmath=sse -fvisibility=hidden -fvisibility-inlines-hidden)
+add_compile_options(-m32 -msse2 -mfpmath=sse -fvisibility=hidden
+                    $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden>)
 add_link_options(-m32)
 add_compile_definitions(_GNU_SOURCE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 

@@ -9,13 +9,14 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <memory>
 #include <regex>
 #include <set>
 #include <sstream>
 #include <string>
 
-#include "libplatform/platform_if.h"
+#include "libplatform/libplatform.h"
 #include "tests/support/BuildTree.h"
 
 // Names of the host's own that the library uses too.
@@ -41,15 +42,27 @@ std::string OutputOf(const std::string& command) {
     return output;
 }
 
+std::string TextOf(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+/// The public headers' texts by name.
+std::map<std::string, std::string> Headers() {
+    std::map<std::string, std::string> headers;
+    for (const auto& header : std::filesystem::directory_iterator(InSourceTree("/include/libplatform")))
+        headers[header.path().filename()] = TextOf(header.path());
+    return headers;
+}
+
 std::set<std::string> DeclaredNames() {
     static const std::regex comments(R"(//[^\n]*|/\*[^*]*\*+(?:[^/*][^*]*\*+)*/)");
     static const std::regex declaration(R"(KV_EXPORT[^;({]*?\b([A-Za-z_]\w*)\s*[(;\[])");
     std::set<std::string> names;
-    for (const auto& header : std::filesystem::directory_iterator(InSourceTree("/include/libplatform"))) {
-        if (header.path().filename() == "KvExport.h") continue;
-        std::ostringstream text;
-        text << std::ifstream(header.path()).rdbuf();
-        const std::string code = std::regex_replace(text.str(), comments, " ");
+    for (const auto& [header, text] : Headers()) {
+        if (header == "KvExport.h") continue;
+        const std::string code = std::regex_replace(text, comments, " ");
         for (std::sregex_iterator match(code.begin(), code.end(), declaration), end; match != end; ++match) {
             names.insert((*match)[1]);
         }
@@ -66,6 +79,31 @@ TEST(Library, ExportsWhatThePublicHeadersDeclare) {
     std::erase_if(exported,
                   [](const std::string& name) { return std::regex_search(name, std::regex("^_ZNK?9CKvString")); });
     EXPECT_EQ(DeclaredNames(), exported);
+}
+
+TEST(Headers, AllAreOnTheFirstPage) {
+    const std::string page = Headers().at("libplatform.h");
+    for (const auto& [header, text] : Headers()) {
+        if (header == "libplatform.h") continue;
+        EXPECT_NE(std::string::npos, page.find("\n/// | " + header + " ")) << header;
+        EXPECT_NE(std::string::npos, page.find("\n#include \"libplatform/" + header + "\"\n")) << header;
+    }
+}
+
+// What is not in headers.c word for word is not known to compile.
+TEST(Headers, CodeSamplesAreCompiled) {
+    const auto flat = [](const std::string& text) {
+        return std::regex_replace(text, std::regex(R"((\s*\n(///)?)+\s*|\s+)"), " ");
+    };
+    const std::string compiled = flat(TextOf(InSourceTree("/tests/library/headers.c")));
+    for (const auto& [header, text] : Headers()) {
+        static const std::string begin = "/// @code\n";
+        for (size_t at = 0; (at = text.find(begin, at)) != std::string::npos;) {
+            at += begin.size();
+            const std::string sample = flat("\n" + text.substr(at, text.find("/// @endcode", at) - at));
+            EXPECT_NE(std::string::npos, compiled.find(sample)) << header << sample;
+        }
+    }
 }
 
 TEST(Library, NeedsNothingButTheSystemsLibraries) {
