@@ -48,7 +48,6 @@ private:
     char* buffer_ = nullptr;
     uint32_t capacity_ = 0;
 };
-#ifdef __i386__
-static_assert(sizeof(CKvString) == 8);
-#endif
+
+KV_STATIC_ASSERT(sizeof(CKvString) == 8);
 #endif

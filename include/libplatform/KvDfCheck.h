@@ -1,7 +1,7 @@
 #pragma once
 /// @file
-/// Checking definition files before the agent is started with them: every element that would be left out, and what else an
-/// administrator should know of them.
+/// Checking definition files before the agent is started with them: every element that would be left out, and what else
+/// an administrator should know of them.
 
 #include "libplatform/KvExport.h"
 
@@ -29,14 +29,12 @@ typedef struct KVDF_CHECK_COUNTS {
     uint32_t skipped;
 } KVDF_CHECK_COUNTS;
 
-#ifdef __cplusplus
-static_assert(sizeof(KVDF_REMARK) == 24 && sizeof(KVDF_CHECK_COUNTS) == 8, "record sizes");
-#endif
+KV_STATIC_ASSERT(sizeof(KVDF_REMARK) == 24 && offsetof(KVDF_REMARK, reason) == 20 && sizeof(KVDF_CHECK_COUNTS) == 8);
 
 KV_EXTERN_C_BEGIN
 
-/// Reads the definition files of a directory as the start would. The tables in use stay as they are. Where the library is
-/// started, the files are also held against the sensors and processors of this machine.
+/// Reads the definition files of a directory as the start would. The tables in use stay as they are. Where the library
+/// is started, the files are also held against the sensors and processors of this machine.
 /// @param directory  null: /opt/velmora/lantrel/maps/
 /// @param listener   is called for each remark, in the order of the files' analysis
 /// @param counts     receives what was kept and left out

@@ -16,8 +16,8 @@ KV_EXTERN_C_BEGIN
 /// @param sensor  null: the factors are those of data
 /// @return 0; 0x60B64201 null data or value; 0x60B6B10C the sensor is not scanned; what KvPsGetSensorConvert gives
 KV_EXPORT uint32_t KvDfGetSensorValue(unsigned char raw, KVPS_SENSOR_DATA* data, double* value, CKvSensor* sensor);
-/// The same in a given unit, as IPMI numbers them. A sensor whose events are disabled, or whose reading is not available,
-/// has no value.
+/// The same in a given unit, as IPMI numbers them. A sensor whose events are disabled, or whose reading is not
+/// available, has no value.
 /// @return 0; 0x60B54201 null data or value; 0x60B5B10C the sensor is not scanned; 0x60B51302 the units do not go
 ///         together; what KvDfGetSensorValue gives
 KV_EXPORT uint32_t KvDfGetSensorValueWithUnit(unsigned char raw, KVPS_SENSOR_DATA* data, double* value,

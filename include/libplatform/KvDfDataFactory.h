@@ -1,7 +1,7 @@
 #pragma once
 /// @file
-/// The data factory: the definition files that say which sensors, SMBIOS fields and events of this machine mean what, and
-/// the language that its records speak. InitLib starts it and TerminateLib ends it; a host calls neither.
+/// The data factory: the definition files that say which sensors, SMBIOS fields and events of this machine mean what,
+/// and the language that its records speak. InitLib starts it and TerminateLib ends it; a host calls neither.
 
 #include "libplatform/CKvString.h"
 #include "libplatform/KvExport.h"

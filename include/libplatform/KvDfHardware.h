@@ -1,12 +1,13 @@
 #pragma once
 /// @file
-/// The records of this machine's hardware: sensors, processors, memory. Each call reads the machine anew; all sensors of
-/// a kind are read once, under one opening of the BMC's device, and others who want the BMC get their turn in between.
+/// The records of this machine's hardware: sensors, processors, memory. Each call reads the machine anew; all sensors
+/// of a kind are read once, under one opening of the BMC's device, and others who want the BMC get their turn in
+/// between.
 ///
-/// A sensor that cannot be read gives its record the codes "absent" or "unknown", no failure; what there is no sense in is
-/// left out. Any thread may call.
-/// Results that all share: 0; reason 0x4201 null argument; 0x609F1302 nothing says what there is of the kind; reason 0x1202
-/// out of memory. The outputs are 0 and null unless there are records. KvDfFreeDataArray frees them.
+/// A sensor that cannot be read gives its record the codes "absent" or "unknown", no failure; what there is no sense in
+/// is left out. Any thread may call.
+/// Results that all share: 0; reason 0x4201 null argument; 0x609F1302 nothing says what there is of the kind; reason
+/// 0x1202 out of memory. The outputs are 0 and null unless there are records. KvDfFreeDataArray frees them.
 
 #include "libplatform/KvDfRecords.h"
 

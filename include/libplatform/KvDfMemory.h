@@ -1,8 +1,8 @@
 #pragma once
 /// @file
 /// What is remembered about memory across restarts of the agent: how many correctable errors there were, and what each
-/// socket held. Both lie in /var/opt/velmora/lantrel/dat. InitLib reads them and TerminateLib writes them; the functions on
-/// the files are for companions of the agent.
+/// socket held. Both lie in /var/opt/velmora/lantrel/dat. InitLib reads them and TerminateLib writes them; the
+/// functions on the files are for companions of the agent.
 
 #include "libplatform/KvDfRecords.h"
 
@@ -24,8 +24,8 @@ KV_EXPORT uint32_t KvDfLoadMemoryData(unsigned long count, KVDF_TMP_MEMORY* reco
 /// @return 0; 0x60BE4201 null or no records; 0x60C01301 the file cannot be written
 KV_EXPORT uint32_t KvDfStoreMemoryData(unsigned long count, KVDF_TMP_MEMORY* records);
 /// Stores what the sockets hold now, and takes their sum as the machine's total.
-/// @return 0; what KvDfGetMemorySocket and KvDfStoreMemoryData give; 0x60BE1302 not all sockets could be read: nothing is
-///         stored
+/// @return 0; what KvDfGetMemorySocket and KvDfStoreMemoryData give; 0x60BE1302 not all sockets could be read: nothing
+///         is stored
 KV_EXPORT uint32_t KvDfSaveNewMemoryDatas(void);
 
 /// The machine's memory in MB, as it was found at the start.

@@ -2,21 +2,23 @@
 /// @file
 /// The records that the data factory hands out: plain facts about this machine, in the language of its administrator.
 ///
-/// A function that hands out records gives their number and an array made by array-new. The array may be longer than the
-/// number says. KvDfFreeDataArray frees it, whatever its records are.
+/// A function that hands out records gives their number and an array made by array-new. The array may be longer than
+/// the number says. KvDfFreeDataArray frees it, whatever its records are.
 ///
 /// @code
 ///     unsigned long count = 0;
 ///     KVDF_FAN* fans = nullptr;
 ///     if (KvDfGetBodyFan(&count, &fans) != 0) return;
-///     for (unsigned long i = 0; i < count; ++i) printf("%u: %s\n", fans[i].number, (const char*)fans[i].stateText);
+///     for (unsigned long i = 0; i < count; ++i) {
+///         printf("%u: %s\n", (unsigned)fans[i].number, (const char*)fans[i].stateText);
+///     }
 ///     KvDfFreeDataArray(fans);
 /// @endcode
 ///
 /// Codes that several records share, each with its text beside it:
 /// exist  0 unknown, 1 present, 2 absent or not readable
-/// state  0 unknown, 1 and 2 limits, 3 normal, 4 non-critical, 5 critical, 6 non-recoverable, 7 disabled; of a processor
-///        whose capacity is bought by the piece also 10 to 15
+/// state  0 unknown, 1 and 2 limits, 3 normal, 4 non-critical, 5 critical, 6 non-recoverable, 7 disabled; of a
+///        processor whose capacity is bought by the piece also 10 to 15
 
 #include "libplatform/CKvString.h"
 #include "libplatform/KvExport.h"
@@ -160,14 +162,11 @@ struct KVDF_ALERT : KVDF_BASE {
     CKvString message2{nullptr, kKvTextCapacity};  ///< in the neutral one
 };
 
-#ifdef __i386__
-static_assert(sizeof(KVDF_TEMPERATURE) == 32 && sizeof(KVDF_FAN) == 32 && sizeof(KVDF_POWUNIT) == 32, "record sizes");
-static_assert(sizeof(KVDF_VOLTAGE) == 24 && sizeof(KVDF_SYSBIOS) == 24 && sizeof(KVDF_SYSINFO) == 8, "record sizes");
-static_assert(sizeof(KVDF_CPU) == 56 && sizeof(KVDF_CACHE) == 28 && sizeof(KVDF_CPUBOARD) == 44, "record sizes");
-static_assert(sizeof(KVDF_MEMARRAY) == 12 && sizeof(KVDF_MEMSOCKET) == 28 && sizeof(KVDF_MEMERROR) == 12,
-              "record sizes");
-static_assert(sizeof(KVDF_TMP_MEMORY) == 16 && sizeof(KVDF_PRODUCT) == 44 && sizeof(KVDF_ALERT) == 36, "record sizes");
-#endif
+KV_STATIC_ASSERT(sizeof(KVDF_TEMPERATURE) == 32 && sizeof(KVDF_FAN) == 32 && sizeof(KVDF_POWUNIT) == 32);
+KV_STATIC_ASSERT(sizeof(KVDF_VOLTAGE) == 24 && sizeof(KVDF_SYSBIOS) == 24 && sizeof(KVDF_SYSINFO) == 8);
+KV_STATIC_ASSERT(sizeof(KVDF_CPU) == 56 && sizeof(KVDF_CACHE) == 28 && sizeof(KVDF_CPUBOARD) == 44);
+KV_STATIC_ASSERT(sizeof(KVDF_MEMARRAY) == 12 && sizeof(KVDF_MEMSOCKET) == 28 && sizeof(KVDF_MEMERROR) == 12);
+KV_STATIC_ASSERT(sizeof(KVDF_TMP_MEMORY) == 16 && sizeof(KVDF_PRODUCT) == 44 && sizeof(KVDF_ALERT) == 36);
 
 KV_EXTERN_C_BEGIN
 

@@ -14,7 +14,7 @@
 #include "libplatform/KvDfFru.h"
 #include "libplatform/KvExport.h"
 
-/// What is known about capacity on demand since start-up.
+/// What is known about capacity on demand since InitLib.
 typedef struct KVPS_COD_BLADE_INFO {
     uint8_t unused;
     uint8_t deviceRevision;  ///< of the BMC, as the two below

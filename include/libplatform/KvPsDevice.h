@@ -18,7 +18,8 @@ typedef struct KVPS_DEVICE_ID {
     uint8_t productId[2];       ///< least significant byte first
 } KVPS_DEVICE_ID;
 
-/// KVPS_INTERFACE_NONE: one that the library has no driver for (BT), or out of its reach. The kernel's device serves then.
+/// KVPS_INTERFACE_NONE: one that the library has no driver for (BT), or out of its reach. The kernel's device serves
+/// then.
 enum KvPsInterfaceType { KVPS_INTERFACE_NONE = 0, KVPS_INTERFACE_KCS = 1, KVPS_INTERFACE_SMIC = 2 };
 
 /// The registers of the system interface, as the firmware describes them or as they are by default.
@@ -41,7 +42,7 @@ KV_STATIC_ASSERT(sizeof(KVPS_IPMI_INTERFACE) == 20);
 KV_EXPORT uint32_t KvPsGetDeviceId(KVPS_DEVICE_ID* out);
 
 /// Tells which registers the library's own driver uses; all zero but the address where it uses none.
-/// @return 0; 0x60004201 null argument; 0x6000B104 the IPMI layer is not started
+/// @return 0; 0x60004201 null argument; 0x6000B104 InitLib has not started the way to the BMC
 KV_EXPORT uint32_t KvPsGetIpmiInterface(KVPS_IPMI_INTERFACE* out);
 
 KV_EXTERN_C_END

@@ -171,48 +171,49 @@ KV_EXPORT int PXR_copy_fd2file(int fd, const char* path);
 
 // ---- Records of the alert configuration, as the host hands them over ----
 
-/// One entry per alert event. The meaning of the words is the alert database's.
+/// One entry per alert event. The words are settings of the agent's, handed on as they are. A new entry has 1, 0, the
+/// time, 0, 0, 1, 0 in them; an EVENT line of the file has words 1, 5, 6, 2 and 7, in this order.
 typedef struct PXR_event_conf {
     uint32_t eventNumber;  ///< the low 16 bits are the alert id
     uint32_t word1;
     uint32_t word2;
-    uint32_t word3;
-    uint32_t word4;
+    uint32_t word3;  ///< when the entry was made, in seconds since 1970 by this machine's clock; not in the file
+    uint32_t word4;  ///< not in the file
     uint32_t word5;
-    uint32_t word6;  ///< switch
-    uint32_t word7;  ///< switch
+    uint32_t word6;  ///< switch: 0 or 1
+    uint32_t word7;  ///< switch: 0 or 1
 } PXR_event_conf;
 
 /// Watch on the memory in use.
 typedef struct PXR_memory_watch {
-    uint32_t enabled;
+    uint32_t enabled;    ///< 1 on; any other value off, as in the watches below
     uint32_t interval;   ///< seconds
     uint32_t samples;    ///< polls that are averaged
     uint32_t threshold;  ///< percent of memory in use
 } PXR_memory_watch;
 
-/// Watch on the processors' load.
+/// Watch on the processors' load, laid out as the one on memory.
 typedef struct PXR_cpu_watch {
     uint32_t enabled;
     uint32_t interval;  ///< seconds
-    uint32_t number3;
+    uint32_t number3;   ///< third and fourth field of the file's CPU line, as they are written there
     uint32_t number4;
 } PXR_cpu_watch;
 
 /// One watched file system.
 typedef struct PXR_fs_watch {
     struct PXR_fs_watch* next;
-    char* name;  ///< heap text of the entry
-    uint32_t number;
+    char* name;       ///< heap text of the entry
+    uint32_t number;  ///< what the file's FSNAME line says in parentheses
 } PXR_fs_watch;
 
 /// Watch on the file systems.
 typedef struct PXR_strage_watch {
     uint32_t reserved;
     uint32_t enabled;
-    uint32_t interval;  ///< seconds
-    uint32_t number4;
-    PXR_fs_watch* list;
+    uint32_t interval;   ///< seconds
+    uint32_t number4;    ///< third field of the file's FILESYSTEM line
+    PXR_fs_watch* list;  ///< null: none
 } PXR_strage_watch;
 
 /// Watch on the system log; what follows these two words is the host's own.

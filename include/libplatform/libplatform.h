@@ -4,9 +4,10 @@
 ///
 /// libplatform is the platform plug-in of a server-management agent for Linux on 32-bit x86. It reads the machine
 /// through the board's management controller (BMC, over IPMI), the firmware's tables (SMBIOS) and Linux, and answers in
-/// two ways: with instances of classes - one request, one class, all instances (platform_if.h) - and with single things
-/// as they are: a sensor, an event, a structure (KvPs...). Besides it exports the runtime that the agent's processes
-/// share: trace, messages, configuration files, threads, processes, texts and files (PXR_...).
+/// three ways: with instances of classes - one request, one class, all instances (platform_if.h) -, with records in the
+/// words of an administrator (KvDf...), and with single things as they are: a sensor, an event, a structure (KvPs...).
+/// Besides it exports the runtime that the agent's processes share: trace, messages, configuration files, threads,
+/// processes, texts and files (PXR_...).
 ///
 /// # A host's life
 ///
@@ -33,15 +34,15 @@
 ///     main thread and handles SIGUSR1 (PXR_proc.h).
 ///  2. It loads the library, by dlopen or by linking with it, names itself and opens the trace connection. It may put a
 ///     simulated machine in place of the real one (KvDeviceOps.h).
-///  3. InitLib: some seconds on a machine with many sensors. It finds the SMBIOS table and copies it
-///     (KvPsInitializeSmbios), starts the way to the BMC, sets the clock of the BMC's event log and reads the records
-///     of all sensors (KvPsInitializeIpmi), and makes the FRU reader known (KvPsSetKvDf_GetFruInventoryDataFunc). A
-///     host calls none of these. Before InitLib the shared runtime works; what needs the machine says that it is not
-///     up.
+///  3. InitLib: some seconds on a machine with many sensors. It finds the SMBIOS table, starts the way to the BMC, and
+///     then the data factory (KvDfInitialize): this copies the SMBIOS structures (KvPsInitializeSmbios), makes the FRU
+///     reader known (KvPsSetKvDf_GetFruInventoryDataFunc), sets the clock of the BMC's event log and reads the records
+///     of all sensors (KvPsInitializeIpmi), and reads the definition files. A host calls none of these. Before InitLib
+///     the shared runtime works; what needs the machine says that it is not up.
 ///  4. SendMessage hands over the watch configuration, and what to do on a watchdog event; it gives the table of poll
 ///     intervals, also to be had by PXR_GetAlertIntervalLevel.
-///  5. Requests (PXR_ExecCommand), polls of alerts (class KTX_CLS_ALERT_RECORD, each kind at its interval), KvPs...
-///     calls.
+///  5. Requests (PXR_ExecCommand), polls of alerts (class KTX_CLS_ALERT_RECORD, each kind at its interval), calls of
+///     KvDf... and KvPs... functions.
 ///  6. When the process goes down: SetTerminateProcess, which a signal handler may call, ends the library's long loops.
 ///     The host's threads come out of the library; then TerminateLib, PXR_trace_term. A host that stays may call
 ///     InitLib again instead. dlclose does not unmap the library.
@@ -58,6 +59,12 @@
 /// | KvPsBmc.h         | watchdog, service processor, names, LAN settings, memory modules, capacity, FRU images       |
 /// | KvPsSensor.h      | sensors: records and readings                                                                |
 /// | KvPsSel.h         | the event log, each event once                                                               |
+/// | KvDfHardware.h    | records of sensors, processors and memory, as an administrator sees them                     |
+/// | KvDfRecords.h     | these records                                                                                |
+/// | KvDfMemory.h      | memory across restarts: correctable errors, what the sockets held                            |
+/// | KvDfConvert.h     | raw sensor readings into values                                                              |
+/// | KvDfDataFactory.h | definition files, texts in the administrator's language                                      |
+/// | KvDfCheck.h       | checking definition files before they are used                                               |
 /// | KvDfFru.h         | fields of the unit's inventory (FRU)                                                         |
 /// | KvPsSmbios.h      | SMBIOS structures and their fields                                                           |
 /// | ipmi_ioctl.h      | IPMI messages over the BMC's registers, without the kernel's driver                          |
@@ -73,6 +80,7 @@
 /// | PXR_proc.h        | daemon, lock files, finding, running and ending commands                                     |
 /// | PXR_string.h      | conversions, trimming, splitting                                                             |
 /// | PXR_syscall.h     | files and directories, facts about the system, the flag of a process that ends               |
+/// | CKvString.h       | the text of a record                                                                         |
 /// | KvExport.h        | what the headers share                                                                       |
 ///
 /// # Who frees what
@@ -81,6 +89,8 @@
 /// |-----------------------------------------------------------------------------|---------------------------|
 /// | GetCat..., InsertInsMessage, PXR_GetErrCode..., PXR_str2str, PXR_cat_string | free                      |
 /// | KvPsGetAllSdrData; KvPsGetSdrData: the array, its records are the library's | free                      |
+/// | KvDfGet...: records                                                         | KvDfFreeDataArray         |
+/// | KvDfCreateFileData                                                          | KvDfFreeFileData          |
 /// | KvPsGetSelAllEntries                                                        | KvPsFreeDataArray         |
 /// | KvPsGetTypeData: the array, its structures are the library's                | KvPsFreeTypeData          |
 /// | KvPsGetSystemInformation                                                    | KvPsFreeSystemInformation |
@@ -101,7 +111,7 @@
 /// # Threads
 ///
 /// Any thread may call any function at any time, many at once, but for these:
-///  - InitLib, TerminateLib, KvPsInitialize..., KvPsTerminate..., KvSetDeviceOps: one thread, while no other works with
+///  - InitLib, TerminateLib, what they call (3 above), KvSetDeviceOps: one thread, while no other works with
 ///    what they start, stop or replace.
 ///  - A record belongs to one thread at a time: an enumeration with its instances, a data array of a configuration
 ///    file.
@@ -126,10 +136,18 @@
 ///
 /// # Languages
 ///
-/// C99 or C++11 and later, of gcc or clang, for i386 (-m32). No record depends on _FILE_OFFSET_BITS or _TIME_BITS.
+/// C99 or C++11 and later, of gcc or clang, for i386 (-m32). No record depends on _FILE_OFFSET_BITS or _TIME_BITS. The
+/// records of the data factory are classes: only a C++ host sees them, and it deletes them by KvDfFreeDataArray alone.
 
+#include "libplatform/CKvString.h"
 #include "libplatform/KvDeviceOps.h"
+#include "libplatform/KvDfCheck.h"
+#include "libplatform/KvDfConvert.h"
+#include "libplatform/KvDfDataFactory.h"
 #include "libplatform/KvDfFru.h"
+#include "libplatform/KvDfHardware.h"
+#include "libplatform/KvDfMemory.h"
+#include "libplatform/KvDfRecords.h"
 #include "libplatform/KvExport.h"
 #include "libplatform/KvPsBmc.h"
 #include "libplatform/KvPsDevice.h"

@@ -153,6 +153,18 @@ static void Trace(char* argv[], int count) {
     PXR_trace_term();
 }
 
+static void ReadFans(void) {
+#ifdef __cplusplus
+    unsigned long count = 0;
+    KVDF_FAN* fans = nullptr;
+    if (KvDfGetBodyFan(&count, &fans) != 0) return;
+    for (unsigned long i = 0; i < count; ++i) {
+        printf("%u: %s\n", (unsigned)fans[i].number, (const char*)fans[i].stateText);
+    }
+    KvDfFreeDataArray(fans);
+#endif
+}
+
 static int32_t Configure(void) {
 #ifdef __cplusplus
     static const PXR_config_file<2> kTrace = {
@@ -187,6 +199,7 @@ int main(int argc, char* argv[]) {
         ReadFru();
         ReadEvents();
         ReadSensors();
+        ReadFans();
         ReadMemoryDevices();
         CountMemoryDevices();
         AskTheBmcByItsRegisters();
