@@ -1,20 +1,9 @@
 // Start and stop of the table reader.
 
-#include "lib_driverIF/KvLibSmbios.h"
-
 #include <cerrno>
-#include <cstring>
 #include <new>
-#include <string>
 
-#include "common/FileText.h"
-#include "libplatform/PXR_trace.h"
-
-uint8_t smbios_header[kSmbiosHeaderSize];
-uint8_t smbios_headsize;
-uint8_t smbios_major;
-smbios_table_entry* smbios_tableinfo;
-uint32_t smbios_tablecnt;
+#include "lib_driverIF/KvLibSmbios.h"
 
 namespace {
 
@@ -50,26 +39,5 @@ int Init_SmbiosIF() {
 }
 
 void Terminate_SmbiosIF() {
-    delete[] smbios_tableinfo;
-    smbios_tableinfo = nullptr;
-    smbios_tablecnt = 0;
-    sb_free_kernel_table();
-    memset(smbios_header, 0, sizeof(smbios_header));
-    smbios_headsize = 0;
-    smbios_major = 0;
-}
-
-const char* sb_file_name(std::source_location where) {
-    const char* const slash = strrchr(where.file_name(), '/');
-    return slash != nullptr ? slash + 1 : where.file_name();
-}
-
-int sb_error(int error, std::source_location where) {
-    PXR_trace(PXR_TRACE_MASK_SMBIOS, PXR_TRACE_LEVEL_ERROR, "Error occured.(%d) %s(%d)\n", error, sb_file_name(where),
-              static_cast<int>(where.line()));
-    return error;
-}
-
-int FileDataAllRead(const char* path, size_t limit, std::string& content) {
-    return -ReadWhole(path, limit, content);
+    sb_clear_state();
 }

@@ -8,28 +8,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <source_location>
 #include <span>
-#include <string>
 
+#include "lib_driverIF/KvLibSmbios_State.h"
 #include "libplatform/smbios_ioctl.h"
-
-inline constexpr uint32_t kSmbiosHeaderSize = 32;
-
-/// One structure of the index.
-struct smbios_table_entry {
-    uint32_t address;  ///< physical, or the offset in the operating system's copy of the table
-    uint32_t type;
-    uint16_t size;  ///< up to and including the NUL of the last string
-    uint16_t handle;
-};
-static_assert(sizeof(smbios_table_entry) == 12);
-
-extern uint8_t smbios_header[kSmbiosHeaderSize];  ///< entry point copy
-extern uint8_t smbios_headsize;                   ///< what the entry point says of its length
-extern uint8_t smbios_major;                      ///< not 0: initialised
-extern smbios_table_entry* smbios_tableinfo;      ///< by type, then handle
-extern uint32_t smbios_tablecnt;
 
 /// Finds the entry point and builds the index; once. @return 0; -5, -6 no table; -12 out of memory
 int Init_SmbiosIF();
@@ -101,38 +83,3 @@ void* bsrch(const void* key, const void* base, uint32_t count, uint32_t size, sb
 /// Takes entry point and table from the kernel's files, where physical memory shows neither: firmware with a 64-bit
 /// entry point only, a locked-down kernel, a container. @return 0; -6 there are none; -12
 int sb_take_kernel_table();
-/// That copy; empty when the table was found in memory.
-std::span<const uint8_t> sb_kernel_table();
-void sb_free_kernel_table();
-
-// ---- Shared helpers ----
-
-/// Traces a failure with its place. @return error
-int sb_error(int error, std::source_location where = std::source_location::current());
-/// A source file's name without its directories.
-const char* sb_file_name(std::source_location where);
-/// Reads a whole file of at most limit bytes. @return 0 or a negative errno value
-int FileDataAllRead(const char* path, size_t limit, std::string& content);
-
-inline uint16_t sb_u16(std::span<const uint8_t> bytes, size_t offset) {
-    return static_cast<uint16_t>(bytes[offset] | bytes[offset + 1] << 8);
-}
-inline uint32_t sb_u32(std::span<const uint8_t> bytes, size_t offset) {
-    return sb_u16(bytes, offset) | static_cast<uint32_t>(sb_u16(bytes, offset + 2)) << 16;
-}
-
-/// Offsets in the entry point.
-namespace entry_point {
-inline constexpr size_t kChecksum = 4;
-inline constexpr size_t kLength = 5;
-inline constexpr size_t kMajorVersion = 6;
-inline constexpr size_t kMinorVersion = 7;
-inline constexpr size_t kMaxStructureSize = 8;
-inline constexpr size_t kIntermediate = 16;
-inline constexpr size_t kIntermediateSize = 15;  ///< what the intermediate checksum covers
-inline constexpr size_t kIntermediateChecksum = 21;
-inline constexpr size_t kTableLength = 22;
-inline constexpr size_t kTableAddress = 24;
-inline constexpr size_t kStructureCount = 28;
-inline constexpr size_t kRevision = 30;
-}  // namespace entry_point

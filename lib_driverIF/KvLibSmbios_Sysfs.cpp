@@ -35,17 +35,8 @@ struct EntryPointForm {
 };
 constexpr EntryPointForm kForms[] = {{"_SM3_", 6, 7, 24}, {"_SM_", 5, 6, 30}};
 
-std::string& KernelTable() {
-    static auto* const table = new std::string;  // the host may still ask while the process ends
-    return *table;
-}
-
-std::span<const uint8_t> Bytes(const std::string& content) {
-    return {reinterpret_cast<const uint8_t*>(content.data()), content.size()};
-}
-
 bool ReadVersion(const std::string& content, Version* version) {
-    const std::span<const uint8_t> bytes = Bytes(content);
+    const std::span<const uint8_t> bytes = sb_bytes(content);
     for (const EntryPointForm& form : kForms) {
         if (bytes.size() < form.smallest || !content.starts_with(form.anchor)) continue;
         const size_t length = bytes[form.lengthAt];
@@ -105,18 +96,10 @@ int sb_take_kernel_table() {
     if (error != 0) return sb_error(error == -ENOMEM ? error : -ENXIO);
 
     const auto most = static_cast<uint32_t>(std::min<size_t>(table.size() / kSmallestStructure + 1, UINT16_MAX));
-    error = sb_index_table(Bytes(table), 0, most, true);
+    error = sb_index_table(sb_bytes(table), 0, most, true);
     if (error != 0) return error;
     if (smbios_tablecnt == 0) return sb_error(-ENXIO);
     MakeHeader(version, table.size());
-    KernelTable() = std::move(table);
+    sb_keep_kernel_table(std::move(table));
     return 0;
-}
-
-std::span<const uint8_t> sb_kernel_table() {
-    return Bytes(KernelTable());
-}
-
-void sb_free_kernel_table() {
-    std::string().swap(KernelTable());
 }
