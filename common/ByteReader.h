@@ -47,3 +47,11 @@ private:
     std::span<const uint8_t> rest_;
     bool ok_ = true;
 };
+
+/// A field at an offset; 0 where the bytes end before.
+inline uint16_t U16At(std::span<const uint8_t> bytes, size_t offset) {
+    return ByteReader(bytes.subspan(std::min(offset, bytes.size()))).U16();
+}
+inline uint32_t U32At(std::span<const uint8_t> bytes, size_t offset) {
+    return ByteReader(bytes.subspan(std::min(offset, bytes.size()))).U32();
+}

@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <ctime>
 #include <iterator>
-#include <numeric>
 #include <optional>
 #include <string_view>
 
 #include "common/ByteReader.h"
+#include "common/Checksum.h"
 #include "host/kvhost_Text.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_IdString.h"
 
@@ -24,10 +24,6 @@ constexpr uint8_t kVersionBits = 0x0F;
 
 /// Where the header says which area begins.
 enum Pointer : size_t { kChassis = 2, kBoard = 3, kProduct = 4, kRecords = 5 };
-
-bool SumIsZero(Bytes bytes) {
-    return (std::accumulate(bytes.begin(), bytes.end(), 0u) & 0xFF) == 0;
-}
 
 // Texts
 
@@ -161,7 +157,7 @@ Bytes Extent(Bytes image, size_t offset, FruArea& area) {
         return bytes;
     }
     bytes = bytes.first(length);
-    if (bytes.empty() || !SumIsZero(bytes)) area.problem = "wrong checksum";
+    if (bytes.empty() || !IsSumZero(bytes)) area.problem = "wrong checksum";
     return bytes;
 }
 
@@ -231,7 +227,7 @@ FruArea DecodeRecords(Bytes image, size_t offset) {
     FruArea area{"records", {}, ""};
     Bytes rest = image.subspan(std::min(offset, image.size()));
     for (bool last = false; !last;) {
-        if (rest.size() < kRecordHeader || !SumIsZero(rest.first(kRecordHeader))) {
+        if (rest.size() < kRecordHeader || !IsSumZero(rest.first(kRecordHeader))) {
             area.problem = "no record header where one should be";
             return area;
         }
@@ -241,7 +237,7 @@ FruArea DecodeRecords(Bytes image, size_t offset) {
             return area;
         }
         const Bytes data = rest.subspan(kRecordHeader, length);
-        if (((std::accumulate(data.begin(), data.end(), 0u) + rest[3]) & 0xFF) != 0) {
+        if (static_cast<uint8_t>(SumOf(data) + rest[3]) != 0) {
             area.problem = "wrong checksum of a record";
         }
         area.fields.emplace_back(RecordName(rest[0]), HexBytes(data));
@@ -254,7 +250,7 @@ FruArea DecodeRecords(Bytes image, size_t offset) {
 std::optional<std::string> HeaderProblem(Bytes image) {
     if (image.size() < kHeaderSize) return "the image is too short for it";
     if ((image[0] & kVersionBits) != kVersion) return "unknown format version";
-    if (!SumIsZero(image.first(kHeaderSize))) return "wrong checksum";
+    if (!IsSumZero(image.first(kHeaderSize))) return "wrong checksum";
     return std::nullopt;
 }
 

@@ -114,7 +114,7 @@ uint8_t ipmi_ioreg_read(uint16_t reg) {
 
 int ipmi_memoryreg_write(uint16_t reg, uint8_t value) {
     const int64_t physical = PhysicalAddress(reg);
-    if (!(sb_is_kernel26() ? ipmi_memory_write_by_map(physical, value) : ipmi_memory_write_by_seek(physical, value))) {
+    if (!(sb::IsKernel26() ? ipmi_memory_write_by_map(physical, value) : ipmi_memory_write_by_seek(physical, value))) {
         return IpmiCallTrace::Report(-EIO, __func__);
     }
     PXR_trace(PXR_TRACE_MASK_IPMI, PXR_TRACE_LEVEL_DETAIL, "%s: REG=%04X DAT=%02X\n", __func__, reg, value);
@@ -124,7 +124,7 @@ int ipmi_memoryreg_write(uint16_t reg, uint8_t value) {
 uint8_t ipmi_memoryreg_read(uint16_t reg) {
     uint8_t value = 0;
     const int64_t physical = PhysicalAddress(reg);
-    if (!(sb_is_kernel26() ? ipmi_memory_read_by_map(physical, &value) : ipmi_memory_read_by_seek(physical, &value))) {
+    if (!(sb::IsKernel26() ? ipmi_memory_read_by_map(physical, &value) : ipmi_memory_read_by_seek(physical, &value))) {
         IpmiCallTrace::Report(-EIO, __func__);
         return 0;
     }

@@ -10,7 +10,7 @@ namespace {
 constexpr uint8_t kInitialised = 1;
 
 int FindInMemory() {
-    if (const int error = sb_search_header(GetSbBaseAddr(), sb_get_search_length())) return error;
+    if (const int error = sb_search_header(GetSbBaseAddr(), sb::SearchLength())) return error;
     return sb_set_tableinfo();
 }
 
@@ -18,10 +18,10 @@ int FindTable() {
     try {
         const int error = FindInMemory();
         if (error != -EIO && error != -ENXIO) return error;
-        const int ofKernel = sb_take_kernel_table();
+        const int ofKernel = sb::TakeKernelTable();
         return ofKernel == -ENXIO ? error : ofKernel;
     } catch (const std::bad_alloc&) {
-        return sb_error(-ENOMEM);
+        return sb::Error(-ENOMEM);
     }
 }
 
@@ -39,5 +39,5 @@ int Init_SmbiosIF() {
 }
 
 void Terminate_SmbiosIF() {
-    sb_clear_state();
+    sb::ClearState();
 }

@@ -12,6 +12,8 @@
 #include <string>
 #include <string_view>
 
+#include "common/ByteReader.h"
+#include "common/Checksum.h"
 #include "lib_driverIF/KvLibSmbios.h"
 #include "libplatform/PXR_trace.h"
 
@@ -47,9 +49,9 @@ ptrdiff_t ConvertAddress(const char* value, uint32_t* address) {
 bool ReadSystemTable(uint32_t* address) {
     constexpr int kMask = PXR_TRACE_MASK_SMBIOS;
     constexpr int kLevel = PXR_TRACE_LEVEL_EVENT;
-    const char* const file = sb_file_name(std::source_location::current());
+    const char* const file = sb::FileName(std::source_location::current());
     std::string table;
-    const int error = FileDataAllRead(sb_is_kernel26() ? kSystemTable : kSystemTableBefore26, kSystemTableLimit, table);
+    const int error = FileDataAllRead(sb::IsKernel26() ? kSystemTable : kSystemTableBefore26, kSystemTableLimit, table);
     if (error != 0) {
         PXR_trace(kMask, kLevel, "%s(%d) : FileDataAllRead Error(ret=%d)\n", file, __LINE__, error);
         return false;
@@ -81,8 +83,8 @@ bool IsEntryPoint(std::span<const uint8_t> candidate) {
     return memcmp(candidate.data(), kAnchor, sizeof(kAnchor)) == 0 &&
            memcmp(candidate.data() + entry_point::kIntermediate, kIntermediateAnchor, sizeof(kIntermediateAnchor)) ==
                0 &&
-           length >= kShortestEntryPoint && length <= candidate.size() && sb_is_sum_zero(candidate.first(length)) &&
-           sb_is_sum_zero(candidate.subspan(entry_point::kIntermediate, entry_point::kIntermediateSize));
+           length >= kShortestEntryPoint && length <= candidate.size() && IsSumZero(candidate.first(length)) &&
+           IsSumZero(candidate.subspan(entry_point::kIntermediate, entry_point::kIntermediateSize));
 }
 
 void TraceEntryPoint() {
@@ -90,10 +92,10 @@ void TraceEntryPoint() {
     constexpr int kLevel = PXR_TRACE_LEVEL_DETAIL;
     using namespace entry_point;
     const std::span<const uint8_t> header = smbios_header;
-    PXR_trace(kMask, kLevel, "SMBIOS table length      = %d\n", sb_u16(header, kTableLength));
-    PXR_trace(kMask, kLevel, "SMBIOS table address     = 0x%x\n", sb_u32(header, kTableAddress));
-    PXR_trace(kMask, kLevel, "SMBIOS structure count   = %d\n", sb_u16(header, kStructureCount));
-    PXR_trace(kMask, kLevel, "SMBIOS max size          = %d\n", sb_u16(header, kMaxStructureSize));
+    PXR_trace(kMask, kLevel, "SMBIOS table length      = %d\n", U16At(header, kTableLength));
+    PXR_trace(kMask, kLevel, "SMBIOS table address     = 0x%x\n", U32At(header, kTableAddress));
+    PXR_trace(kMask, kLevel, "SMBIOS structure count   = %d\n", U16At(header, kStructureCount));
+    PXR_trace(kMask, kLevel, "SMBIOS max size          = %d\n", U16At(header, kMaxStructureSize));
     PXR_trace(kMask, kLevel, "SMBIOS major version     = %d\n", header[kMajorVersion]);
     PXR_trace(kMask, kLevel, "SMBIOS minor version     = %d\n", header[kMinorVersion]);
     PXR_trace(kMask, kLevel, "SMBIOS revision          = 0x%x\n", header[kRevision]);
@@ -120,11 +122,11 @@ uint32_t GetSbBaseAddr() {
     return ReadSystemTable(&address) ? address : kFirmwareSegment;
 }
 
-uint32_t sb_get_search_length() {
-    return sb_is_kernel26() && access(kSystemTable, F_OK) == 0 ? kSmbiosHeaderSize : kFirmwareSegmentSize;
+uint32_t sb::SearchLength() {
+    return sb::IsKernel26() && access(kSystemTable, F_OK) == 0 ? kSmbiosHeaderSize : kFirmwareSegmentSize;
 }
 
-ptrdiff_t sb_search_string(std::span<const uint8_t> area, size_t from, const sb_pattern& pattern, size_t remaining) {
+ptrdiff_t sb_search_string(std::span<const uint8_t> area, size_t from, const sb::Pattern& pattern, size_t remaining) {
     const size_t needed = std::max(remaining, pattern.bytes.size());
     for (size_t at = from; at <= area.size() && area.size() - at >= needed;) {
         size_t same = 0;
@@ -136,28 +138,21 @@ ptrdiff_t sb_search_string(std::span<const uint8_t> area, size_t from, const sb_
     return -1;
 }
 
-bool sb_is_sum_zero(std::span<const uint8_t> bytes) {
-    unsigned sum = 0;
-    for (const uint8_t byte : bytes)
-        sum += byte;
-    return sum % 256 == 0;
-}
-
 int sb_search_header(uint32_t address, uint32_t length) {
     const size_t size = size_t{length} + 1;
     const std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[size]());
-    if (buffer == nullptr) return sb_error(-ENOMEM);
-    if (ReadMem(buffer.get(), address, length) == 0) return sb_error(-EIO);
+    if (buffer == nullptr) return sb::Error(-ENOMEM);
+    if (ReadMem(buffer.get(), address, length) == 0) return sb::Error(-EIO);
 
     const std::span<const uint8_t> area(buffer.get(), length);
-    const sb_pattern anchor = {kAnchor, kAnchorSkip};
+    const sb::Pattern anchor = {kAnchor, kAnchorSkip};
     ptrdiff_t at = sb_search_string(area, 0, anchor, kSmbiosHeaderSize);
     while (at >= 0 && !IsEntryPoint(area.subspan(static_cast<size_t>(at)))) {
         at = sb_search_string(area, static_cast<size_t>(at) + kSkipAfterRejected, anchor, kSmbiosHeaderSize);
     }
     if (at < 0) {
         PXR_trace(PXR_TRACE_MASK_SMBIOS, PXR_TRACE_LEVEL_ERROR, "Can't found SMBIOS header.\n");
-        return sb_error(-ENXIO);
+        return sb::Error(-ENXIO);
     }
     memcpy(smbios_header, buffer.get() + at, kSmbiosHeaderSize);
     smbios_headsize = smbios_header[entry_point::kLength];

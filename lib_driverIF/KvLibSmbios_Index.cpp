@@ -6,6 +6,7 @@
 #include <new>
 #include <optional>
 
+#include "common/ByteReader.h"
 #include "lib_driverIF/KvLibSmbios.h"
 #include "libplatform/PXR_trace.h"
 
@@ -34,7 +35,7 @@ std::optional<Extent> Measure(std::span<const uint8_t> rest) {
     if (rest.size() < kStructureHeaderSize) return std::nullopt;
     const size_t formatted = rest[kLengthOffset];
     if (formatted < kStructureHeaderSize || formatted > rest.size()) return std::nullopt;
-    const sb_pattern doubleNul = {kDoubleNul, kDoubleNulSkip};
+    const sb::Pattern doubleNul = {kDoubleNul, kDoubleNulSkip};
     const ptrdiff_t end = sb_search_string(rest, formatted, doubleNul, sizeof(kDoubleNul));
     if (end < 0) return Extent{std::min(kUnterminatedSize, rest.size()), 0};
     const auto distance = static_cast<size_t>(end);
@@ -65,7 +66,7 @@ uint32_t Walk(std::span<const uint8_t> table, uint32_t address, std::span<smbios
         }
         const size_t size = std::min<size_t>(extent->size, UINT16_MAX);
         index[number] = {address + static_cast<uint32_t>(at), rest[kTypeOffset], static_cast<uint16_t>(size),
-                         sb_u16(rest, kHandleOffset)};
+                         U16At(rest, kHandleOffset)};
         TraceStructure(number, rest.first(size));
         if (extent->next == 0) {
             TraceNoData(number);
@@ -92,7 +93,7 @@ int CompareEntries(const void* a, const void* b) {
 }
 
 /// Lets the element at `at` sink in a heap whose largest element is the first.
-void SiftDown(uint8_t* base, uint32_t at, uint32_t count, uint32_t size, sb_compare compare) {
+void SiftDown(uint8_t* base, uint32_t at, uint32_t count, uint32_t size, sb::Compare compare) {
     while (true) {
         uint32_t child = 2 * at + 1;
         if (child >= count) return;
@@ -105,7 +106,7 @@ void SiftDown(uint8_t* base, uint32_t at, uint32_t count, uint32_t size, sb_comp
 
 }  // namespace
 
-void hsort(void* base, uint32_t count, uint32_t size, sb_compare compare) {
+void hsort(void* base, uint32_t count, uint32_t size, sb::Compare compare) {
     auto* const bytes = static_cast<uint8_t*>(base);
     for (uint32_t at = count / 2; at > 0; --at)
         SiftDown(bytes, at - 1, count, size, compare);
@@ -115,7 +116,7 @@ void hsort(void* base, uint32_t count, uint32_t size, sb_compare compare) {
     }
 }
 
-void* bsrch(const void* key, const void* base, uint32_t count, uint32_t size, sb_compare compare) {
+void* bsrch(const void* key, const void* base, uint32_t count, uint32_t size, sb::Compare compare) {
     const auto* const bytes = static_cast<const uint8_t*>(base);
     uint32_t low = 0;
     for (uint32_t high = count; low < high;) {
@@ -130,9 +131,9 @@ void* bsrch(const void* key, const void* base, uint32_t count, uint32_t size, sb
     return const_cast<uint8_t*>(bytes + low * size);
 }
 
-int sb_index_table(std::span<const uint8_t> table, uint32_t address, uint32_t count, bool stopAtMarker) {
+int sb::IndexTable(std::span<const uint8_t> table, uint32_t address, uint32_t count, bool stopAtMarker) {
     std::unique_ptr<smbios_table_entry[]> index(new (std::nothrow) smbios_table_entry[count]);
-    if (index == nullptr) return sb_error(-ENOMEM);
+    if (index == nullptr) return sb::Error(-ENOMEM);
     const uint32_t found = Walk(table, address, {index.get(), count}, stopAtMarker);
     if (found == 0) return 0;
     hsort(index.get(), found, sizeof(smbios_table_entry), CompareEntries);
@@ -143,16 +144,16 @@ int sb_index_table(std::span<const uint8_t> table, uint32_t address, uint32_t co
 
 int sb_set_tableinfo() {
     const std::span<const uint8_t> header = smbios_header;
-    const uint32_t length = sb_u16(header, entry_point::kTableLength);
-    const uint32_t address = sb_u32(header, entry_point::kTableAddress);
+    const uint32_t length = U16At(header, entry_point::kTableLength);
+    const uint32_t address = U32At(header, entry_point::kTableAddress);
     const std::unique_ptr<uint8_t[]> table(new (std::nothrow) uint8_t[length]);
-    if (table == nullptr) return sb_error(-ENOMEM);
+    if (table == nullptr) return sb::Error(-ENOMEM);
     const uint32_t got = ReadMem(table.get(), address, length);
-    if (got == 0) return sb_error(-EIO);
-    return sb_index_table({table.get(), got}, address, sb_u16(header, entry_point::kStructureCount), false);
+    if (got == 0) return sb::Error(-EIO);
+    return sb::IndexTable({table.get(), got}, address, U16At(header, entry_point::kStructureCount), false);
 }
 
-uint32_t sb_largest_structure() {
+uint32_t sb::LargestStructure() {
     uint32_t largest = 0;
     for (uint32_t i = 0; i < smbios_tablecnt; ++i)
         largest = std::max<uint32_t>(largest, smbios_tableinfo[i].size);

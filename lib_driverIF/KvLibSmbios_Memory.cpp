@@ -65,13 +65,13 @@ uint32_t ReadByDriver(void* buffer, uint32_t address, uint32_t length) {
 }
 
 uint32_t ReadError(std::source_location where = std::source_location::current()) {
-    PXR_trace(PXR_TRACE_MASK_SMBIOS, PXR_TRACE_LEVEL_ERROR, "%s(%d) : /dev/mem read error=(%d)\n", sb_file_name(where),
+    PXR_trace(PXR_TRACE_MASK_SMBIOS, PXR_TRACE_LEVEL_ERROR, "%s(%d) : /dev/mem read error=(%d)\n", sb::FileName(where),
               static_cast<int>(where.line()), errno);
     return 0;
 }
 
 uint32_t NothingRead(std::source_location where = std::source_location::current()) {
-    PXR_trace(PXR_TRACE_MASK_SMBIOS, PXR_TRACE_LEVEL_ERROR, "%s(%d) : /dev/mem read length=0\n", sb_file_name(where),
+    PXR_trace(PXR_TRACE_MASK_SMBIOS, PXR_TRACE_LEVEL_ERROR, "%s(%d) : /dev/mem read length=0\n", sb::FileName(where),
               static_cast<int>(where.line()));
     return 0;
 }
@@ -89,8 +89,8 @@ uint32_t CoveringBytes(uint32_t address, uint32_t length) {
 }
 
 int CopyFromKernelTable(void* buffer, uint32_t offset, uint32_t size) {
-    const std::span<const uint8_t> table = sb_kernel_table();
-    if (offset > table.size() || size > table.size() - offset) return sb_error(-EIO);
+    const std::span<const uint8_t> table = sb::KernelTable();
+    if (offset > table.size() || size > table.size() - offset) return sb::Error(-EIO);
     memcpy(buffer, table.data() + offset, size);
     return 0;
 }
@@ -98,18 +98,18 @@ int CopyFromKernelTable(void* buffer, uint32_t offset, uint32_t size) {
 int CopyFromMemory(void* buffer, uint32_t address, uint32_t size) {
     const uint32_t start = PageStart(address);
     const uint32_t length = CoveringBytes(address, size);
-    if (length == 0) return sb_error(-EIO);
+    if (length == 0) return sb::Error(-EIO);
     const std::unique_ptr<uint8_t[]> pages(new (std::nothrow) uint8_t[length]);
-    if (pages == nullptr) return sb_error(-ENOMEM);
+    if (pages == nullptr) return sb::Error(-ENOMEM);
     const uint32_t before = address - start;
-    if (ReadMem(pages.get(), start, length) < before + size) return sb_error(-EIO);
+    if (ReadMem(pages.get(), start, length) < before + size) return sb::Error(-EIO);
     memcpy(buffer, pages.get() + before, size);
     return 0;
 }
 
 }  // namespace
 
-bool sb_is_kernel26(const char* release) {
+bool sb::IsKernel26(const char* release) {
     const char* const end = release + strlen(release);
     unsigned major = 0;
     unsigned minor = 0;
@@ -119,12 +119,12 @@ bool sb_is_kernel26(const char* release) {
     return major > 2 || (major == 2 && minor >= 6);
 }
 
-bool sb_is_kernel26() {
+bool sb::IsKernel26() {
     struct utsname names = {};
-    return uname(&names) != 0 || sb_is_kernel26(names.release);
+    return uname(&names) != 0 || sb::IsKernel26(names.release);
 }
 
-uint32_t sb_read_by_seek(int fd, void* buffer, uint32_t address, uint32_t length) {
+uint32_t sb::ReadBySeek(int fd, void* buffer, uint32_t address, uint32_t length) {
     if (device::Seek(fd, address) < 0) return ReadError();
     uint32_t done = 0;
     while (done < length) {
@@ -137,7 +137,7 @@ uint32_t sb_read_by_seek(int fd, void* buffer, uint32_t address, uint32_t length
     return done != 0 ? done : NothingRead();
 }
 
-uint32_t sb_read_by_map(int fd, void* buffer, uint32_t address, uint32_t length) {
+uint32_t sb::ReadByMap(int fd, void* buffer, uint32_t address, uint32_t length) {
     const uint32_t start = PageStart(address);
     const uint32_t covering = CoveringBytes(address, length);
     if (length == 0 || covering == 0) return NothingRead();
@@ -152,13 +152,13 @@ uint32_t ReadMem(void* buffer, uint32_t address, uint32_t length) {
     if (IsDriverInstalled()) return ReadByDriver(buffer, address, length);
     const device::Descriptor memory(kMemoryDevice, O_RDONLY);
     if (!memory) return ReadError();
-    return sb_is_kernel26() ? sb_read_by_map(memory.Get(), buffer, address, length)
-                            : sb_read_by_seek(memory.Get(), buffer, address, length);
+    return sb::IsKernel26() ? sb::ReadByMap(memory.Get(), buffer, address, length)
+                            : sb::ReadBySeek(memory.Get(), buffer, address, length);
 }
 
 int sb_cp_rmem2vmem(void* buffer, uint32_t address, uint32_t size) {
     const int error =
-        sb_kernel_table().empty() ? CopyFromMemory(buffer, address, size) : CopyFromKernelTable(buffer, address, size);
+        sb::KernelTable().empty() ? CopyFromMemory(buffer, address, size) : CopyFromKernelTable(buffer, address, size);
     if (error != 0) return error;
     PXR_trace(PXR_TRACE_MASK_SMBIOS, PXR_TRACE_LEVEL_DETAIL, "SMBIOS data:size=%d\n", static_cast<int>(size));
     PXR_mem_trace(PXR_TRACE_MASK_SMBIOS, PXR_TRACE_LEVEL_DETAIL, "", static_cast<const uint8_t*>(buffer),

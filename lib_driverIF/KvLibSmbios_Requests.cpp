@@ -8,6 +8,8 @@
 #include <memory>
 #include <new>
 
+#include "common/ByteReader.h"
+#include "common/Checksum.h"
 #include "lib_driverIF/KvLibSmbios.h"
 #include "libplatform/PXR_message.h"
 #include "libplatform/PXR_trace.h"
@@ -19,20 +21,20 @@ namespace {
 int CopyOut(void* buffer, uint32_t capacity, const void* data, uint32_t size) {
     const uint32_t length = std::min(capacity, size);
     if (length == 0) return 0;
-    if (buffer == nullptr) return sb_error(-EINVAL);
+    if (buffer == nullptr) return sb::Error(-EINVAL);
     memcpy(buffer, data, length);
     return 0;
 }
 
 int GetInfo(smbios_getinfo_block& block) {
-    if (smbios_major == 0) return sb_error(-EIO);
+    if (smbios_major == 0) return sb::Error(-EIO);
     const uint32_t capacity = block.size;
     if (block.mode == SMBIOS_INFO_ENTRY_POINT) {
         block.size = smbios_headsize;
         return CopyOut(block.buffer, capacity, smbios_header, std::min<uint32_t>(smbios_headsize, kSmbiosHeaderSize));
     }
     if (block.mode == SMBIOS_INFO_MAX_SIZE) {
-        const uint32_t largest = std::max<uint32_t>(smbios_headsize, sb_largest_structure());
+        const uint32_t largest = std::max<uint32_t>(smbios_headsize, sb::LargestStructure());
         const uint32_t slot = (largest + SMBIOS_SLOT_HEADER + 3) / 4 * 4;
         block.size = sizeof(slot);
         return CopyOut(block.buffer, capacity, &slot, sizeof(slot));
@@ -54,7 +56,7 @@ int CompareTypesAndHandles(const void* a, const void* b) {
     return static_cast<const smbios_table_entry*>(a)->handle - static_cast<const smbios_table_entry*>(b)->handle;
 }
 
-const smbios_table_entry* Find(uint16_t type, uint16_t handle, sb_compare compare) {
+const smbios_table_entry* Find(uint16_t type, uint16_t handle, sb::Compare compare) {
     const smbios_table_entry key = {0, type, 0, handle};
     return static_cast<const smbios_table_entry*>(bsrch(&key, smbios_tableinfo, smbios_tablecnt, sizeof(key), compare));
 }
@@ -74,7 +76,7 @@ uint32_t CountOfType(const smbios_table_entry* first) {
 
 int CopyStructure(const smbios_table_entry& entry, smbios_gettable_block& block) {
     const uint32_t length = std::min<uint32_t>(entry.size, block.size);
-    if (length != 0 && block.buffer == nullptr) return sb_error(-EINVAL);
+    if (length != 0 && block.buffer == nullptr) return sb::Error(-EINVAL);
     PXR_trace(PXR_TRACE_MASK_SMBIOS, PXR_TRACE_LEVEL_DETAIL, "Get Table Type %d.\n", static_cast<int>(entry.type));
     if (length != 0) {
         if (const int error = sb_cp_rmem2vmem(block.buffer, entry.address, length)) return error;
@@ -91,7 +93,7 @@ int FillSlot(const smbios_table_entry& entry, uint8_t* slot, uint32_t slotSize) 
 }
 
 int GetRun(const smbios_table_entry* first, smbios_gettable_block& block) {
-    if (block.buffer == nullptr || block.size < SMBIOS_SLOT_HEADER) return sb_error(-EINVAL);
+    if (block.buffer == nullptr || block.size < SMBIOS_SLOT_HEADER) return sb::Error(-EINVAL);
     uint32_t filled = 0;
     auto* slot = static_cast<uint8_t*>(block.buffer);
     while (filled < block.count) {
@@ -127,7 +129,7 @@ int GetByHandle(smbios_gettable_block& block) {
 }
 
 int GetTable(smbios_gettable_block& block) {
-    if (smbios_major == 0) return sb_error(-EIO);
+    if (smbios_major == 0) return sb::Error(-EIO);
     if (block.mode < SMBIOS_TABLE_RUN || block.mode > SMBIOS_TABLE_BY_HANDLE) {
         block.status = SMBIOS_STATUS_MODE;
         return 0;
@@ -156,21 +158,21 @@ constexpr int kRoutingBadChecksum = 25857;
 
 /// As many bytes as the table says that it has which the bytes begin with. Empty when that cannot be.
 std::span<const uint8_t> RoutingTableAt(std::span<const uint8_t> bytes) {
-    const size_t size = sb_u16(bytes, kRoutingSizeOffset);
+    const size_t size = U16At(bytes, kRoutingSizeOffset);
     return size < kRoutingHeaderSize || size > bytes.size() ? std::span<const uint8_t>{} : bytes.first(size);
 }
 
 /// Empty when there is none. Firmware has the signature in its code as well, which is how it finds the table: only where
 /// no table is sound, a wrong checksum is the administrator's concern.
 std::span<const uint8_t> FindRoutingTable(std::span<const uint8_t> area) {
-    const sb_pattern signature = {kRoutingSignature, kRoutingSkip};
+    const sb::Pattern signature = {kRoutingSignature, kRoutingSkip};
     bool damaged = false;
     for (ptrdiff_t at = 0, from = 0; at >= 0; from = at + kSkipAfterRejected) {
         at = sb_search_string(area, static_cast<size_t>(from), signature, kRoutingHeaderSize + 1);
         if (at < 0) break;
         const std::span<const uint8_t> table = RoutingTableAt(area.subspan(static_cast<size_t>(at)));
         if (table.empty()) continue;
-        if (sb_is_sum_zero(table)) return table;
+        if (IsSumZero(table)) return table;
         PXR_trace(PXR_TRACE_MASK_SMBIOS, PXR_TRACE_LEVEL_ERROR, "$PIR table has a bad checksum.\n");
         damaged = true;
     }
@@ -191,10 +193,10 @@ int GetPci(smbios_getpci_block& block) {
         return 0;
     }
     const std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[kRoutingAreaSize]());
-    if (buffer == nullptr) return sb_error(-ENOMEM);
-    if (ReadMem(buffer.get(), kRoutingArea, kRoutingAreaSize) == 0) return sb_error(-EIO);
+    if (buffer == nullptr) return sb::Error(-ENOMEM);
+    if (ReadMem(buffer.get(), kRoutingArea, kRoutingAreaSize) == 0) return sb::Error(-EIO);
     const std::span<const uint8_t> table = FindRoutingTable({buffer.get(), kRoutingAreaSize});
-    if (table.empty()) return sb_error(-EIO);
+    if (table.empty()) return sb::Error(-EIO);
 
     const auto present = static_cast<uint32_t>((table.size() - kRoutingHeaderSize) / SMBIOS_PCI_ENTRY_SIZE);
     const uint32_t count = std::min(present, block.capacity / SMBIOS_PCI_ENTRY_SIZE);
@@ -211,7 +213,7 @@ int GetPci(smbios_getpci_block& block) {
 template <typename Block>
 int Serve(int (*request)(Block&), void* block, int copyMode) {
     constexpr int kPrivateCopy = 1;
-    if (block == nullptr) return sb_error(-EINVAL);
+    if (block == nullptr) return sb::Error(-EINVAL);
     Block copy;
     memcpy(&copy, block, sizeof(copy));
     Block& work = copyMode == kPrivateCopy ? copy : *static_cast<Block*>(block);
@@ -236,7 +238,7 @@ int sb_ioctl(uint32_t code, void* block, int copyMode) {
             return Serve(GetPci, block, copyMode);
         default:
             PXR_trace(PXR_TRACE_MASK_SMBIOS, PXR_TRACE_LEVEL_ERROR, "ioctl:unknown(%d)\n", static_cast<int>(code));
-            return sb_error(-EINVAL);
+            return sb::Error(-EINVAL);
     }
 }
 

@@ -26,29 +26,28 @@ extern uint8_t smbios_major;                      ///< not 0: initialised
 extern smbios_table_entry* smbios_tableinfo;      ///< by type, then handle
 extern uint32_t smbios_tablecnt;
 
-/// Frees and empties all of it.
-void sb_clear_state();
-
-/// The operating system's copy of the table, where that is the one in use; empty when the table was found in memory.
-std::span<const uint8_t> sb_kernel_table();
-void sb_keep_kernel_table(std::string table);
-
-/// Traces a failure with its place. @return error
-int sb_error(int error, std::source_location where = std::source_location::current());
-/// A source file's name without its directories.
-const char* sb_file_name(std::source_location where);
 /// Reads a whole file of at most limit bytes. @return 0 or a negative errno value
 int FileDataAllRead(const char* path, size_t limit, std::string& content);
 
-inline std::span<const uint8_t> sb_bytes(std::string_view text) {
+namespace sb {
+
+/// Frees and empties all that is kept here.
+void ClearState();
+
+/// The operating system's copy of the table, where that is the one in use; empty when the table was found in memory.
+std::span<const uint8_t> KernelTable();
+void KeepKernelTable(std::string table);
+
+/// Traces a failure with its place. @return error
+int Error(int error, std::source_location where = std::source_location::current());
+/// A source file's name without its directories.
+const char* FileName(std::source_location where);
+
+inline std::span<const uint8_t> BytesOf(std::string_view text) {
     return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
 }
-inline uint16_t sb_u16(std::span<const uint8_t> bytes, size_t offset) {
-    return static_cast<uint16_t>(bytes[offset] | bytes[offset + 1] << 8);
-}
-inline uint32_t sb_u32(std::span<const uint8_t> bytes, size_t offset) {
-    return sb_u16(bytes, offset) | static_cast<uint32_t>(sb_u16(bytes, offset + 2)) << 16;
-}
+
+}  // namespace sb
 
 /// Offsets in the entry point.
 namespace entry_point {

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <utility>
 
+#include "common/ByteReader.h"
+#include "common/Checksum.h"
 #include "lib_driverIF/KvLibSmbios.h"
 
 namespace {
@@ -36,11 +38,11 @@ struct EntryPointForm {
 constexpr EntryPointForm kForms[] = {{"_SM3_", 6, 7, 24}, {"_SM_", 5, 6, 30}};
 
 bool ReadVersion(const std::string& content, Version* version) {
-    const std::span<const uint8_t> bytes = sb_bytes(content);
+    const std::span<const uint8_t> bytes = sb::BytesOf(content);
     for (const EntryPointForm& form : kForms) {
         if (bytes.size() < form.smallest || !content.starts_with(form.anchor)) continue;
         const size_t length = bytes[form.lengthAt];
-        if (length < form.smallest || length > bytes.size() || !sb_is_sum_zero(bytes.first(length))) return false;
+        if (length < form.smallest || length > bytes.size() || !IsSumZero(bytes.first(length))) return false;
         *version = {bytes[form.majorAt], bytes[form.majorAt + 1]};
         return true;
     }
@@ -57,14 +59,6 @@ void PutText(size_t offset, std::string_view text) {
     std::copy(text.begin(), text.end(), smbios_header + offset);
 }
 
-/// The value that makes the bytes sum to 0.
-uint8_t Checksum(std::span<const uint8_t> bytes) {
-    unsigned sum = 0;
-    for (const uint8_t byte : bytes)
-        sum += byte;
-    return static_cast<uint8_t>(0U - sum);
-}
-
 /// Tells of the table in the form of a 32-bit entry point, whose table address is 0.
 void MakeHeader(Version version, size_t tableLength) {
     const std::span<uint8_t> header = smbios_header;
@@ -75,31 +69,31 @@ void MakeHeader(Version version, size_t tableLength) {
     smbios_header[entry_point::kMajorVersion] = version.major;
     smbios_header[entry_point::kMinorVersion] = version.minor;
     smbios_header[entry_point::kRevision] = static_cast<uint8_t>((version.major & 0x0F) << 4 | (version.minor & 0x0F));
-    Put16(entry_point::kMaxStructureSize, sb_largest_structure());
+    Put16(entry_point::kMaxStructureSize, sb::LargestStructure());
     Put16(entry_point::kTableLength, tableLength);
     Put16(entry_point::kStructureCount, smbios_tablecnt);
     smbios_header[entry_point::kIntermediateChecksum] =
-        Checksum(header.subspan(entry_point::kIntermediate, entry_point::kIntermediateSize));
-    smbios_header[entry_point::kChecksum] = Checksum(header.first(kHeaderLength));
+        ChecksumOf(header.subspan(entry_point::kIntermediate, entry_point::kIntermediateSize));
+    smbios_header[entry_point::kChecksum] = ChecksumOf(header.first(kHeaderLength));
     smbios_headsize = kHeaderLength;
 }
 
 }  // namespace
 
-int sb_take_kernel_table() {
+int sb::TakeKernelTable() {
     std::string entryPoint;
     std::string table;
     Version version = {};
     int error = FileDataAllRead(kEntryPointFile, kEntryPointLimit, entryPoint);
     if (error == 0 && !ReadVersion(entryPoint, &version)) error = -ENXIO;
     if (error == 0) error = FileDataAllRead(kTableFile, kTableLimit, table);
-    if (error != 0) return sb_error(error == -ENOMEM ? error : -ENXIO);
+    if (error != 0) return sb::Error(error == -ENOMEM ? error : -ENXIO);
 
     const auto most = static_cast<uint32_t>(std::min<size_t>(table.size() / kSmallestStructure + 1, UINT16_MAX));
-    error = sb_index_table(sb_bytes(table), 0, most, true);
+    error = sb::IndexTable(sb::BytesOf(table), 0, most, true);
     if (error != 0) return error;
-    if (smbios_tablecnt == 0) return sb_error(-ENXIO);
+    if (smbios_tablecnt == 0) return sb::Error(-ENXIO);
     MakeHeader(version, table.size());
-    sb_keep_kernel_table(std::move(table));
+    sb::KeepKernelTable(std::move(table));
     return 0;
 }

@@ -13,6 +13,8 @@
 #include <span>
 #include <tuple>
 
+#include "common/ByteReader.h"
+#include "common/Checksum.h"
 #include "cover/DeviceCover.h"
 #include "libplatform/PXR_message.h"
 #include "simulator/SmbiosImage.h"
@@ -79,7 +81,7 @@ protected:
     }
     static uint32_t CountOf(uint16_t type) {
         const Reply reply = Table(SMBIOS_TABLE_BY_INDEX, type, 0, 4);
-        return reply.status == 0 ? sb_u32(reply.buffer, 0) : 0;
+        return reply.status == 0 ? U32At(reply.buffer, 0) : 0;
     }
     static Bytes Structure(uint16_t type, uint16_t index) {
         Reply reply = Table(SMBIOS_TABLE_BY_INDEX, type, index, 4096);
@@ -272,9 +274,9 @@ TEST_F(Smbios, SkipsEntryPointsThatAreNone) {
 
 TEST(SmbiosSearch, ComparesKernelsByNumber) {
     for (const char* const modern : {"2.6", "2.6.18-8.el5", "2.10.1", "10.0", "6.1.0-13-amd64", ""})
-        EXPECT_TRUE(sb_is_kernel26(modern)) << modern;
+        EXPECT_TRUE(sb::IsKernel26(modern)) << modern;
     for (const char* const old : {"2.4.37", "2.5", "1.9", "2"})
-        EXPECT_FALSE(sb_is_kernel26(old)) << old;
+        EXPECT_FALSE(sb::IsKernel26(old)) << old;
 }
 
 /// Runs body in a machine whose /sys is empty, and its own.
@@ -309,12 +311,12 @@ TEST(SmbiosSearch, TakesTheAddressOfTheSystemTable) {
     };
     RunWithOwnSysfs([&] {
         EXPECT_EQ(kSegment, GetSbBaseAddr());
-        EXPECT_EQ(0x10000U, sb_get_search_length());
+        EXPECT_EQ(0x10000U, sb::SearchLength());
         Tracing tracing;
         for (const auto& [table, address, complaint] : cases) {
             WriteSysfs("efi/systab", table);
             const auto lines = tracing.LinesOf([&] { EXPECT_EQ(address, GetSbBaseAddr()) << table; });
-            EXPECT_EQ(32U, sb_get_search_length());
+            EXPECT_EQ(32U, sb::SearchLength());
             if (complaint == nullptr) continue;
             EXPECT_THAT(lines, ElementsAre(HasSubstr(complaint)));
         }
@@ -403,8 +405,8 @@ TEST_F(Smbios, FourThousandStructures) {
             const Bytes structure = Structure(type, i);
             ASSERT_EQ(12U, structure.size());
             EXPECT_EQ(type, structure[0]);
-            EXPECT_LT(last, sb_u16(structure, 2));
-            last = sb_u16(structure, 2);
+            EXPECT_LT(last, U16At(structure, 2));
+            last = U16At(structure, 2);
         }
     }
 }
@@ -476,17 +478,17 @@ TEST_F(Smbios, BothWaysThroughDevMemGiveTheSame) {
         const std::span<const uint8_t> part = std::span(block).subspan(offset, length);
         const Bytes expected(part.begin(), part.end());
         Bytes got(length);
-        EXPECT_EQ(length, sb_read_by_map(fd, got.data(), 0xFFFFD000 + offset, length));
+        EXPECT_EQ(length, sb::ReadByMap(fd, got.data(), 0xFFFFD000 + offset, length));
         EXPECT_EQ(expected, got);
         got.assign(length, 0);
         memory.LimitReads(1000, 1);
-        EXPECT_EQ(length, sb_read_by_seek(fd, got.data(), 0xFFFFD000 + offset, length));
+        EXPECT_EQ(length, sb::ReadBySeek(fd, got.data(), 0xFFFFD000 + offset, length));
         EXPECT_EQ(expected, got);
     }
     Bytes got(0x3001);
-    EXPECT_EQ(0U, sb_read_by_map(fd, got.data(), 0xFFFFD000, 0x3001)) << "beyond 4 GB";
-    EXPECT_EQ(0U, sb_read_by_map(fd, got.data(), 0x40000000, 16)) << "no memory there";
-    EXPECT_EQ(0U, sb_read_by_seek(fd, got.data(), 0x40000000, 16));
+    EXPECT_EQ(0U, sb::ReadByMap(fd, got.data(), 0xFFFFD000, 0x3001)) << "beyond 4 GB";
+    EXPECT_EQ(0U, sb::ReadByMap(fd, got.data(), 0x40000000, 16)) << "no memory there";
+    EXPECT_EQ(0U, sb::ReadBySeek(fd, got.data(), 0x40000000, 16));
     EXPECT_EQ(0U, memory.OpenMaps());
 }
 
@@ -541,14 +543,14 @@ TEST_F(Smbios, TheKernelsTableServesWhenMemoryShowsNothing) {
             WriteSysfs(kEntryFile, Text(entry));
             ASSERT_EQ(0, Init_SmbiosIF());
             EXPECT_EQ(11U, smbios_tablecnt);
-            EXPECT_TRUE(sb_is_sum_zero(std::span(smbios_header).first(31)));
+            EXPECT_TRUE(IsSumZero(std::span(smbios_header).first(31)));
             EXPECT_THAT(std::span(smbios_header).subspan(6, 2), ElementsAre(3, 2));
-            EXPECT_EQ(0xFFFF, sb_u16(smbios_header, 22)) << "more than the field can tell";
-            EXPECT_EQ(0U, sb_u32(smbios_header, 24));
-            EXPECT_EQ(11U, sb_u16(smbios_header, 28));
+            EXPECT_EQ(0xFFFF, U16At(smbios_header, 22)) << "more than the field can tell";
+            EXPECT_EQ(0U, U32At(smbios_header, 24));
+            EXPECT_EQ(11U, U16At(smbios_header, 28));
             EXPECT_THAT(Text(Structure(17, 8)), HasSubstr("DIMM7"));
             Terminate_SmbiosIF();
-            EXPECT_TRUE(sb_kernel_table().empty());
+            EXPECT_TRUE(sb::KernelTable().empty());
         }
     });
 }
