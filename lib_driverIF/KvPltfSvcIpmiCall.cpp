@@ -33,6 +33,7 @@ constexpr const char* kIpmiLog = "/var/opt/velmora/lantrel/log/@ipmi@.log";
 constexpr const char* kIpmiLogCopy = "/var/opt/velmora/lantrel/log/@ipmi@_comperr_%02X.log";
 
 std::atomic<uint32_t> g_szCDCompCode{kCompCodeNone};
+thread_local bool t_singleAttempt = false;
 
 /// A request as the gate sees it: checked, never changed.
 struct Request {
@@ -172,7 +173,7 @@ uint32_t Execute(const Request& request, const Response& response, const Levels&
         if (rc == 0) return 0;
         result = kTransportFailure | (static_cast<uint32_t>(rc) & 0x0FFFFFFF);
         PXR_trace(kMaskIpmi, kLevelCall, "IPMI call fail.  rc=0x%08X", result);
-        if (IsIpmiEnding()) return result;  // a silent controller does not hold up the end
+        if (IsIpmiEnding() || t_singleAttempt) return result;  // a silent controller does not hold up the end
         if (rc == kTransportFirmwareUpdate) {
             if (!WaitForFirmware()) return reason::kTerminating;
             SetFreeRecentCompCode(kCompCodeFirmwareUpdate);
@@ -216,6 +217,14 @@ uint32_t CallIpmiDriver(int handle, uint8_t address, uint8_t* request, uint32_t 
     const Levels levels = LevelsOf(checked.Command());
     TraceRequest(checked, address, levels);
     return Execute(checked, {response, *responseLength, responseLength}, levels);
+}
+
+SingleAttempt::SingleAttempt() {
+    t_singleAttempt = true;
+}
+
+SingleAttempt::~SingleAttempt() {
+    t_singleAttempt = false;
 }
 
 uint32_t ModifyErrorCode(uint32_t result) {

@@ -124,6 +124,16 @@ private:
 uint32_t CallIpmiDriver(int handle, uint8_t address, uint8_t* request, uint32_t requestLength, uint8_t* response,
                         uint32_t* responseLength);
 
+/// For its scope, this thread's commands are sent once, whatever becomes of them: for somebody who has something to do
+/// that must not wait for a controller.
+class SingleAttempt {
+public:
+    SingleAttempt();
+    ~SingleAttempt();
+    SingleAttempt(const SingleAttempt&) = delete;
+    SingleAttempt& operator=(const SingleAttempt&) = delete;
+};
+
 /// Turns a driver failure of CallIpmiDriver into a reason: 0x6000B101, 0x6000B102, or 0 for anything else.
 uint32_t ModifyErrorCode(uint32_t result);
 

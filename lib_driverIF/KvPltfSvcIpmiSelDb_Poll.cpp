@@ -1,17 +1,23 @@
-// A poll: what the logs hold that was not handed out yet. An entry counts as taken from the moment when the device's
-// state reaches the disk; everything slow comes before that moment.
+// A poll: what the logs hold that was not handed out yet. All logs are read before the first entry counts as taken: from
+// that moment, when a device's state reaches the disk, until the caller has the entries, nothing waits for a controller.
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <bitset>
 #include <cstdlib>
-#include <cstring>
+#include <new>
 #include <optional>
+#include <set>
+#include <span>
 #include <utility>
+#include <vector>
 
 #include "common/ByteReader.h"
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
 #include "common/PXR_thread_internal.h"
+#include "cover/Heap.h"
 #include "lib_driverIF/KvPltfSvcIpmiSelDb_Internal.h"
 #include "libplatform/PXR_trace.h"
 
@@ -24,35 +30,7 @@ constexpr int kPasses = 4;
 
 constexpr uint32_t kEntriesOfFullLog = 500;
 constexpr uint32_t kPercentOfFullLog = 80;
-
-/// The entries to hand out; a block of malloc in the end.
-class SelTable {
-public:
-    SelTable() = default;
-    ~SelTable() { free(entries_); }
-    SelTable(const SelTable&) = delete;
-    SelTable& operator=(const SelTable&) = delete;
-
-    /// @return room for n entries behind those that are kept, all zero; null without memory
-    KVPS_SEL_ENTRY* Grow(uint32_t n) {
-        void* const grown = realloc(entries_, (count_ + n) * sizeof *entries_);
-        if (grown == nullptr) return nullptr;
-        entries_ = static_cast<KVPS_SEL_ENTRY*>(grown);
-        memset(entries_ + count_, 0, n * sizeof *entries_);
-        return entries_ + count_;
-    }
-    /// Keeps n of those.
-    void Keep(uint32_t n) { count_ += n; }
-    /// From now on the thread is not cancelled before the table has been handed out: what is in it is not read again.
-    void Hold() { held_.emplace(); }
-    uint32_t Count() const { return count_; }
-    KVPS_SEL_ENTRY* Release() { return count_ > 0 ? std::exchange(entries_, nullptr) : nullptr; }
-
-private:
-    std::optional<CancelBlock> held_;
-    KVPS_SEL_ENTRY* entries_ = nullptr;
-    uint32_t count_ = 0;
-};
+constexpr uint32_t kBriefWait = 50;  // ms
 
 /// The time of an entry as the device's state keeps it, where 0 says that the device was never read.
 uint32_t NonZeroTime(uint32_t time) {
@@ -61,6 +39,31 @@ uint32_t NonZeroTime(uint32_t time) {
 
 uint32_t TimeOf(const KVPS_SEL_ENTRY& entry) {
     return ByteReader(entry.timeStamp).U32();
+}
+
+/// What a poll has learned about one log. Nothing of it counts as taken before it is saved.
+struct LogReading {
+    bool valid = false;                    ///< the log was read, as far as the following tells
+    SelInfo info{};                        ///< as the controller told last
+    DEVICE_INFO next{};                    ///< the device's state behind the last entry that was read
+    KVPS_SEL_ENTRY first = kNoFirstEntry;  ///< of the log
+    std::vector<KVPS_SEL_ENTRY> found;     ///< the new entries
+    uint32_t withheld = 0;                 ///< 1: the last of them is a stop marker, which is not handed out
+
+    std::span<const KVPS_SEL_ENTRY> ToHandOut() const { return std::span(found).first(found.size() - withheld); }
+    /// Adds entries, except those that are there already: a log that was rewritten between two passes shows them again.
+    void Add(std::span<const KVPS_SEL_ENTRY> more);
+};
+
+void LogReading::Add(std::span<const KVPS_SEL_ENTRY> more) {
+    using Bytes = std::array<uint8_t, sizeof(KVPS_SEL_ENTRY)>;
+    const auto bytesOf = [](const KVPS_SEL_ENTRY& entry) { return std::bit_cast<Bytes>(entry); };
+    std::set<Bytes> known;
+    for (const KVPS_SEL_ENTRY& entry : found)
+        known.insert(bytesOf(entry));
+    for (const KVPS_SEL_ENTRY& entry : more) {
+        if (!known.contains(bytesOf(entry))) found.push_back(entry);
+    }
 }
 
 // Deciding
@@ -89,19 +92,19 @@ uint32_t AskWhetherUnchanged(const SelLog& log, const SelInfo& info, bool& uncha
 
 /// Meets a device for the first time: what its log holds is old. A log that grows meanwhile is met by the next poll:
 /// its number of entries and its last one must belong together.
-uint32_t MeetDevice(const SelLog& log, const SelInfo& info, const KVPS_SEL_ENTRY& first) {
+uint32_t MeetDevice(const SelLog& log, LogReading& reading) {
     DEVICE_INFO met = log.Device();
     met.nextSelId = 0;
-    met.lastTimeStamp = NonZeroTime(info.lastAddition);
+    met.lastTimeStamp = NonZeroTime(reading.info.lastAddition);
     // Of a log that was cleared under our eyes all that it holds has come since.
-    met.selCount = log.State().cleared ? uint16_t{0} : info.entries;
+    met.selCount = log.State().cleared ? uint16_t{0} : reading.info.entries;
     if (met.selCount > 0) {
         if (const uint32_t rc = FindLastEntry(log, met.nextSelId)) return rc;
         bool unchanged = false;
-        if (const uint32_t rc = AskWhetherUnchanged(log, info, unchanged); rc != 0 || !unchanged) return rc;
+        if (const uint32_t rc = AskWhetherUnchanged(log, reading.info, unchanged); rc != 0 || !unchanged) return rc;
     }
-    Save(log, met, first, {});
-    log.State().cleared = false;
+    reading.next = met;
+    reading.valid = true;
     return 0;
 }
 
@@ -124,15 +127,11 @@ uint32_t StepPastLastEntry(const SelLog& log, DEVICE_INFO& next, const SelInfo& 
 }
 
 /// Decides what of the log is new. The conditions overlap; the first that holds decides.
-/// @param next   in: the device's state; out: with the number of entries, and the id to start at
-/// @param count  out: entries to read
-uint32_t FindNewEntries(const SelLog& log, DEVICE_INFO& next, const SelInfo& info, const KVPS_SEL_ENTRY& first,
-                        uint32_t& count) {
+/// @param sameFirst  the log begins as it did
+/// @param next       in: the state behind what was taken; out: with the number of entries, and the id to start at
+/// @param count      out: entries to read
+uint32_t FindNewEntries(const SelLog& log, bool sameFirst, const SelInfo& info, DEVICE_INFO& next, uint32_t& count) {
     const uint32_t taken = next.selCount;
-    const FirstEntry compared = CompareFirstEntry(log, first);
-    // Where nothing tells what was taken but the number of entries, that has to do.
-    const bool sameFirst =
-        compared == FirstEntry::kSame || (compared == FirstEntry::kUnreadable && log.State().dbPartial);
     next.selCount = info.entries;
     count = 0;
     if (taken == info.entries && sameFirst) return 0;
@@ -145,19 +144,20 @@ uint32_t FindNewEntries(const SelLog& log, DEVICE_INFO& next, const SelInfo& inf
     return StepPastLastEntry(log, next, info, count);
 }
 
+// Reading
+
 /// What GetSelByDeviceInfo has read.
 struct SelReading {
     uint32_t result = 0;    ///< of the failure that ended the reading
     uint32_t read = 0;      ///< entries of the log, known ones included
-    uint32_t found = 0;     ///< of these, new ones
-    uint32_t withheld = 0;  ///< 1: the last of them is a stop marker
+    uint32_t withheld = 0;  ///< 1: the last new one is a stop marker
     DEVICE_INFO next{};     ///< the device's state behind the last entry read
+    std::vector<KVPS_SEL_ENTRY> found{};
 };
 
 /// Reads up to n entries of a log.
-/// @param from     selCount is what the log holds, nextSelId where to start
-/// @param entries  room for n; receives the new ones
-SelReading GetSelByDeviceInfo(const SelLog& log, const DEVICE_INFO& from, uint32_t n, KVPS_SEL_ENTRY* entries) {
+/// @param from  selCount is what the log holds, nextSelId where to start
+SelReading GetSelByDeviceInfo(const SelLog& log, const DEVICE_INFO& from, uint32_t n) {
     SelReading reading{.next = from};
     WalkGuard guard;
     uint16_t nextId = kLastRecord;
@@ -171,69 +171,68 @@ SelReading GetSelByDeviceInfo(const SelLog& log, const DEVICE_INFO& from, uint32
         reading.next.lastTimeStamp = NonZeroTime(TimeOf(entry));
         if (CheckRedetection(log, kFunction, entry, log.State().readFlags) != 0) continue;
         reading.withheld = MatchStopMarkers(entry) ? 1 : 0;
-        entries[reading.found++] = entry;
+        reading.found.push_back(entry);
     }
     reading.next.selCount = static_cast<uint16_t>(from.selCount - (n - reading.read));
     return reading;
 }
 
-/// Reads the new entries, remembers them, and adds them to those to hand out.
-/// @param next  what FindNewEntries gave
-uint32_t TakeEntries(const SelLog& log, const DEVICE_INFO& next, uint32_t count, const KVPS_SEL_ENTRY& first,
-                     SelTable& table) {
-    KVPS_SEL_ENTRY* const room = table.Grow(count);
-    if (room == nullptr) return PXR_ReportError(MakeResult(kFunction, Reason::OutOfMemory));
-    const SelReading reading = GetSelByDeviceInfo(log, next, count, room);
-    if (reading.read == 0) return reading.result;
-    table.Hold();
-    Save(log, reading.next, first, {room, reading.found});
-    table.Keep(reading.found - reading.withheld);
-    return reading.result;
-}
-
-/// Clears a log that is nearly full, if all of it was taken.
-uint32_t ClearWhenFull(const SelLog& log, const SelInfo& info, const KVPS_SEL_ENTRY& first) {
-    const uint32_t used = info.entries * uint32_t{sizeof(KVPS_SEL_ENTRY)};
-    if (used == 0 || log.Device().selCount != info.entries) return 0;
-    if (CompareFirstEntry(log, first) != FirstEntry::kSame) return 0;
-    if (used * 100 / (used + info.freeSpace) <= kPercentOfFullLog && info.entries < kEntriesOfFullLog) return 0;
-    bool unchanged = false;  // what has been logged since would be erased unseen
-    if (const uint32_t rc = AskWhetherUnchanged(log, info, unchanged); rc != 0 || !unchanged) return rc;
-    return log.Clear(kFunction);
-}
-
-/// Takes the new entries of a log that is known.
-uint32_t TakeNewEntries(const SelLog& log, const SelInfo& info, const KVPS_SEL_ENTRY& first, SelTable& table) {
-    DEVICE_INFO next = log.Device();
+/// Reads the new entries of a log that is known.
+/// @param known      the state behind what was taken
+/// @param sameFirst  the log begins as it did
+uint32_t ReadNewEntries(const SelLog& log, const DEVICE_INFO& known, bool sameFirst, LogReading& reading) {
+    DEVICE_INFO from = known;
     uint32_t count = 0;
-    if (const uint32_t rc = FindNewEntries(log, next, info, first, count)) return rc;
-    if (count > 0) return IsStopMarkerMatched() || ShallEnd() ? 0 : TakeEntries(log, next, count, first, table);
-    Save(log, log.Device(), first, {});  // what could not be before
-    return 0;
+    if (const uint32_t rc = FindNewEntries(log, sameFirst, reading.info, from, count)) return rc;
+    if (count == 0) {
+        reading.next = known;
+        reading.valid = true;
+        return 0;
+    }
+    const SelReading entries = GetSelByDeviceInfo(log, from, count);
+    if (entries.read == 0) return entries.result;
+    reading.Add(entries.found);
+    reading.next = entries.next;
+    reading.withheld = entries.withheld;
+    reading.valid = true;
+    return entries.result;
 }
 
-/// Adds the new entries of a log.
-uint32_t kvPsGetSelDeviceEntries(const SelLog& log, SelTable& table) {
-    SelInfo info = {};
-    if (const uint32_t rc = log.ReserveAndGetInfo(kFunction, info)) return rc;
-    PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_POLL, "SelCount:%d", info.entries);
-    KVPS_SEL_ENTRY first = kNoFirstEntry;
+/// Whether a log begins as it did when it was read last.
+bool BeginsAsBefore(const SelLog& log, const LogReading& before, const KVPS_SEL_ENTRY& first) {
+    if (before.valid) return SameEntry(first, before.first);
+    const FirstEntry compared = CompareFirstEntry(log, first);
+    // Where nothing tells what was taken but the number of entries, that has to do.
+    return compared == FirstEntry::kSame || (compared == FirstEntry::kUnreadable && log.State().dbPartial);
+}
+
+/// Reads what is new in a log.
+/// @param reading  in: what earlier passes of this poll have read; out: with what was read now. After a failure as much
+///                 of that as was read before it
+uint32_t kvPsGetSelDeviceEntries(const SelLog& log, LogReading& reading) {
+    LogReading now = reading;
+    now.valid = false;
+    if (const uint32_t rc = log.ReserveAndGetInfo(kFunction, now.info)) return rc;
+    PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_POLL, "SelCount:%d", now.info.entries);
+    now.first = kNoFirstEntry;
     uint16_t nextId = kLastRecord;
-    if (info.entries > 0) {
-        if (const uint32_t rc = log.ReadEntry(kFunction, 0, nextId, first)) return rc;
+    if (now.info.entries > 0) {
+        if (const uint32_t rc = log.ReadEntry(kFunction, 0, nextId, now.first)) return rc;
     }
+    const DEVICE_INFO known = reading.valid ? reading.next : log.Device();
     uint32_t result = 0;
-    if (log.Device().lastTimeStamp == 0) {
-        result = MeetDevice(log, info, first);
-    } else if (info.entries == 0) {
-        DEVICE_INFO empty = log.Device();
-        empty.selCount = 0;
-        empty.nextSelId = 0;
-        Save(log, empty, first, {});
+    if (known.lastTimeStamp == 0) {
+        result = MeetDevice(log, now);
+    } else if (now.info.entries == 0) {
+        now.next = known;
+        now.next.selCount = 0;
+        now.next.nextSelId = 0;
+        now.valid = true;
     } else {
-        result = TakeNewEntries(log, info, first, table);
+        result = ReadNewEntries(log, known, BeginsAsBefore(log, reading, now.first), now);
     }
-    return result != 0 ? result : ClearWhenFull(log, info, first);
+    if (now.valid) reading = std::move(now);
+    return result;
 }
 
 /// A state that could not be read at start is read now. Without it the device is neither met nor is its file touched.
@@ -246,30 +245,87 @@ uint32_t LoadDeviceInfo(const SelLog& log) {
     return rc;
 }
 
-uint32_t PollDevice(const SelLog& log, SelTable& table) {
+uint32_t ReadLog(const SelLog& log, LogReading& reading) {
     if (const uint32_t rc = LoadDeviceInfo(log)) return rc;
     if (const uint32_t rc = LoadSELDatabase(log)) return rc;
-    return kvPsGetSelDeviceEntries(log, table);
+    return kvPsGetSelDeviceEntries(log, reading);
 }
 
-/// @return 0 when every device was read, or failed for good; the first cancellation otherwise
-uint32_t PollDevices(IpmiBracket& bracket, SelTable& table) {
-    const uint32_t devices = std::min(g_dwSelDevCnt, kMaxDevices);
+/// @return 0 when every log was read, or failed for good; the first cancellation otherwise
+uint32_t ReadLogs(IpmiBracket& bracket, std::span<LogReading> readings) {
     std::bitset<kMaxDevices> pending;
-    for (uint32_t i = 0; i < devices; ++i) {
+    for (uint32_t i = 0; i < readings.size(); ++i) {
         pending.set(i);
         SelLog(i).State().readFlags = KVPS_SEL_CHECK_DATABASE | KVPS_SEL_REPORT_REDETECTION;
     }
     uint32_t cancelled = 0;
     for (int pass = 0; pass < kPasses && pending.any(); ++pass) {
-        for (uint32_t i = 0; i < devices; ++i) {
+        for (uint32_t i = 0; i < readings.size(); ++i) {
             if (!pending[i]) continue;
-            const uint32_t rc = PollDevice(SelLog(i, &bracket), table);
+            if (ShallEnd()) return cancelled;
+            const uint32_t rc = ReadLog(SelLog(i, &bracket), readings[i]);
             pending[i] = IsRefusedWith(rc, kReservationCancelled);
             if (pending[i] && cancelled == 0) cancelled = rc;
         }
     }
     return pending.any() ? cancelled : 0;
+}
+
+uint32_t ReadLogsInBracket(std::span<LogReading> readings) {
+    IpmiBracket bracket;
+    const uint32_t result = bracket ? ReadLogs(bracket, readings) : 0;
+    if (bracket) return result;  // it may have been lost on the way
+    return ReportNotOpened(MakeResult(fn::kGetSelAllEntries, service_reason::kNotOpened));
+}
+
+// Taking
+
+/// Records what was read as taken, and hands it out.
+uint32_t TakeAll(std::span<const LogReading> readings, unsigned long* count, KVPS_SEL_ENTRY** entries) {
+    size_t total = 0;
+    for (const LogReading& reading : readings)
+        total += reading.ToHandOut().size();
+    HeapOwned<KVPS_SEL_ENTRY> table(static_cast<KVPS_SEL_ENTRY*>(malloc(total * sizeof(KVPS_SEL_ENTRY))));
+    if (table == nullptr && total > 0) return PXR_ReportError(MakeResult(kFunction, Reason::OutOfMemory));
+    KVPS_SEL_ENTRY* end = table.get();
+    for (uint32_t i = 0; i < readings.size(); ++i) {
+        if (!readings[i].valid) continue;
+        const SelLog log(i);
+        Save(log, readings[i].next, readings[i].first, readings[i].found);
+        log.State().cleared = false;
+        end = std::ranges::copy(readings[i].ToHandOut(), end).out;
+    }
+    *count = total;
+    *entries = total > 0 ? table.release() : nullptr;
+    return 0;
+}
+
+/// Whether a log is nearly full, and all of it was taken.
+bool IsDone(const SelLog& log, const LogReading& reading) {
+    const uint32_t used = reading.info.entries * uint32_t{sizeof(KVPS_SEL_ENTRY)};
+    if (!reading.valid || used == 0 || log.Device().selCount != reading.info.entries) return false;
+    return used * 100 / (used + reading.info.freeSpace) > kPercentOfFullLog ||
+           reading.info.entries >= kEntriesOfFullLog;
+}
+
+/// Clears the logs that are nearly full.
+/// @param entriesWait  for their way to the caller: who is busy or silent is asked by the next poll
+void ClearFullLogs(std::span<const LogReading> readings, bool entriesWait) {
+    std::vector<uint32_t> full;
+    for (uint32_t i = 0; i < readings.size(); ++i) {
+        if (IsDone(SelLog(i), readings[i])) full.push_back(i);
+    }
+    if (full.empty() || ShallEnd()) return;
+    std::optional<SingleAttempt> once;
+    if (entriesWait) once.emplace();
+    IpmiBracket bracket(entriesWait ? kBriefWait : kInfinite);
+    if (!bracket) return;
+    for (const uint32_t i : full) {
+        const SelLog log(i, &bracket);
+        bool unchanged = false;  // what has been logged since would be erased unseen
+        if (AskWhetherUnchanged(log, readings[i].info, unchanged) == 0 && unchanged) log.Clear(kFunction);
+        if (entriesWait && CheckRecentCompCode() == kCompCodeNoResponse) return;
+    }
 }
 
 }  // namespace
@@ -283,16 +339,20 @@ uint32_t KvPsGetSelAllEntries(unsigned long* count, KVPS_SEL_ENTRY** entries) {
     }
     *count = 0;
     *entries = nullptr;
-    SelTable table;
+    std::optional<CancelBlock> held;  // to the end, from the first entry on that is taken: it does not come again
     const std::lock_guard lock(g_selMutex);
-    IpmiBracket bracket;
-    uint32_t result = bracket ? PollDevices(bracket, table) : 0;
-    if (!bracket) result = ReportNotOpened(MakeResult(fn::kGetSelAllEntries, service_reason::kNotOpened));
-    // Entries that were taken will not come again: they go out, whatever failed besides.
-    if (table.Count() == 0) return result;
-    *count = table.Count();
-    *entries = table.Release();
-    return 0;
+    try {
+        std::vector<LogReading> readings(std::min(g_dwSelDevCnt, kMaxDevices));
+        const uint32_t result = ReadLogsInBracket(readings);
+        held.emplace();
+        const uint32_t failure = TakeAll(readings, count, entries);
+        if (*count == 0) held.reset();
+        ClearFullLogs(readings, *count > 0);
+        // Entries that were taken go out, whatever failed besides.
+        return *count > 0 ? 0 : failure != 0 ? failure : result;
+    } catch (const std::bad_alloc&) {
+        return *count > 0 ? 0 : PXR_ReportError(MakeResult(kFunction, Reason::OutOfMemory));
+    }
 }
 
 void KvPsFreeDataArray(void* array) {
