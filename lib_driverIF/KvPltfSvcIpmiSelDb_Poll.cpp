@@ -169,7 +169,10 @@ SelReading GetSelByDeviceInfo(const SelLog& log, const DEVICE_INFO& from, uint32
         ++reading.read;
         reading.next.nextSelId = entry.recordId;
         reading.next.lastTimeStamp = NonZeroTime(TimeOf(entry));
-        if (CheckRedetection(log, kFunction, entry, log.State().readFlags) != 0) continue;
+        if (log.Knows(entry)) {
+            CheckRedetection(log, kFunction, entry, log.State().readFlags);
+            continue;
+        }
         reading.withheld = MatchStopMarkers(entry) ? 1 : 0;
         reading.found.push_back(entry);
     }
@@ -198,10 +201,12 @@ uint32_t ReadNewEntries(const SelLog& log, const DEVICE_INFO& known, bool sameFi
     return entries.result;
 }
 
-/// Whether a log begins as it did when it was read last.
+/// Whether a log begins as it did when it was read last. Where there is nothing to compare with, all of the log is read,
+/// and that its entries are known is nothing to report.
 bool BeginsAsBefore(const SelLog& log, const LogReading& before, const KVPS_SEL_ENTRY& first) {
     if (before.valid) return SameEntry(first, before.first);
     const FirstEntry compared = CompareFirstEntry(log, first);
+    if (compared == FirstEntry::kMissing || compared == FirstEntry::kUnreadable) log.State().readFlags = 0;
     // Where nothing tells what was taken but the number of entries, that has to do.
     return compared == FirstEntry::kSame || (compared == FirstEntry::kUnreadable && log.State().dbPartial);
 }

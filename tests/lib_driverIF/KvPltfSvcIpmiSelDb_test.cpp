@@ -239,6 +239,12 @@ TEST_ON_MACHINE(SelDb, EntriesThatAreSeenAgainAreWithheld) {
     EXPECT_EQ(50U, NumberOf(entries[0]));
     RemoveNotifiedSEL(&count, entries);
     EXPECT_THAT(syslog.Lines(), SizeIs(2)) << "once for each removal";
+
+    std::filesystem::remove(Path(kFirst));
+    Start();
+    Log(1);
+    EXPECT_THAT(Poll(), ElementsAre(5));
+    EXPECT_THAT(syslog.Lines(), SizeIs(2)) << "nothing is wrong but that a file is missing";
 }
 
 TEST_F(SelDb, TheStopMarkerAndAllBehindItWaitForTheRestart) {
@@ -346,6 +352,20 @@ TEST_ON_MACHINE(SelDb, ACancelledReservationLosesAndRepeatsNothing) {
     EXPECT_THAT(Poll(), IsEmpty());
     EXPECT_EQ(0x6033B2C5U, result);
     EXPECT_EQ(4U, Bmc().Count(kStorage, kGetEntry)) << "four passes";
+}
+
+TEST_ON_MACHINE(SelDb, ALogThatIsRewrittenBetweenTwoPassesRepeatsNothing) {
+    StartWith(2);
+    Log(3);
+    server.OnCommand(kStorage, kGetEntry, [this, n = 0](const auto&, const auto& answer) mutable {
+        if (++n != 5) return answer();  // two of the three have been read then
+        std::vector<sim::SelEntry> entries = Bmc().Sel()->Entries();
+        entries.insert(entries.begin(), EventAt(90, 90));
+        Bmc().Sel()->Rewrite(entries);
+        return sim::Response{sim::cc::kReservationCancelled, {}};
+    });
+    EXPECT_THAT(Poll(), ElementsAre(3, 4, 90, 5));
+    EXPECT_THAT(Poll(), IsEmpty());
 }
 
 TEST_F(SelDb, AFirstReadingSurvivesRefusals) {
