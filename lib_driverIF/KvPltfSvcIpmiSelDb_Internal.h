@@ -4,6 +4,7 @@
 
 #include <bitset>
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <source_location>
@@ -42,6 +43,8 @@ struct SelLogState {
     bool firstWritten = false;            ///< it is on disk
 
     bool cleared = false;  ///< the log was cleared while it was read whole, and has not been met since
+
+    std::map<uint16_t, unsigned> refused;  ///< entries that could not be read, and how often
 
     // Of the poll under way.
     uint16_t reservation = 0;  ///< 0 where the device knows none
@@ -86,6 +89,10 @@ private:
     SelLogState& state_;
     IpmiBracket* bracket_;
 };
+
+/// Whether an entry that could not be read like this will not be readable at the next attempt either: the controller does
+/// not have it, or what it gives is none. One that is busy has it later.
+bool IsBadEntry(uint32_t result);
 
 /// @return whether the entry is a stop marker, or one was read before
 bool MatchStopMarkers(const KVPS_SEL_ENTRY& entry);

@@ -64,9 +64,7 @@ uint32_t GetSel(const SelLog& log) {
         if (ShallEnd()) return PXR_ReportError(MakeResult(kFunction, service_reason::kTerminating));
         KVPS_SEL_ENTRY entry;
         const uint32_t rc = ReadEntry(log, id, nextId, entry, info);
-        // An entry that the controller does not have hides those behind it, today and at every further attempt. One
-        // that is busy has it later.
-        if (IsRefusal(rc) && CheckRecentCompCode() == kCompCodeError) return 0;
+        if (IsBadEntry(rc)) return 0;  // it hides those behind it
         if (rc != 0) return rc;
         if (log.State().cleared) return 0;
         if (id == 0) known = KnownEntries(log, info, entry);

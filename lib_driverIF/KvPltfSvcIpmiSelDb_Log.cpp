@@ -53,8 +53,13 @@ bool SameEntry(const KVPS_SEL_ENTRY& a, const KVPS_SEL_ENTRY& b) {
 void ForgetLogs() {
     for (uint32_t i = 0; i < kMaxDevices; ++i)
         SelLog(i).FreeDatabase();
-    g_selState.fill({});
+    g_selState = {};
     g_eSelDbFileStat = kSelDbGood;
+}
+
+bool IsBadEntry(uint32_t result) {
+    const bool malformed = (result & 0xFFFF) == service_reason::kBadResponse;
+    return malformed || (IsRefusal(result) && CheckRecentCompCode() == kCompCodeError);
 }
 
 // Stop markers, failures

@@ -32,6 +32,10 @@ constexpr uint32_t kEntriesOfFullLog = 500;
 constexpr uint32_t kPercentOfFullLog = 80;
 constexpr uint32_t kBriefWait = 50;  // ms
 
+constexpr unsigned kAttemptsAtBadEntry = 3;  // one in each poll
+constexpr unsigned kNearIds = 64;
+constexpr uint16_t kMostIds = 0xFFFE;  // 1 to 0xFFFE
+
 /// The time of an entry as the device's state keeps it, where 0 says that the device was never read.
 uint32_t NonZeroTime(uint32_t time) {
     return std::max(time, uint32_t{1});
@@ -108,43 +112,88 @@ uint32_t MeetDevice(const SelLog& log, LogReading& reading) {
     return 0;
 }
 
-/// Steps past the entry that was taken last.
-/// @param next   out: nextSelId is where to go on
-/// @param count  out: 0 when there is nothing behind it
-uint32_t StepPastLastEntry(const SelLog& log, DEVICE_INFO& next, const SelInfo& info, uint32_t& count) {
-    const uint16_t last = next.nextSelId;
+// Entries that cannot be read
+
+/// Reads an entry. One that is refused in several polls is given up, or it would hide all that come behind it.
+/// @param givenUp  out: that is the case
+uint32_t TryEntry(const SelLog& log, uint16_t id, uint16_t& nextId, KVPS_SEL_ENTRY& entry, bool& givenUp) {
+    auto& refused = log.State().refused;
+    const uint32_t rc = log.ReadEntry(kFunction, id, nextId, entry);
+    if (rc == 0) refused.erase(id);
+    givenUp = IsBadEntry(rc) && ++refused[id] >= kAttemptsAtBadEntry;
+    return rc;
+}
+
+/// The n-th id behind another one. Ids mostly follow each other.
+uint16_t IdBehind(uint16_t id, unsigned n) {
+    return static_cast<uint16_t>((id + kMostIds - 1 + n) % kMostIds + 1);
+}
+
+/// Finds the entry behind one that was given up: one of the next ids, or else the last entry of the log.
+/// @param next  out: its id; kLastRecord when there is none
+uint32_t FindEntryBehind(const SelLog& log, uint16_t id, uint16_t& next) {
     KVPS_SEL_ENTRY entry;
-    const uint32_t rc = log.ReadEntry(kFunction, last, next.nextSelId, entry);
+    uint16_t behind = kLastRecord;
+    uint32_t rc = log.ReadEntry(kFunction, kLastRecord, behind, entry);
+    if (rc != 0 && !IsBadEntry(rc)) return rc;
+    const uint16_t last = rc == 0 ? entry.recordId : kLastRecord;
+    next = kLastRecord;
+    for (unsigned n = 1; n <= kNearIds && last != id; ++n) {
+        const uint16_t candidate = IdBehind(id, n);
+        rc = log.ReadEntry(kFunction, candidate, behind, entry);
+        if (rc != 0 && !IsBadEntry(rc)) return rc;
+        if (rc == 0 || candidate == last) {
+            next = candidate;
+            return 0;
+        }
+    }
+    if (last != id) next = last;
+    return 0;
+}
+
+// Reading
+
+/// What of a log is to be read.
+struct Range {
+    DEVICE_INFO from;    ///< selCount is what the log holds, nextSelId where to start
+    uint32_t count = 0;  ///< entries
+    bool gap = false;    ///< before the first of them entries were left out: up to the end then, whatever the count
+};
+
+/// Steps past the entry that was taken last. Nothing remains to be read when there is none behind it.
+uint32_t StepPastLastEntry(const SelLog& log, const SelInfo& info, Range& range) {
+    uint16_t& next = range.from.nextSelId;
+    const uint16_t last = next;
+    KVPS_SEL_ENTRY entry;
+    uint32_t rc = TryEntry(log, last, next, entry, range.gap);
     if (IsRefusedWith(rc, kNotPresent)) {
         // Deleted meanwhile: from the beginning, the database tells what was handed out.
-        next.nextSelId = 0;
-        count = info.entries;
+        next = 0;
+        range = {range.from, info.entries};
         return 0;
     }
+    if (range.gap) rc = FindEntryBehind(log, last, next);
     if (rc != 0) return rc;
-    if (next.nextSelId == kLastRecord || next.nextSelId == last) count = 0;
+    if (next == kLastRecord || next == last) range.count = 0;
     return 0;
 }
 
 /// Decides what of the log is new. The conditions overlap; the first that holds decides.
 /// @param sameFirst  the log begins as it did
-/// @param next       in: the state behind what was taken; out: with the number of entries, and the id to start at
-/// @param count      out: entries to read
-uint32_t FindNewEntries(const SelLog& log, bool sameFirst, const SelInfo& info, DEVICE_INFO& next, uint32_t& count) {
-    const uint32_t taken = next.selCount;
-    next.selCount = info.entries;
-    count = 0;
+/// @param range      in: from is the state behind what was taken
+uint32_t FindNewEntries(const SelLog& log, bool sameFirst, const SelInfo& info, Range& range) {
+    const uint32_t taken = range.from.selCount;
+    range.from.selCount = info.entries;
+    range.count = 0;
     if (taken == info.entries && sameFirst) return 0;
-    count = info.entries;
+    range.count = info.entries;
     if (taken > info.entries || !sameFirst || taken == 0) {  // cleared or rewritten, or nothing taken yet
-        next.nextSelId = 0;
+        range.from.nextSelId = 0;
         return 0;
     }
-    count -= taken;
-    return StepPastLastEntry(log, next, info, count);
+    range.count -= taken;
+    return StepPastLastEntry(log, info, range);
 }
-
-// Reading
 
 /// What GetSelByDeviceInfo has read.
 struct SelReading {
@@ -155,18 +204,27 @@ struct SelReading {
     std::vector<KVPS_SEL_ENTRY> found{};
 };
 
-/// Reads up to n entries of a log.
-/// @param from  selCount is what the log holds, nextSelId where to start
-SelReading GetSelByDeviceInfo(const SelLog& log, const DEVICE_INFO& from, uint32_t n) {
-    SelReading reading{.next = from};
+/// Reads entries of a log. One that was given up counts as read; the failure is told with the alerts.
+SelReading GetSelByDeviceInfo(const SelLog& log, const Range& range) {
+    SelReading reading{.next = range.from};
+    bool gap = range.gap;
     WalkGuard guard;
-    uint16_t nextId = kLastRecord;
-    for (uint16_t id = from.nextSelId; reading.read < n && id != kLastRecord && guard.Enter(id); id = nextId) {
+    uint16_t id = range.from.nextSelId;
+    while ((gap || reading.read < range.count) && id != kLastRecord && guard.Enter(id)) {
         if (IsStopMarkerMatched() || ShallEnd()) break;
         KVPS_SEL_ENTRY entry;
-        reading.result = log.ReadEntry(kFunction, id, nextId, entry);
+        bool givenUp = false;
+        uint16_t nextId = kLastRecord;
+        reading.result = TryEntry(log, id, nextId, entry, givenUp);
+        if (givenUp) {
+            NoteDatabaseFailure(reading.result);
+            gap = true;
+            reading.result = FindEntryBehind(log, id, nextId);
+        }
         if (reading.result != 0) break;
         ++reading.read;
+        id = nextId;
+        if (givenUp) continue;
         reading.next.nextSelId = entry.recordId;
         reading.next.lastTimeStamp = NonZeroTime(TimeOf(entry));
         if (log.Knows(entry)) {
@@ -176,7 +234,9 @@ SelReading GetSelByDeviceInfo(const SelLog& log, const DEVICE_INFO& from, uint32
         reading.withheld = MatchStopMarkers(entry) ? 1 : 0;
         reading.found.push_back(entry);
     }
-    reading.next.selCount = static_cast<uint16_t>(from.selCount - (n - reading.read));
+    // How many entries lie in a gap nobody knows: at the end of the log all of it has been read, before it not.
+    if (gap) reading.read = id == kLastRecord ? range.count : std::min(reading.read, range.count - 1);
+    reading.next.selCount = static_cast<uint16_t>(range.from.selCount - (range.count - reading.read));
     return reading;
 }
 
@@ -184,15 +244,14 @@ SelReading GetSelByDeviceInfo(const SelLog& log, const DEVICE_INFO& from, uint32
 /// @param known      the state behind what was taken
 /// @param sameFirst  the log begins as it did
 uint32_t ReadNewEntries(const SelLog& log, const DEVICE_INFO& known, bool sameFirst, LogReading& reading) {
-    DEVICE_INFO from = known;
-    uint32_t count = 0;
-    if (const uint32_t rc = FindNewEntries(log, sameFirst, reading.info, from, count)) return rc;
-    if (count == 0) {
+    Range range{known};
+    if (const uint32_t rc = FindNewEntries(log, sameFirst, reading.info, range)) return rc;
+    if (range.count == 0) {
         reading.next = known;
         reading.valid = true;
         return 0;
     }
-    const SelReading entries = GetSelByDeviceInfo(log, from, count);
+    const SelReading entries = GetSelByDeviceInfo(log, range);
     if (entries.read == 0) return entries.result;
     reading.Add(entries.found);
     reading.next = entries.next;
@@ -220,9 +279,12 @@ uint32_t kvPsGetSelDeviceEntries(const SelLog& log, LogReading& reading) {
     if (const uint32_t rc = log.ReserveAndGetInfo(kFunction, now.info)) return rc;
     PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_POLL, "SelCount:%d", now.info.entries);
     now.first = kNoFirstEntry;
-    uint16_t nextId = kLastRecord;
     if (now.info.entries > 0) {
-        if (const uint32_t rc = log.ReadEntry(kFunction, 0, nextId, now.first)) return rc;
+        uint16_t nextId = kLastRecord;
+        bool givenUp = false;
+        const uint32_t rc = TryEntry(log, 0, nextId, now.first, givenUp);
+        if (rc != 0 && !givenUp) return rc;
+        if (givenUp) now.first = kNoFirstEntry;
     }
     const DEVICE_INFO known = reading.valid ? reading.next : log.Device();
     uint32_t result = 0;

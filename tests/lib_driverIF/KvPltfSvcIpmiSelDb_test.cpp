@@ -9,6 +9,7 @@
 
 #include <ctime>
 #include <fstream>
+#include <set>
 #include <thread>
 #include <tuple>
 
@@ -549,6 +550,93 @@ TEST_ON_MACHINE(SelDb, NoWalkGoesOnForEver) {
     }
     server.OnCommand(kStorage, kGetEntry, {});
     EXPECT_THAT(Poll(), ElementsAre(9, 10)) << "once the controller has come to its senses";
+}
+
+TEST_F(SelDb, AnEntryThatIsNeverGivenHidesNoOther) {
+    const sim::Response refused{sim::cc::kUnspecified, {}};
+    const sim::Response absent{sim::cc::kNotPresent, {}};
+    const sim::Response cut{0, sim::Bytes(17, 0)};
+    // What the controller says to the ids of entries that it does not give, and how many of them it does not count
+    // either. Three entries are old, seven come with the first poll.
+    for (const auto& [answer, bad, uncounted] : {std::tuple{refused, std::set<unsigned>{6}, 0},
+                                                 {refused, {6, 7}, 0},
+                                                 {absent, {6}, 0},
+                                                 {absent, {6, 10}, 1},
+                                                 {cut, {6}, 0},
+                                                 {refused, {4}, 0},
+                                                 {refused, {10}, 0},
+                                                 {refused, {3}, 0},
+                                                 {absent, {3}, 0},
+                                                 {refused, {1}, 0},
+                                                 {refused, {1, 6, 9}, 0}}) {
+        Run([&] {
+            SCOPED_TRACE(testing::PrintToString(bad) + testing::PrintToString(answer.completionCode));
+            StartWith(3);
+            server.OnCommand(kStorage, kGetEntry, [&](const auto& request, const auto& given) {
+                unsigned id = sim::Word(request.data, 2);
+                if (id == 0) id = AsEntry(Bmc().Sel()->Entries().front()).recordId;
+                if (id == 0xFFFF) id = AsEntry(Bmc().Sel()->Entries().back()).recordId;
+                return bad.contains(id) ? answer : given();
+            });
+            server.OnCommand(kStorage, kGetInfo, [&](const auto&, const auto& given) {
+                sim::Response response = given();
+                if (response.data[1] > uncounted) response.data[1] = static_cast<uint8_t>(response.data[1] - uncounted);
+                return response;
+            });
+            Log(7);
+            std::vector<unsigned> expected;
+            for (unsigned number = 4; number <= 11; ++number) {
+                if (!bad.contains(number)) expected.push_back(number);
+            }
+            Numbers all;
+            const auto poll = [&] {
+                for (const unsigned number : Poll())
+                    all.push_back(number);
+            };
+            for (int i = 0; i < 9; ++i)
+                poll();
+            EXPECT_TRUE(std::ranges::max(bad) <= 3 || g_eSelDbFileStat == kSelDbFailed) << "it is told";
+            Log(1);
+            poll();
+            EXPECT_EQ(expected, all);
+            Start();
+            for (int i = 0; i < 9; ++i)
+                poll();
+            EXPECT_EQ(expected, all) << "and nothing comes twice";
+            Log(500);
+            poll();
+            EXPECT_EQ(expected.size() + 500, all.size());
+            EXPECT_THAT(Bmc().Sel()->Entries(), IsEmpty()) << "full, and done with";
+        });
+    }
+    Run([&] {  // at first sight
+        server.OnCommand(kStorage, kGetEntry, [&](const auto& request, const auto& given) {
+            return sim::Word(request.data, 2) == 2 ? cut : given();
+        });
+        StartWith(4);
+        Log(1);
+        EXPECT_THAT(Poll(), ElementsAre(5));
+    });
+    Run([&] {  // far behind it
+        StartWith(3);
+        server.OnCommand(kStorage, kGetEntry, [&](const auto& request, const auto& given) {
+            return sim::Word(request.data, 2) == 4 ? refused : given();
+        });
+        Log(1);
+        Bmc().Sel()->Add(EventAt(200, 5));
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_THAT(Poll(), IsEmpty());
+        EXPECT_THAT(Poll(), ElementsAre(5));
+    });
+    Run([&] {  // one that is refused for a moment is not lost, however often that happens
+        StartWith(1);
+        for (unsigned i = 0; i < 4; ++i) {
+            ClearAndLog(2);
+            Bmc().Refuse(kStorage, kGetEntry, sim::cc::kUnspecified, 1, 2);
+            EXPECT_THAT(Poll(), ElementsAre(2 + 2 * i));
+            EXPECT_THAT(Poll(), ElementsAre(3 + 2 * i));
+        }
+    });
 }
 
 TEST_ON_MACHINE(SelDb, CountsAndIdsThatDoNotFit) {
