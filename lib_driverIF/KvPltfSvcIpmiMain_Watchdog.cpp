@@ -11,7 +11,7 @@ namespace {
 
 using namespace ktx_ipmi;
 
-/// The IPMI lock, taken with priority: a watchdog that is not reset in time takes the machine down.
+/// The IPMI lock, taken with the priority flag set. Nothing looks at the flag: a watchdog waits in the line like all.
 class PriorityBracket {
 public:
     PriorityBracket() : open_(OpenIpmiDriverPriority(&handle_, kInfinite)) {}

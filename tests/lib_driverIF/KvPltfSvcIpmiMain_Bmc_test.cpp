@@ -3,8 +3,10 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstring>
 #include <tuple>
+#include <utility>
 
 #include "lib_driverIF/KvLibIpmi.h"
 #include "lib_driverIF/KvLibIpmi_State.h"
@@ -181,7 +183,8 @@ TEST_F(BmcServices, SvpCommandsGoOutWithTheirCount) {
 }
 
 TEST_F(BmcServices, CapacityOnDemand) {
-    Run([] {
+    Bmc().Sdr()->Add(sim::FullRecord{{.owner = 0x20, .number = 1, .name = "CoD"}}.Encode());
+    Run([this] {
         KVPS_COD_BLADE_INFO info = {9, 9, 9, 9, 9};
         EXPECT_EQ(0U, KvPsGetCoDBladeInfo(&info));
         EXPECT_EQ(0U, info.deviceRevision + info.supported);
@@ -195,6 +198,16 @@ TEST_F(BmcServices, CapacityOnDemand) {
         EXPECT_EQ(0x6000B10AU, KvPsOEMGetCodData(0x20, 4, 1, record));
         EXPECT_EQ(0x6000B106U, KvPsOEMGetCodData(0x20, 0, 255, record));
         EXPECT_EQ(0x6000B106U, KvPsOEMGetCodData(0x20, 0, 1, record)) << "no sensors are loaded";
+        ASSERT_EQ(0U, KvPsInitializeIpmi());
+        const std::pair<Bytes, uint32_t> answers[] = {
+            {{1, 2, 3, 4}, 0}, {{1, 2, 3}, 0x6000B100}, {{1, 2, 3, 4, 5}, 0}, {{}, 0x6000B133}};
+        for (const auto& [answer, result] : answers) {
+            Bmc().Oem()->capacity[1] = answer;
+            if (answer.empty()) Bmc().Refuse(kOem, 0x23, sim::cc::kNotPresent);
+            EXPECT_EQ(result, KvPsOEMGetCodData(0x20, 0, 1, record));
+            EXPECT_EQ(result == 0 ? (std::array<uint8_t, 4>{1, 2, 3, 4}) : (std::array<uint8_t, 4>{}),
+                      std::to_array(record));
+        }
         SetTerminateProcess();
         EXPECT_EQ(0x6000B10DU, KvPsOEMGetCodData(0x21, 0, 1, record));
         EXPECT_THAT(record, Each(0));

@@ -1,9 +1,12 @@
 #include <gmock/gmock.h>
 
 #include <array>
+#include <optional>
+#include <thread>
 #include <tuple>
 
 #include "libplatform/KvPsBmc.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/SimulatedMachine.h"
 
 namespace {
@@ -26,6 +29,16 @@ TEST_F(Watchdog, IsSetAndStarted) {
         }
         EXPECT_EQ(0U, KvPsResetWatchdogTimerIpmi());
         EXPECT_EQ(1U, Bmc().Watchdog()->resets);
+    });
+}
+
+TEST_F(Watchdog, SaysThatItWaits) {
+    Run([] {
+        std::optional<ktx_ipmi::IpmiBracket> bracket(std::in_place);
+        std::thread waiting([] { KvPsSetWatchdogTimerIpmi(1, 10); });
+        EXPECT_TRUE(Eventually(ktx_ipmi::IsIPMIPriorityCtrl));
+        bracket.reset();
+        waiting.join();
         EXPECT_FALSE(ktx_ipmi::IsIPMIPriorityCtrl());
     });
 }
