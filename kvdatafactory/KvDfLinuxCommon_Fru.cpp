@@ -60,25 +60,25 @@ uint32_t TakeImage(Inventory& inventory, const uint8_t* bytes, size_t size) {
     return 0;
 }
 
-uint32_t ReadBoardFru(int handle, Inventory& inventory) {
+uint32_t ReadBoardFru(ktx_ipmi::IpmiBracket& bracket, Inventory& inventory) {
     const std::unique_ptr<uint8_t[]> whole(new (std::nothrow) uint8_t[ktx_ipmi::kLargestFruImage]);
     if (whole == nullptr) return OutOfMemory();
     uint32_t size = 0;
-    if (const uint32_t rc = ktx_ipmi::ReadVelmoraFruData(handle, whole.get(), &size)) {
+    if (const uint32_t rc = ktx_ipmi::ReadVelmoraFruData(bracket, whole.get(), &size)) {
         KvRasLog(1, kSource, __LINE__, "An error occurred in OEM Read Velmora FRU Data Command.");
         return rc;
     }
     return TakeImage(inventory, whole.get(), size);
 }
 
-uint32_t ReadStandardFru(Inventory& inventory) {
+uint32_t ReadStandardFru(ktx_ipmi::IpmiBracket& bracket, Inventory& inventory) {
     constexpr uint8_t kBmcFru = 0;
     uint16_t size = 0;
     if (const uint32_t rc = KvPsGetFruInventoryAreaSize(kBmcFru, &size)) return rc;
     inventory.image.reset(new (std::nothrow) uint8_t[std::max<size_t>(size, 1)]);
     if (inventory.image == nullptr) return OutOfMemory();
     inventory.imageSize = size;
-    return KvPsReadFruInventoryData(kBmcFru, 0, &size, inventory.image.get());
+    return ktx_ipmi::ReadFruImage(bracket, kBmcFru, 0, {inventory.image.get(), inventory.imageSize}, &size);
 }
 
 void ReportToSyslog() {
@@ -87,29 +87,32 @@ void ReportToSyslog() {
     PXR_syslog_message(LOG_ERR, "KvAgent.cat", 6, kFruReadFailed, 1, static_cast<const char*>(name));
 }
 
-/// Runs a step that needs the IPMI driver. @param opened  out: false when there is none
-template <typename Step>
-uint32_t InBracket(bool& opened, Step step) {
-    const ktx_ipmi::IpmiBracket bracket;
-    opened = static_cast<bool>(bracket);
-    return opened ? step(bracket.Handle()) : ktx_ipmi::ReportNotOpened(ktx_ipmi::reason::kNotOpened);
+/// The process is ending: the reading was broken off, and nothing is known about the inventory.
+bool IsBrokenOff(uint32_t result) {
+    return result == MakeResult(fn::kNone, ktx_ipmi::service_reason::kTerminating);
 }
 
-uint32_t ReadInventory(Inventory& inventory, bool& opened) {
-    uint32_t rc = 0;
-    inventory.boardFru = ktx_ipmi::CheckReadVelmoraFruData();
-    if (inventory.boardFru) {
-        rc = InBracket(opened, [&](int handle) { return ReadBoardFru(handle, inventory); });
+/// @param bracket  one for all of it; others are let in on the way
+uint32_t ReadImage(ktx_ipmi::IpmiBracket& bracket, Inventory& inventory) {
+    uint32_t rc = ktx_ipmi::reason::kNotOpened;
+    if (!bracket) {
+        ktx_ipmi::ReportNotOpened(rc);
     } else {
-        rc = ReadStandardFru(inventory);
-        if (rc != 0) ReportToSyslog();
+        rc = inventory.boardFru ? ReadBoardFru(bracket, inventory) : ReadStandardFru(bracket, inventory);
     }
-    if (rc != 0 || CheckSMBIOSCode() <= kSmbiosCodeUnknown) return rc;
+    if (rc != 0 && !inventory.boardFru && !IsBrokenOff(rc)) ReportToSyslog();
+    return rc;
+}
 
+/// @param opened  out: false when there is no driver for boards that cannot do without
+uint32_t ReadInventory(Inventory& inventory, bool& opened) {
+    inventory.boardFru = ktx_ipmi::CheckReadVelmoraFruData();
+    ktx_ipmi::IpmiBracket bracket;
+    opened = bracket || !inventory.boardFru;
+    uint32_t rc = ReadImage(bracket, inventory);
+    if (rc != 0 || CheckSMBIOSCode() <= kSmbiosCodeUnknown) return rc;
     PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_DETAIL, "[KvDf_GetFruInventoryData] PilotX.");
-    rc = InBracket(opened, [&](int handle) {
-        return ktx_ipmi::ReadOEMFRURecords(handle, inventory.records.data(), &inventory.recordsLength);
-    });
+    rc = ktx_ipmi::ReadOEMFRURecords(bracket, inventory.records.data(), &inventory.recordsLength);
     if (rc != 0) {
         KvRasLog(1, kSource, __LINE__, "OEM Read OEM FRU Command Error:Return Code[%d]", static_cast<int>(rc));
     }
@@ -124,7 +127,7 @@ uint32_t EnsureInventory() {
         const std::lock_guard lock(g_fruMutex);
         if (!g_inventory.read) {
             g_inventory.result = ReadInventory(g_inventory, opened);
-            g_inventory.read = true;
+            g_inventory.read = !IsBrokenOff(g_inventory.result);
         }
         result = g_inventory.result;
     }
@@ -177,13 +180,11 @@ uint32_t KvDf_GetFruInventoryData(FruProductAreaNumber target, _KvFruData* out) 
     }
     if (const uint32_t rc = EnsureInventory()) return rc;
     const SystemText version(kVersionField);
-    int pilot2 = 0;
-    if (target >> 16 == KV_FRU_OEM_AREA >> 16) IsPilot2(&pilot2);
     return GetFruData({.image = {g_inventory.image.get(), g_inventory.imageSize},
                        .oemRecords = {g_inventory.records.data(), g_inventory.recordsLength},
                        .product = product.Text(),
                        .version = version.Text(),
-                       .pilot2 = pilot2 != 0,
+                       .pilot2 = CheckBMCType() != 0,
                        .boardFru = g_inventory.boardFru},
                       target, out);
 }

@@ -41,8 +41,8 @@ void CreateFruFormat(std::span<const uint8_t> area, std::span<const uint8_t> len
 /// What there is to cut from.
 struct FruSource {
     std::span<const uint8_t> image{};
-    std::span<const uint8_t>
-        oemRecords{};          ///< of the controller's OEM FRU; they stand in where the image has no records
+    /// Of the controller's OEM FRU; they stand in where the image has no records.
+    std::span<const uint8_t> oemRecords{};
     const char* product = "";  ///< names of the machine in SMBIOS
     const char* version = "";
     bool pilot2 = false;    ///< layout of the first OEM record

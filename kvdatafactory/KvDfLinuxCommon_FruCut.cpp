@@ -1,9 +1,9 @@
 // Where the fields of a FRU image lie.
 
 #include <algorithm>
+#include <array>
 #include <atomic>
-#include <cstring>
-#include <numeric>
+#include <source_location>
 #include <string_view>
 
 #include "common/PXR_function_numbers.h"
@@ -90,9 +90,13 @@ Bytes Area(Bytes image, size_t pointer) {
 }
 
 /// The OEM records: those of the image, or else those that the controller keeps behind its OEM command.
-Bytes Records(const FruSource& source) {
+struct OemRecords {
+    Bytes bytes;
+    bool controllers;  ///< the latter
+};
+OemRecords Records(const FruSource& source) {
     const Bytes area = Area(source.image, kRecordAreaPointer);
-    return area.empty() ? source.oemRecords : area;
+    return area.empty() ? OemRecords{source.oemRecords, true} : OemRecords{area, false};
 }
 
 void Put(Bytes bytes, _KvFruData* out) {
@@ -116,11 +120,12 @@ Bytes ProductField(Bytes area, uint32_t index) {
 }
 
 /// The second record. How far it lies behind the first depends on whether the length in the header of that one counts
-/// the header itself.
+/// the header itself: in an image that is a matter of the board, the controller's own records never do.
 Bytes SecondRecord(const FruSource& source) {
-    const Bytes first = Records(source);
+    const auto [first, controllers] = Records(source);
     if (first.size() < kRecordHeaderSize || (first[1] & kEndOfList) != 0) return {};
-    return From(first, first[2] + (Contains(source.version, kSeparateHeaderVersion) ? kRecordHeaderSize : 0));
+    const bool separateHeader = controllers || Contains(source.version, kSeparateHeaderVersion);
+    return From(first, first[2] + (separateHeader ? kRecordHeaderSize : 0));
 }
 
 /// A field, and how far the next one lies behind it.
@@ -202,7 +207,7 @@ uint32_t GetOemRecordFormatFruData(const FruSource& source, uint32_t asked, uint
         return GetVelmoraFruData(asked, out);
     }
     FruFields fields;
-    CreateFruFormat(Records(source), source.pilot2 ? Bytes(szFruFmt_pilot2) : Bytes(szFruOemFmt),
+    CreateFruFormat(Records(source).bytes, source.pilot2 ? Bytes(szFruFmt_pilot2) : Bytes(szFruOemFmt),
                     Contains(source.product, kQ52), fields);
     if (const _KvFruData* const field = fields.Find(IndexOf(translated))) {
         *out = *field;

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstring>
 #include <numeric>
+#include <source_location>
 #include <span>
 
 #include "common/PXR_function_numbers.h"
@@ -45,13 +46,21 @@ uint8_t SumOf(std::span<const uint8_t> bytes) {
                            [](uint8_t sum, uint8_t byte) { return static_cast<uint8_t>(sum + byte); });
 }
 
+/// Before each piece: others are let in. @return 0; 0x6000B10D the process is told to end; 0x6000B104
+uint32_t MayGoOn(IpmiBracket& bracket, std::source_location where = std::source_location::current()) {
+    if (ShallEnd()) return PXR_ReportError(MakeResult(fn::kNone, service_reason::kTerminating), where);
+    return bracket.LetOthersIn() ? 0 : ReportNotOpened(MakeResult(fn::kNone, service_reason::kNotOpened), where);
+}
+
 /// Reads out.size() bytes of the OEM FRU. @return 0; the failure of a piece; 0x6000B100 the image ends before
-uint32_t ReadOemBytes(int handle, uint32_t offset, std::span<uint8_t> out) {
+uint32_t ReadOemBytes(IpmiBracket& bracket, uint32_t offset, std::span<uint8_t> out) {
     while (!out.empty()) {
         if (offset >= kLargestFruImage) return ReportShort();
+        if (const uint32_t rc = MayGoOn(bracket)) return rc;
         const auto count = static_cast<uint8_t>(std::min<size_t>(out.size(), kPiece));
         OemAnswer answer;
-        if (const uint32_t rc = ReadOEMFRU(handle, g_bBmcAdr, static_cast<uint16_t>(offset), count, &answer)) return rc;
+        if (const uint32_t rc = ReadOEMFRU(bracket.Handle(), g_bBmcAdr, static_cast<uint16_t>(offset), count, &answer))
+            return rc;
         const size_t received = std::min<size_t>(answer.length, count);
         if (received == 0) return ReportShort();
         std::copy_n(answer.bytes.begin(), received, out.begin());
@@ -67,7 +76,6 @@ constexpr size_t kCommonHeaderSize = 8;
 constexpr size_t kRecordAreaPointer = 5;
 constexpr uint32_t kAreaUnit = 8;
 constexpr uint32_t kMostRecords = 256;  // a list that is longer has lost its end
-constexpr size_t kLongestRecord = 255;
 
 struct RecordHeader {
     static constexpr size_t kSize = 5;
@@ -87,10 +95,10 @@ void Dump(std::span<const uint8_t> bytes) {
                   static_cast<int>(bytes.size()));
 }
 
-constexpr const char* kSource = "lib_driverIF/KvPltfSvcIpmiCmd";
+constexpr const char* kSource = "lib_driverIF/KvPltfSvcIpmiMain";
 
-uint32_t ReadCommonHeader(int handle, std::array<uint8_t, kCommonHeaderSize>& header) {
-    if (const uint32_t rc = ReadOemBytes(handle, 0, header)) {
+uint32_t ReadCommonHeader(IpmiBracket& bracket, std::array<uint8_t, kCommonHeaderSize>& header) {
+    if (const uint32_t rc = ReadOemBytes(bracket, 0, header)) {
         KvRasLog(1, kSource, __LINE__, "Can't read OEM Common Header.(Offset=%u)", 0u);
         Dump(header);
         return rc;
@@ -101,8 +109,8 @@ uint32_t ReadCommonHeader(int handle, std::array<uint8_t, kCommonHeaderSize>& he
     return ReportBadData();
 }
 
-uint32_t ReadRecordHeader(int handle, uint32_t offset, RecordHeader& header) {
-    if (const uint32_t rc = ReadOemBytes(handle, offset, header.bytes)) {
+uint32_t ReadRecordHeader(IpmiBracket& bracket, uint32_t offset, RecordHeader& header) {
+    if (const uint32_t rc = ReadOemBytes(bracket, offset, header.bytes)) {
         KvRasLog(1, kSource, __LINE__, "Can't read OEM Murti Record Header.(Offset=%u)", offset);
         Dump(header.bytes);
         return rc;
@@ -114,9 +122,10 @@ uint32_t ReadRecordHeader(int handle, uint32_t offset, RecordHeader& header) {
 }
 
 /// Appends a record with its header to those read so far.
-uint32_t ReadRecord(int handle, uint32_t offset, const RecordHeader& header, uint8_t* buffer, uint32_t* length) {
+uint32_t ReadRecord(IpmiBracket& bracket, uint32_t offset, const RecordHeader& header, uint8_t* buffer,
+                    uint32_t* length) {
     const size_t size = RecordHeader::kSize + header.Length();
-    if (header.Length() > kLongestRecord || size > kOemFruRecordsSize - *length) {
+    if (size > kOemFruRecordsSize - *length) {
         KvRasLog(1, kSource, __LINE__, "Record size(%d) will be overflow. now version is unsupported.",
                  header.Length());
         Dump(header.bytes);
@@ -125,7 +134,7 @@ uint32_t ReadRecord(int handle, uint32_t offset, const RecordHeader& header, uin
     const std::span<uint8_t> record(buffer + *length, size);
     const std::span<uint8_t> data = record.subspan(RecordHeader::kSize);
     std::ranges::copy(header.bytes, record.begin());
-    if (const uint32_t rc = ReadOemBytes(handle, offset + RecordHeader::kSize, data)) {
+    if (const uint32_t rc = ReadOemBytes(bracket, offset + RecordHeader::kSize, data)) {
         KvRasLog(1, kSource, __LINE__, "Can't read OEM Murti Record.(Offset=%u)", offset);
         Dump(header.bytes);
         return rc;
@@ -154,33 +163,34 @@ uint32_t ReadPiece(IpmiBracket& bracket, uint8_t fru, uint32_t offset, std::span
     }
 }
 
-uint32_t ReadImage(IpmiBracket& bracket, uint8_t fru, uint32_t offset, std::span<uint8_t> out, uint16_t* read) {
+}  // namespace
+
+uint32_t ReadFruImage(IpmiBracket& bracket, uint8_t fru, uint32_t offset, std::span<uint8_t> out, uint16_t* read) {
+    *read = 0;
     uint8_t piece = kPiece;
     while (!out.empty()) {
         if (offset >= kLargestFruImage) return ReportShort();
+        if (const uint32_t rc = MayGoOn(bracket)) return rc;
         size_t received = 0;
         if (const uint32_t rc = ReadPiece(bracket, fru, offset, out, piece, received)) return rc;
         out = out.subspan(received);
         offset += static_cast<uint32_t>(received);
         *read = static_cast<uint16_t>(*read + received);
-        if (!out.empty() && !bracket.LetOthersIn()) {
-            return ReportNotOpened(MakeResult(fn::kNone, service_reason::kNotOpened));
-        }
     }
     return 0;
 }
-
-}  // namespace
 
 bool CheckReadVelmoraFruData() {
     return CheckSMBIOSCode() == kSmbiosCode003 && CheckBMCType() > kBmcTypePilot2;
 }
 
-uint32_t ReadVelmoraFruData(int handle, uint8_t* image, uint32_t* length) {
+uint32_t ReadVelmoraFruData(IpmiBracket& bracket, uint8_t* image, uint32_t* length) {
     for (*length = 0; *length < kLargestFruImage;) {
+        if (const uint32_t rc = MayGoOn(bracket)) return rc;
         const auto count = static_cast<uint8_t>(std::min<uint32_t>(kPiece, kLargestFruImage - *length));
         OemAnswer answer;
-        const uint32_t rc = ReadVelmoraFruCmd(handle, g_bBmcAdr, static_cast<uint16_t>(*length), count, &answer);
+        const uint32_t rc =
+            ReadVelmoraFruCmd(bracket.Handle(), g_bBmcAdr, static_cast<uint16_t>(*length), count, &answer);
         // An offset behind the last byte is out of range: the image ended with the piece before.
         if (rc == reason::kOemRefused && *length > 0 && GetRecentCompCode() == kCompletionOutOfRange) return 0;
         if (rc != 0) return rc;
@@ -192,18 +202,18 @@ uint32_t ReadVelmoraFruData(int handle, uint8_t* image, uint32_t* length) {
     return *length != 0 ? 0 : ReportShort();
 }
 
-uint32_t ReadOEMFRURecords(int handle, uint8_t* buffer, uint32_t* length) {
+uint32_t ReadOEMFRURecords(IpmiBracket& bracket, uint8_t* buffer, uint32_t* length) {
     memset(buffer, 0, kOemFruRecordsSize);
     *length = 0;
     std::array<uint8_t, kCommonHeaderSize> common{};
-    if (const uint32_t rc = ReadCommonHeader(handle, common)) return rc;
+    if (const uint32_t rc = ReadCommonHeader(bracket, common)) return rc;
     uint32_t offset = common[kRecordAreaPointer] * kAreaUnit;
     if (offset == 0) return 0;  // no such area
     for (uint32_t count = 0; count < kMostRecords; ++count) {
         RecordHeader header{};
-        if (const uint32_t rc = ReadRecordHeader(handle, offset, header)) return rc;
+        if (const uint32_t rc = ReadRecordHeader(bracket, offset, header)) return rc;
         if (header.Wanted()) {
-            if (const uint32_t rc = ReadRecord(handle, offset, header, buffer, length)) return rc;
+            if (const uint32_t rc = ReadRecord(bracket, offset, header, buffer, length)) return rc;
         }
         if (header.Last()) return 0;
         offset += static_cast<uint32_t>(RecordHeader::kSize) + header.Length();
@@ -243,5 +253,5 @@ uint32_t KvPsReadFruInventoryData(uint8_t fru, uint16_t offset, uint16_t* size, 
     *size = 0;
     IpmiBracket bracket;
     if (!bracket) return ReportNotOpened(MakeResult(fn::kNone, service_reason::kNotOpened));
-    return ReadImage(bracket, fru, offset, out, size);
+    return ReadFruImage(bracket, fru, offset, out, size);
 }

@@ -119,7 +119,7 @@ void UseController() {
 
 void AskEverything() {
     UseController();
-    const IpmiBracket bracket;
+    IpmiBracket bracket;
     const uint8_t count = ReadNext(0);
     std::vector<uint8_t> bytes(count);  // no byte more, as above
     uint16_t nextId = 0;
@@ -142,9 +142,9 @@ void AskEverything() {
     KvPsGetLanConfiguration(bytes.data(), count, 3);
     std::vector<uint8_t> image(kLargestFruImage);
     uint32_t length = 0;
-    if (ReadVelmoraFruData(bracket.Handle(), image.data(), &length) == 0) Require(length <= image.size(), "it fits");
+    if (ReadVelmoraFruData(bracket, image.data(), &length) == 0) Require(length <= image.size(), "it fits");
     image.resize(kOemFruRecordsSize);
-    ReadOEMFRURecords(bracket.Handle(), image.data(), &length);
+    ReadOEMFRURecords(bracket, image.data(), &length);
     Require(length <= image.size(), "they fit");
 }
 

@@ -1,6 +1,7 @@
 #include "kvdatafactory/KvDfLinuxCommon_Fru.h"
 
 #include <gmock/gmock.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <cstring>
@@ -152,6 +153,9 @@ TEST(FruSecondOemArea, LiesBehindTheFirstRecord) {
     EXPECT_EQ((Answer{0, {57}}), Cut(counted, 0x150008));
     EXPECT_EQ((Answer{0, {}}), Cut(counted, 0x150009)) << "cut off";
     EXPECT_EQ((Answer{0, {}}), Cut({.image = image, .product = "Varistel Q52"}, 0x150005));
+    const Bytes none = ImageWith(0, 0, {});
+    EXPECT_EQ((Answer{0, {30, 31, 32}}), Cut({.image = none, .oemRecords = records, .version = "0000E5"}, 0x150005))
+        << "those of the controller";
 
     Bytes only = image;
     only[8 + 1] |= 0x80;
@@ -262,6 +266,19 @@ TEST_F(FruReading, AFailureIsRememberedAndReportedOnce) {
         FailToOpen();
         EXPECT_EQ(0x6000B104U, Read(kSerial).result);
     });
+    Run([this] {
+        sigset_t term;
+        sigemptyset(&term);
+        sigaddset(&term, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &term, nullptr);
+        raise(SIGTERM);
+        EXPECT_EQ(0x6000B10DU, Read(kSerial).result);
+        EXPECT_EQ(1U, Bmc().Count()) << "the size; no piece of the image";
+        int taken = 0;
+        sigwait(&term, &taken);
+        EXPECT_EQ(kAcmeSerial, Read(kSerial)) << "nothing was learned about it then";
+        EXPECT_EQ(2U, server.Opens("/dev/ipmi0")) << "once for each request";
+    });
     Bmc().Fru()->LieAboutSize(0, 0xFFFF);
     Run([] { EXPECT_EQ(0x6000B2C9U, Read(kSerial).result) << "it announced more than it has"; });
 }
@@ -305,10 +322,10 @@ class OemFruReading : public FruReading {
 protected:
     OemFruReading() { SetSmbiosCode("002"); }
     static Answer ReadRecords() {
-        const ktx_ipmi::IpmiBracket bracket;
+        ktx_ipmi::IpmiBracket bracket;
         Bytes buffer(ktx_ipmi::kOemFruRecordsSize, 0xEE);
         uint32_t length = 99;
-        const uint32_t result = ktx_ipmi::ReadOEMFRURecords(bracket.Handle(), buffer.data(), &length);
+        const uint32_t result = ktx_ipmi::ReadOEMFRURecords(bracket, buffer.data(), &length);
         buffer.resize(length);
         return {result, buffer};
     }
@@ -373,7 +390,9 @@ TEST_F(OemFruReading, ABoardOfCode2IsAskedForItsRecordsToo) {
 
 TEST_F(OemFruReading, ABoardOfCode3HasItsImageBehindItsOwnCommand) {
     SetSmbiosCode("003");
-    Bmc().Oem()->fru = OemFru({});
+    Bytes basic(139);
+    basic[43] = 0xAB;  // field 9 of a Pilot BMC's layout, behind the header's 5 bytes
+    Bmc().Oem()->fru = OemFru({{0xC1, 8, basic}});
     for (const size_t padded : {0U, 96U, 100U}) {  // with and without a last piece that is shorter
         sim::FruImage image = AcmeImage();
         image.size = padded;
@@ -381,6 +400,7 @@ TEST_F(OemFruReading, ABoardOfCode3HasItsImageBehindItsOwnCommand) {
         Run([this] {
             EXPECT_EQ(kAcmeSerial, Read(kSerial));
             EXPECT_EQ(0x63F54203U, Read(0x5000E).result);
+            EXPECT_EQ((Answer{0, {0xAB, 0, 0, 0, 0, 0}}), Read(0x50009));
             EXPECT_EQ(0U, Bmc().Count(kStorage, 0x11));
         });
     }
