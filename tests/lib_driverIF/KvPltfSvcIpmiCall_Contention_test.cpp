@@ -145,12 +145,10 @@ TEST(IpmiLockContention, NobodyStarves) {
     }
 }
 
-unsigned g_trouble = 4711;  // another one with each repetition
-
 /// What is done to the contenders, and whether they come on meanwhile.
 class Trouble {
 public:
-    explicit Trouble(Figures& all) : all_(all), children_(StartProcesses(all, 0)) {}
+    Trouble(Figures& all, unsigned seed) : all_(all), children_(StartProcesses(all, 0)), random_(seed) {}
     ~Trouble() {
         for (const pid_t child : children_)
             End(child);
@@ -200,15 +198,17 @@ private:
 
     Figures& all_;
     std::vector<pid_t> children_;
-    std::minstd_rand random_{g_trouble++};
+    std::mt19937 random_;
     int seen_ = 0;
     steady_clock::time_point last_ = steady_clock::now();
 };
 
 TEST(IpmiLockTrouble, KillStopAndForkHoldUpNobody) {
+    static unsigned seed = 4711;
+    ++seed;  // another trouble with each repetition
     Figures& all = MakeFigures({7, 5, 3, 1});
     RunInRoot(MakeTestRoot(), [&] {
-        Trouble trouble(all);
+        Trouble trouble(all, seed);
         for (const auto end = steady_clock::now() + kTroubleTime; steady_clock::now() < end;)
             trouble.Make();
         printf(
