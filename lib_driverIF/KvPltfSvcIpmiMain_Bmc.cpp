@@ -22,8 +22,6 @@
 #include "libplatform/PXR_trace.h"
 #include "libplatform/ipmi_ioctl.h"
 
-std::atomic<uint8_t> g_bBmcAdr{ktx_ipmi::kBmcAddress};
-
 namespace ktx_ipmi {
 
 namespace {
@@ -176,16 +174,6 @@ uint32_t SetRegisterAddress(KvIpmiAddressKind kind, uint32_t address) {
 }
 
 }  // namespace
-
-uint32_t ReportNull(std::source_location where) {
-    return PXR_ReportError(MakeResult(fn::kNone, Reason::NullArgument), where);
-}
-
-uint32_t ReportNotOpened(uint32_t code, std::source_location where) {
-    PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "An attempt to open the IPMI driver failed. %d",
-              static_cast<int>(code));
-    return PXR_ReportError(code, where);
-}
 
 void SetCoDBladeInfo(const DeviceId& id, bool supported) {
     const std::lock_guard lock(g_coDMutex);
