@@ -109,3 +109,8 @@ inline constexpr uint32_t kOemFruRecordsSize = 2049;
 uint32_t ReadOEMFRURecords(IpmiBracket& bracket, uint8_t* buffer, uint32_t* length);
 
 }  // namespace ktx_ipmi
+
+/// Tells whether the sensor table has a record for a sensor.
+/// @param flag  1 or 0
+/// @return 0; 0x60004201 null; 0x6000B103 no records are loaded; 0x6000B106 sensor 255
+uint32_t IsSensorExist(uint8_t owner, uint8_t lun, uint8_t sensor, unsigned long* flag);

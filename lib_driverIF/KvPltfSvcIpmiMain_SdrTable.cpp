@@ -5,6 +5,8 @@
 #include <span>
 #include <utility>
 
+#include "common/PXR_function_numbers.h"
+#include "common/PXR_result.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_Sdr.h"
 
 std::shared_mutex g_sdrMutex;
@@ -129,4 +131,31 @@ uint32_t SdrInstanceCnt() {
     return count;
 }
 
+std::optional<uint16_t> SensorRefusal(uint8_t owner, uint8_t lun, uint8_t sensor) {
+    if (owner & 1) return service_reason::kSoftwareId;
+    if (lun > kLastLun) return service_reason::kBadLun;
+    if (sensor == kNoSensor) return service_reason::kNoSuchSensor;
+    return std::nullopt;
+}
+
 }  // namespace ktx_ipmi
+
+using namespace ktx_ipmi;
+
+uint32_t IsSensorExist(uint8_t owner, uint8_t lun, uint8_t sensor, unsigned long* flag) {
+    if (flag == nullptr) return ReportNull();
+    *flag = 0;
+    switch (FindSdr(owner, lun, sensor, nullptr)) {
+        case SdrLookup::kFound:
+            *flag = 1;
+            return 0;
+        case SdrLookup::kNoTable:
+            return PXR_ReportError(MakeResult(fn::kNone, service_reason::kNoRecords));
+        case SdrLookup::kNoNumber:
+            return PXR_ReportError(MakeResult(fn::kNone, service_reason::kNoSuchSensor));
+        case SdrLookup::kNoDevice:
+        case SdrLookup::kEmpty:
+            break;
+    }
+    return 0;
+}

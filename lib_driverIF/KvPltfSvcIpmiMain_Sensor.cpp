@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -119,13 +118,6 @@ bool CopyAll(MallocArray<SDR>& copies, unsigned long& count) {
 constexpr size_t kFactors = 4;  // their place in the conversion bytes
 
 }  // namespace
-
-std::optional<uint16_t> ktx_ipmi::SensorRefusal(uint8_t owner, uint8_t lun, uint8_t sensor) {
-    if (owner & 1) return service_reason::kSoftwareId;
-    if (lun > kLastLun) return service_reason::kBadLun;
-    if (sensor == kNoSensor) return service_reason::kNoSuchSensor;
-    return std::nullopt;
-}
 
 uint32_t KvPsGetAllSdrData(unsigned long* count, SDR** records) {
     if (count == nullptr || records == nullptr) return ReportNull();

@@ -87,24 +87,6 @@ void RemoveNotifiedSEL(unsigned long* count, KVPS_SEL_ENTRY* entries) {
     if (removed) ReportRedetection(log);
 }
 
-uint32_t IsSensorExist(uint8_t owner, uint8_t lun, uint8_t sensor, unsigned long* flag) {
-    if (flag == nullptr) return PXR_ReportError(MakeResult(fn::kNone, Reason::NullArgument));
-    *flag = 0;
-    switch (FindSdr(owner, lun, sensor, nullptr)) {
-        case SdrLookup::kFound:
-            *flag = 1;
-            return 0;
-        case SdrLookup::kNoTable:
-            return PXR_ReportError(MakeResult(fn::kNone, service_reason::kNoRecords));
-        case SdrLookup::kNoNumber:
-            return PXR_ReportError(MakeResult(fn::kNone, service_reason::kNoSuchSensor));
-        case SdrLookup::kNoDevice:
-        case SdrLookup::kEmpty:
-            break;
-    }
-    return 0;
-}
-
 uint32_t KvPsLockAndReserveSel(uint32_t function, uint8_t address, uint16_t* reservation) {
     return Locked(function, [=](int handle) { return ReserveSel(handle, address, reservation); });
 }

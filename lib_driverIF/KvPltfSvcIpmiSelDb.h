@@ -63,11 +63,6 @@ void RemoveNotifiedSEL(unsigned long* count, KVPS_SEL_ENTRY* entries);
 /// Whether a marker of that kind was read in this process.
 bool CheckSelMaskList(uint32_t kind);
 
-/// Tells whether the sensor table has a record for a sensor.
-/// @param flag  1 or 0
-/// @return 0; 0x60004201 null; 0x6000B103 no records are loaded; 0x6000B106 sensor 255
-uint32_t IsSensorExist(uint8_t owner, uint8_t lun, uint8_t sensor, unsigned long* flag);
-
 /// Writes a message about events to the system log: "WXPLG0907A-E", the common text, and the message's own.
 /// @param messageId  in set 6 of KvAgent.cat
 /// @param priority   LOG_ERR; LOG_CRIT or LOG_WARNING; LOG_INFO; nothing is written for others

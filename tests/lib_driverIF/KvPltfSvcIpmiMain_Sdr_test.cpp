@@ -96,8 +96,16 @@ TEST_F(Repository, FullRecordsArePackedByteForByte) {
         EXPECT_EQ(SdrLookup::kNoDevice, FindSdr(0x20, 0, 7, &packed));
         EXPECT_EQ(SdrLookup::kNoNumber, FindSdr(0x20, 1, 255, &packed));
         EXPECT_EQ(2U, SdrInstanceCnt());
+        unsigned long exists = 9;
+        using Case = std::tuple<uint8_t, uint8_t, uint32_t, unsigned long>;  // LUN and number, result and answer
+        for (const auto& [lun, sensor, result, answer] :
+             {Case{1, 7, 0, 1}, Case{1, 8, 0, 0}, Case{0, 7, 0, 0}, Case{1, 255, 0x6000B106, 0}}) {
+            EXPECT_EQ(result, IsSensorExist(0x20, lun, sensor, &exists));
+            EXPECT_EQ(answer, exists);
+        }
         g_dwBmcTimezone = 3600;
         KvPsTerminateIpmi();
+        EXPECT_EQ(0x6000B103U, IsSensorExist(0x20, 1, 7, &exists));
         EXPECT_EQ(SdrLookup::kNoTable, FindSdr(0x20, 1, 7, &packed));
         EXPECT_EQ(0U, g_dwBmcTimezone);
     });
