@@ -6,7 +6,8 @@
 #include "lib_driverIF/KvLibIpmi.h"
 #include "lib_driverIF/KvLibIpmi_State.h"
 #include "lib_driverIF/KvPltfSvcIpmiCall.h"
-#include "lib_driverIF/KvPltfSvcIpmiMain.h"
+#include "lib_driverIF/KvPltfSvcIpmiCmd.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_Report.h"
 #include "libplatform/KvPsDevice.h"
 
 uint32_t KvPsGetDeviceId(KVPS_DEVICE_ID* out) {

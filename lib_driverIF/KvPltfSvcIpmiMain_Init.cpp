@@ -5,7 +5,11 @@
 
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
+#include "lib_driverIF/KvPltfSvcIpmiCmd.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_Bmc.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_Report.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_Sdr.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrTable.h"
 #include "lib_driverIF/KvPltfSvcIpmiSelDb.h"
 #include "lib_driverIF/KvPltfSvcLibPilot2.h"
 #include "libplatform/KvPsBmc.h"

@@ -2,8 +2,11 @@
 
 #include "lib_driverIF/KvPltfSvcIpmiMain_Report.h"
 
+#include <signal.h>
+
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
+#include "libplatform/PXR_syscall.h"
 #include "libplatform/PXR_trace.h"
 
 std::atomic<uint8_t> g_bBmcAdr{ktx_ipmi::kBmcAddress};
@@ -18,6 +21,12 @@ uint32_t ReportNotOpened(uint32_t code, std::source_location where) {
     PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "An attempt to open the IPMI driver failed. %d",
               static_cast<int>(code));
     return PXR_ReportError(code, where);
+}
+
+bool ShallEnd() {
+    if (IsTerminateProcess() != 0) return true;
+    sigset_t pending;
+    return sigpending(&pending) == 0 && (sigismember(&pending, SIGINT) == 1 || sigismember(&pending, SIGTERM) == 1);
 }
 
 }  // namespace ktx_ipmi

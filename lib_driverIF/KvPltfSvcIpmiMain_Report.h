@@ -1,6 +1,7 @@
 #pragma once
 /// @file
-/// The bottom of the IPMI service layer: where the BMC is, and how its functions report what they all may meet.
+/// The bottom of the IPMI service layer: where the BMC is, what its functions may all meet and how they
+/// report it.
 
 #include <atomic>
 #include <cstdint>
@@ -35,5 +36,9 @@ uint32_t ReportNull(std::source_location where = std::source_location::current()
 
 /// Traces and reports that the IPMI driver could not be opened. @return code
 uint32_t ReportNotOpened(uint32_t code, std::source_location where = std::source_location::current());
+
+/// Whether the process is told to end, or SIGINT or SIGTERM waits to be taken: it must not wait for hundreds of
+/// commands then. The signal is left for the host.
+bool ShallEnd();
 
 }  // namespace ktx_ipmi

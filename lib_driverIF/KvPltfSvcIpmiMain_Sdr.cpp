@@ -4,8 +4,6 @@
 // changes or another one reserves it; the walk then begins anew, and lets nobody in again before its end: two walks
 // that go on by turns would cancel each other for ever.
 
-#include <signal.h>
-
 #include <algorithm>
 #include <array>
 #include <bitset>
@@ -14,9 +12,14 @@
 
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
+#include "lib_driverIF/KvPltfSvcIpmiCmd.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_Report.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_Sdr.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrDump.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrPack.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrRecord.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrTable.h"
 #include "libplatform/KvPsSmbios.h"
-#include "libplatform/PXR_syscall.h"
 #include "libplatform/PXR_trace.h"
 
 namespace ktx_ipmi {
@@ -201,12 +204,6 @@ struct CloseFile {
 };
 
 }  // namespace
-
-bool ShallEnd() {
-    if (IsTerminateProcess() != 0) return true;
-    sigset_t pending;
-    return sigpending(&pending) == 0 && (sigismember(&pending, SIGINT) == 1 || sigismember(&pending, SIGTERM) == 1);
-}
 
 uint32_t GetDeviceInfo(IpmiBracket& bracket) {
     constexpr WalkCodes kCodes{MakeResult(fn::kNone, service_reason::kNotOpened),

@@ -3,7 +3,8 @@
 
 #include <unistd.h>
 
-#include "lib_driverIF/KvPltfSvcIpmiMain_Sdr.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrDump.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrRecord.h"
 
 namespace ktx_ipmi {
 

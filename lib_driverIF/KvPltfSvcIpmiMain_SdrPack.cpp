@@ -6,7 +6,9 @@
 
 #include "common/ByteReader.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_IdString.h"
-#include "lib_driverIF/KvPltfSvcIpmiMain_Sdr.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrPack.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrRecord.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrTable.h"
 
 namespace ktx_ipmi {
 

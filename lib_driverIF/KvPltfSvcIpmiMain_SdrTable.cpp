@@ -1,13 +1,15 @@
 // The tables that the sensor data repository is read into.
 
 #include <algorithm>
+#include <mutex>
 #include <new>
 #include <span>
 #include <utility>
 
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
-#include "lib_driverIF/KvPltfSvcIpmiMain_Sdr.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_Report.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrTable.h"
 
 std::shared_mutex g_sdrMutex;
 DEVICE_INFO g_stSnsDev[kMaxDevices];

@@ -10,7 +10,11 @@
 
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
-#include "lib_driverIF/KvPltfSvcIpmiMain_Sdr.h"
+#include "lib_driverIF/KvPltfSvcIpmiCall.h"
+#include "lib_driverIF/KvPltfSvcIpmiCmd.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_Report.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrRecord.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrTable.h"
 #include "lib_driverIF/KvPltfSvcSmbiosMain_Models.h"
 #include "libplatform/KvPsSmbios.h"
 #include "libplatform/PXR_trace.h"

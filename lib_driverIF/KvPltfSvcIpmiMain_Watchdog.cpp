@@ -3,7 +3,8 @@
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
 #include "lib_driverIF/KvPltfSvcIpmiCall.h"
-#include "lib_driverIF/KvPltfSvcIpmiMain.h"
+#include "lib_driverIF/KvPltfSvcIpmiCmd.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_Report.h"
 #include "libplatform/KvPsBmc.h"
 #include "libplatform/ipmi_ioctl.h"
 

@@ -10,7 +10,7 @@
 #include <cstdint>
 
 #include "common/KvDfAlert.h"
-#include "lib_driverIF/KvPltfSvcIpmiMain.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrTable.h"
 #include "libplatform/KvPsSel.h"
 
 inline constexpr uint32_t kSelDbRecords = 65536;  ///< one for each record id

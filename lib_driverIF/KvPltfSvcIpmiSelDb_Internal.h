@@ -11,6 +11,8 @@
 #include <span>
 
 #include "lib_driverIF/KvPltfSvcIpmiCall.h"
+#include "lib_driverIF/KvPltfSvcIpmiCmd.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_Report.h"
 #include "lib_driverIF/KvPltfSvcIpmiSelDb.h"
 
 /// Guards the database; see KvPltfSvcIpmiSelDb.h.

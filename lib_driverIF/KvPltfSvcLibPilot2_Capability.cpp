@@ -8,7 +8,8 @@
 
 #include "common/PXR_result.h"
 #include "lib_driverIF/KvPltfSvcIpmiCall.h"
-#include "lib_driverIF/KvPltfSvcIpmiMain.h"
+#include "lib_driverIF/KvPltfSvcIpmiCmd.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_Report.h"
 #include "lib_driverIF/KvPltfSvcLibPilot2_Internal.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include <new>
 #include <utility>
 
-#include "lib_driverIF/KvPltfSvcIpmiMain.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_FruReader.h"
 #include "lib_driverIF/KvPltfSvcLibPilot2_Internal.h"
 #include "libplatform/PXR_proc.h"
 

@@ -13,8 +13,13 @@
 #include "lib_driverIF/KvLibIpmi_Interface.h"
 #include "lib_driverIF/KvLibIpmi_Message.h"
 #include "lib_driverIF/KvLibIpmi_Queue.h"
+#include "lib_driverIF/KvPltfSvcIpmiCmd.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_Fru.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_IdString.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_Sdr.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrPack.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrRecord.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrTable.h"
 #include "libplatform/KvPsBmc.h"
 #include "tests/support/RecordingClock.h"
 

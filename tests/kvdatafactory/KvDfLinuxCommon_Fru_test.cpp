@@ -9,7 +9,7 @@
 #include <random>
 #include <tuple>
 
-#include "lib_driverIF/KvPltfSvcIpmiMain.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_Fru.h"
 #include "libplatform/KvPsBmc.h"
 #include "tests/support/SimulatedMachine.h"
 #include "tests/support/SyslogListener.h"

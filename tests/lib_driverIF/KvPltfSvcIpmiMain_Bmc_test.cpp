@@ -10,7 +10,8 @@
 
 #include "lib_driverIF/KvLibIpmi.h"
 #include "lib_driverIF/KvLibIpmi_State.h"
-#include "lib_driverIF/KvPltfSvcIpmiMain.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_Bmc.h"
+#include "libplatform/KvPsSensor.h"
 #include "libplatform/PXR_syscall.h"
 #include "tests/support/SimulatedMachine.h"
 

@@ -2,6 +2,7 @@
 
 #include "lib_driverIF/KvPltfSvcIpmiMain_Sdr.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_IdString.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrTable.h"
 
 #include <gmock/gmock.h>
 #include <signal.h>

@@ -10,8 +10,9 @@
 #include <thread>
 #include <tuple>
 
-#include "lib_driverIF/KvPltfSvcIpmiMain.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_Report.h"
 #include "libplatform/KvPsBmc.h"
+#include "libplatform/KvPsSensor.h"
 #include "tests/support/SimulatedMachine.h"
 
 namespace {

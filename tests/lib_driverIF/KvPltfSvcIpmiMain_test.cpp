@@ -1,6 +1,6 @@
 // What all service functions have in common: a missing argument, and a BMC that cannot be reached.
 
-#include "lib_driverIF/KvPltfSvcIpmiMain.h"
+#include "lib_driverIF/KvPltfSvcIpmiMain_SdrTable.h"
 
 #include <gmock/gmock.h>
 

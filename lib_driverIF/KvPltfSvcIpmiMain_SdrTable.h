@@ -1,18 +1,13 @@
 #pragma once
 /// @file
-/// What the files of the IPMI service layer share: start-up state, and the steps that are built on several commands.
+/// The tables that the sensor data repository is read into: who owns sensors, who keeps an event log, and a record for
+/// each sensor.
 
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <shared_mutex>
-#include <span>
 
-#include "lib_driverIF/KvPltfSvcIpmiCall.h"
-#include "lib_driverIF/KvPltfSvcIpmiCmd.h"
-#include "lib_driverIF/KvPltfSvcIpmiMain_Report.h"
-#include "libplatform/KvDfFru.h"
-#include "libplatform/KvExport.h"
 #include "libplatform/KvPsSensor.h"
 
 /// A controller that owns sensors or keeps an event log. For sensor owners what follows the type is zero. An SEL
@@ -54,13 +49,6 @@ namespace ktx_ipmi {
 inline constexpr uint8_t kLastLun = 3;
 inline constexpr uint8_t kNoSensor = 0xFF;  ///< a number that no sensor has
 
-/// Whether the process is told to end, or SIGINT or SIGTERM waits to be taken: it must not wait for hundreds of
-/// commands then. The signal is left for the host.
-bool ShallEnd();
-
-/// At start-up: what KvPsGetCoDBladeInfo answers from then on.
-void SetCoDBladeInfo(const DeviceId& id, bool supported);
-
 /// Why no controller can have a sensor of this owner, LUN and number: a service_reason. Nothing when one can.
 std::optional<uint16_t> SensorRefusal(uint8_t owner, uint8_t lun, uint8_t sensor);
 
@@ -79,34 +67,35 @@ SdrLookup FindSdr(uint8_t owner, uint8_t lun, uint8_t sensor, SDR* copy);
 /// Whether the table of sensors holds a record for this one.
 bool HasSensorRecord(uint8_t owner, uint8_t lun, uint8_t sensor);
 
-/// Reads a FRU field with the function that the data factory registered.
-/// @return what it gives; 0x60004203 without one
-uint32_t ReadFruField(uint32_t target, _KvFruData* out);
+/// Empties both device tables and frees the sensor table.
+void ClearSensorTables();
+/// Each appends a device unless its table is full or names it already: a sensor device by owner and LUN, an SEL device
+/// by address and record id.
+void AddSensorDevice(const DEVICE_INFO& device);
+void AddSelDevice(const DEVICE_INFO& device);
+/// Whether AddSelDevice would take it.
+bool IsNewSelDevice(const DEVICE_INFO& device);
+/// Makes an empty sensor table for the devices that are known, in place of the one there is. @return false: no memory
+bool MakeSdrTable();
+void FreeSdrTable();
+/// Puts a record into its slot. @return whether there is one for it
+bool StoreSdr(const SDR& sdr);
 
-// FRU images, read under the caller's bracket. Between two pieces others are let in.
-// @return 0; 0x6000B10D the process is told to end; 0x6000B104 the bracket was lost; what a command gave
+/// Index of the sensor device; -1 for none.
+int GetSensorDeviceNo(uint8_t owner, uint8_t lun);
+/// Number of records in the sensor table.
+uint32_t SdrInstanceCnt();
 
-/// Reads out.size() bytes of a standard FRU image, in the largest pieces that the controller takes.
-/// @param read  out: bytes read, also after a failure
-uint32_t ReadFruImage(IpmiBracket& bracket, uint8_t fru, uint32_t offset, std::span<uint8_t> out, uint16_t* read);
-
-/// Whether the board keeps its FRU image behind its own command instead of the standard ones.
-bool CheckReadVelmoraFruData();
-
-/// Longest image that an offset of 16 bits reaches.
-inline constexpr uint32_t kLargestFruImage = 0x10000;
-/// Reads that image piece by piece until the controller says that there is no more.
-/// @param image   kLargestFruImage bytes, the caller's
-/// @param length  out: bytes read
-uint32_t ReadVelmoraFruData(IpmiBracket& bracket, uint8_t* image, uint32_t* length);
-
-inline constexpr uint32_t kOemFruRecordsSize = 2049;
-/// Reads the records of the product from the OEM FRU: each with its header, one after the other. Every header and
-/// record has been checked against its sum.
-/// @param buffer  kOemFruRecordsSize bytes, the caller's; zeroes behind the records
-/// @param length  out: bytes of records
-/// @return also 0x63F51302: the image is damaged
-uint32_t ReadOEMFRURecords(IpmiBracket& bracket, uint8_t* buffer, uint32_t* length);
+/// Visits every record of the sensor table, by device and sensor number. The caller holds g_sdrMutex.
+template <typename Visit>
+void ForEachSdr(Visit visit) {
+    if (g_pSdr == nullptr) return;
+    for (uint32_t device = 0; device < g_dwSdrBlocks; ++device) {
+        for (SDR& slot : g_pSdr[device]) {
+            if (slot.recordType != 0) visit(slot);
+        }
+    }
+}
 
 }  // namespace ktx_ipmi
 
