@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cstring>
 #include <numeric>
 #include <source_location>
@@ -13,7 +12,6 @@
 #include "lib_driverIF/KvPltfSvcIpmiCall.h"
 #include "lib_driverIF/KvPltfSvcIpmiCmd.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_Fru.h"
-#include "lib_driverIF/KvPltfSvcIpmiMain_FruReader.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_Report.h"
 #include "lib_driverIF/KvPltfSvcLibPilot2.h"
 #include "libplatform/KvPsBmc.h"
@@ -27,8 +25,6 @@ namespace {
 constexpr uint8_t kPiece = 32;
 constexpr uint8_t kSafePiece = 16;
 constexpr uint8_t kCompletionOutOfRange = 0xC9;
-
-std::atomic<KvPsFruReader> g_fruReader{nullptr};
 
 uint32_t ReportBadData(std::source_location where = std::source_location::current()) {
     return PXR_ReportError(MakeResult(fn::kGetFruInventoryData, Reason::BadData), where);
@@ -224,19 +220,9 @@ uint32_t ReadOEMFRURecords(IpmiBracket& bracket, uint8_t* buffer, uint32_t* leng
     return ReportBadData();
 }
 
-uint32_t ReadFruField(uint32_t target, _KvFruData* out) {
-    const KvPsFruReader reader = g_fruReader;
-    return reader != nullptr ? reader(target, out) : PXR_ReportError(MakeResult(fn::kNone, Reason::NoData));
-}
-
 }  // namespace ktx_ipmi
 
 using namespace ktx_ipmi;
-
-uint32_t KvPsSetKvDf_GetFruInventoryDataFunc(KvPsFruReader reader) {
-    g_fruReader = reader;
-    return 0;
-}
 
 uint32_t KvPsGetFruInventoryAreaSize(uint8_t fru, uint16_t* size) {
     if (size == nullptr) return PXR_ReportError(MakeResult(fn::kGetFruInventoryData, Reason::NullArgument));
