@@ -73,7 +73,8 @@ KV_EXPORT uint32_t KvPsGetProductName(char* buffer);
 /// Reads a parameter of the first LAN channel, without its revision byte.
 /// @param buffer  receives at most KVPS_LAN_PARAMETER_MAX bytes, and zeroes behind what there is
 /// @param size    of buffer, in bytes
-/// @return 0; 0x63FC4202 null or size 0; 0x63FCB104; 0x63FCB11C no LAN channel, or no answer
+/// @return 0; 0x63FC4202 null or size 0; 0x63FCB104, and the layer has ended as by KvPsTerminateIpmi; 0x63FCB11C no LAN
+///         channel, or no answer
 KV_EXPORT uint32_t KvPsGetLanConfiguration(uint8_t* buffer, uint32_t size, uint8_t parameter);
 
 /// Tells the state of a memory module, on boards of the product's own families.
