@@ -43,17 +43,28 @@ constexpr uint32_t kBadNumber = 2006;
 constexpr uint32_t kUnknownDevice = 2014;
 constexpr uint32_t kEmptySlot = 2018;
 
-uint32_t GetRecord(uint8_t owner, uint8_t lun, uint8_t sensor, SDR& out) {
-    if (lun > kLastLun) return PXR_ReportError(kBadLun);
-    if (sensor == kNoSensor) return PXR_ReportError(kBadNumber);
+uint32_t GetRecord(uint8_t owner, uint8_t lun, uint8_t sensor, SDR& out, std::source_location where) {
+    if (lun > kLastLun) return PXR_ReportError(kBadLun, where);
+    if (sensor == kNoSensor) return PXR_ReportError(kBadNumber, where);
     switch (FindSdr(owner, lun, sensor, &out)) {
         case SdrLookup::kFound:
             return 0;
         case SdrLookup::kEmpty:
-            return PXR_ReportError(kEmptySlot);
+            return PXR_ReportError(kEmptySlot, where);
         default:
-            return PXR_ReportError(kUnknownDevice);
+            return PXR_ReportError(kUnknownDevice, where);
     }
+}
+
+/// Copies a field of a sensor's record.
+template <typename Field>
+uint32_t GetField(uint8_t owner, uint8_t lun, uint8_t sensor, Field SDR::*field, void* out,
+                  std::source_location where = std::source_location::current()) {
+    if (out == nullptr) return ReportNull(where);
+    SDR sdr{};
+    if (const uint32_t rc = GetRecord(owner, lun, sensor, sdr, where)) return rc;
+    memcpy(out, &(sdr.*field), sizeof(Field));
+    return 0;
 }
 
 // Records of an entity and type
@@ -215,25 +226,13 @@ uint32_t KvPsGetSensorConvert(uint8_t owner, uint8_t lun, uint8_t sensor, uint8_
 }
 
 uint32_t KvPsGetSensorIdString(uint8_t owner, uint8_t lun, uint8_t sensor, char* name) {
-    if (name == nullptr) return ReportNull();
-    SDR sdr{};
-    if (const uint32_t rc = GetRecord(owner, lun, sensor, sdr)) return rc;
-    memcpy(name, sdr.name, sizeof sdr.name);
-    return 0;
+    return GetField(owner, lun, sensor, &SDR::name, name);
 }
 
 uint32_t KvPsGetEntityId(uint8_t owner, uint8_t lun, uint8_t sensor, uint8_t* out) {
-    if (out == nullptr) return ReportNull();
-    SDR sdr{};
-    if (const uint32_t rc = GetRecord(owner, lun, sensor, sdr)) return rc;
-    *out = sdr.entityId;
-    return 0;
+    return GetField(owner, lun, sensor, &SDR::entityId, out);
 }
 
 uint32_t KvPsGetEntityInstance(uint8_t owner, uint8_t lun, uint8_t sensor, uint8_t* out) {
-    if (out == nullptr) return ReportNull();
-    SDR sdr{};
-    if (const uint32_t rc = GetRecord(owner, lun, sensor, sdr)) return rc;
-    *out = sdr.entityInstance;
-    return 0;
+    return GetField(owner, lun, sensor, &SDR::entityInstance, out);
 }
