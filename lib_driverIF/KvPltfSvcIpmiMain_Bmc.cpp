@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <source_location>
 #include <span>
 
 #include "common/ByteReader.h"
@@ -34,9 +35,9 @@ constexpr uint8_t kSlaveAddressField = 6;
 std::mutex g_coDMutex;
 KVPS_COD_BLADE_INFO g_coDBladeInfo = {};  // guarded by g_coDMutex
 
-uint32_t ReportTerminating() {
+uint32_t ReportTerminating(std::source_location where = std::source_location::current()) {
     PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_EVENT, "Process termination. Rejected Request.");
-    return PXR_ReportError(MakeResult(fn::kNone, service_reason::kTerminating));
+    return PXR_ReportError(MakeResult(fn::kNone, service_reason::kTerminating), where);
 }
 
 // Names
@@ -65,17 +66,18 @@ void PutName(const OemAnswer& answer, std::span<char> buffer) {
     std::ranges::copy(name, buffer.begin());
 }
 
-uint32_t GetName(const NameCommand& command, char* buffer) {
-    if (buffer == nullptr) return ReportNull();
+uint32_t GetName(const NameCommand& command, char* buffer,
+                 std::source_location where = std::source_location::current()) {
+    if (buffer == nullptr) return ReportNull(where);
     const std::span<char> out(buffer, command.size);
     std::ranges::fill(out, '\0');
-    if (IsTerminateProcess()) return ReportTerminating();
+    if (IsTerminateProcess()) return ReportTerminating(where);
     const IpmiBracket bracket;
     if (!bracket) {
         constexpr uint32_t kCode = MakeResult(fn::kNone, service_reason::kNotOpened);
         PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "IPMI Driver Open Error.: %d",
                   static_cast<int>(kCode));
-        return PXR_ReportError(kCode);
+        return PXR_ReportError(kCode, where);
     }
     OemAnswer answer;
     const uint32_t rc = command.send(bracket.Handle(), g_bBmcAdr, &answer);
@@ -86,7 +88,7 @@ uint32_t GetName(const NameCommand& command, char* buffer) {
     if (rc != 0) {
         PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "OEM GET %s CMD failed.: %d", command.what,
                   static_cast<int>(rc));
-        return PXR_ReportError(MakeResult(fn::kNone, service_reason::kOemFailed));
+        return PXR_ReportError(MakeResult(fn::kNone, service_reason::kOemFailed), where);
     }
     PutName(answer, out);
     return 0;
@@ -121,23 +123,25 @@ void SetDimmState(const uint8_t answer[5], uint8_t mask, uint32_t* state) {
 
 constexpr size_t kCapacityRecordSize = 4;
 
-uint32_t CheckSensor(uint8_t owner, uint8_t lun, uint8_t sensor) {
+uint32_t CheckSensor(uint8_t owner, uint8_t lun, uint8_t sensor,
+                     std::source_location where = std::source_location::current()) {
     if (owner & 1) {
         PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "SoftwareID is NOT Device ID.");
     }
     if (const auto refusal = SensorRefusal(owner, lun, sensor)) {
-        return PXR_ReportError(MakeResult(fn::kNone, *refusal));
+        return PXR_ReportError(MakeResult(fn::kNone, *refusal), where);
     }
     if (!HasSensorRecord(owner, lun, sensor)) {
-        return PXR_ReportError(MakeResult(fn::kNone, service_reason::kNoSuchSensor));
+        return PXR_ReportError(MakeResult(fn::kNone, service_reason::kNoSuchSensor), where);
     }
     return 0;
 }
 
-uint32_t SetRegisterAddress(KvIpmiAddressKind kind, uint32_t address) {
+uint32_t SetRegisterAddress(KvIpmiAddressKind kind, uint32_t address,
+                            std::source_location where = std::source_location::current()) {
     KvIpmiAddressBlock block{kind, address};
     if (ipmi_ioctl(IPMI_SETADDR, reinterpret_cast<unsigned long>(&block)) == 0) return 0;
-    return PXR_ReportError(MakeResult(fn::kNone, service_reason::kIoctlFailed));
+    return PXR_ReportError(MakeResult(fn::kNone, service_reason::kIoctlFailed), where);
 }
 
 }  // namespace

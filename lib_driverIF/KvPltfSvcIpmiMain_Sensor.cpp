@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <source_location>
 #include <string_view>
 #include <utility>
 
@@ -29,10 +30,10 @@ struct Free {
 template <typename Item>
 using MallocArray = std::unique_ptr<Item[], Free>;
 
-uint32_t ReportNoTable() {
+uint32_t ReportNoTable(std::source_location where = std::source_location::current()) {
     PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR,
               "There is no SDR because initialization of the IPMI failed. g_pSdr=NULL");
-    return PXR_ReportError(MakeResult(fn::kNone, service_reason::kNoRecords));
+    return PXR_ReportError(MakeResult(fn::kNone, service_reason::kNoRecords), where);
 }
 
 // Single fields
@@ -212,7 +213,9 @@ uint32_t KvPsGetSensorDataList(const SDR* records, unsigned long count, KVPS_SEN
 }
 
 uint32_t KvPsGetSensorConvert(uint8_t owner, uint8_t lun, uint8_t sensor, uint8_t reading, uint8_t* conversion) {
-    const auto report = [](auto reason) { return PXR_ReportError(MakeResult(fn::kGetSensorConvert, reason)); };
+    const auto report = [](auto reason, std::source_location where = std::source_location::current()) {
+        return PXR_ReportError(MakeResult(fn::kGetSensorConvert, reason), where);
+    };
     if (conversion == nullptr) return report(Reason::NullArgument);
     if (const auto refusal = SensorRefusal(owner, lun, sensor)) return report(*refusal);
     const IpmiBracket bracket;

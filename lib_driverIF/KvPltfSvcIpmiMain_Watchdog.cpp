@@ -1,5 +1,7 @@
 // The watchdog timer of the BMC, and the two flags that the host's threads share about it.
 
+#include <source_location>
+
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
 #include "lib_driverIF/KvPltfSvcIpmiCall.h"
@@ -31,17 +33,17 @@ private:
 
 /// Runs a command under the priority lock. @param notOpened  the result when the BMC cannot be reached
 template <typename Run>
-uint32_t WithPriority(uint32_t notOpened, Run run) {
+uint32_t WithPriority(uint32_t notOpened, Run run, std::source_location where = std::source_location::current()) {
     const PriorityBracket bracket;
-    if (!bracket) return ReportNotOpened(notOpened);
+    if (!bracket) return ReportNotOpened(notOpened, where);
     const DeviceInBracket device;
-    if (!device) return ReportNotOpened(notOpened);
+    if (!device) return ReportNotOpened(notOpened, where);
     return run(bracket.Handle());
 }
 
-uint32_t Flag(uint32_t code, const uint8_t* flag) {
+uint32_t Flag(uint32_t code, const uint8_t* flag, std::source_location where = std::source_location::current()) {
     if (ipmi_ioctl(code, reinterpret_cast<unsigned long>(flag)) == 0) return 0;
-    return PXR_ReportError(MakeResult(fn::kNone, service_reason::kIoctlFailed));
+    return PXR_ReportError(MakeResult(fn::kNone, service_reason::kIoctlFailed), where);
 }
 
 }  // namespace
