@@ -15,10 +15,6 @@
 #include "libplatform/PXR_message.h"
 #include "libplatform/PXR_trace.h"
 
-KVPS_SMBIOS_HEAD g_SmbiosHeader;
-SmbiosTypeData g_SmbiosData[KVPS_SMBIOS_TYPES];
-uint32_t g_dwStructCount;
-
 namespace {
 
 constexpr uint32_t kCallFailed = 0x10000000;

@@ -12,7 +12,7 @@ struct SmbiosTypeData {
     KVPS_SMBIOS_TPHEAD** records;
 };
 
-// Built by KvPsInitializeSmbios and read-only afterwards.
+// Built by KvPsInitializeSmbios and read-only afterwards; KvPltfSvcSmbiosView has the ways to read it.
 extern KVPS_SMBIOS_HEAD g_SmbiosHeader;
 extern SmbiosTypeData g_SmbiosData[KVPS_SMBIOS_TYPES];
 extern uint32_t g_dwStructCount;
