@@ -18,9 +18,9 @@
 #include "lib_driverIF/KvPltfSvcIpmiMain_Fru.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_Report.h"
 #include "lib_driverIF/KvPltfSvcLibPilot2.h"
+#include "lib_driverIF/KvPltfSvcProduct.h"
 #include "libplatform/KvPsBmc.h"
 #include "libplatform/KvPsSensor.h"
-#include "libplatform/KvPsSmbios.h"
 #include "libplatform/PXR_message.h"
 #include "libplatform/PXR_trace.h"
 
@@ -28,9 +28,6 @@ namespace {
 
 constexpr const char* kSource = "kvdatafactory/KvDfLinuxCommon";
 
-constexpr uint8_t kProductNameField = 5;
-constexpr uint8_t kVersionField = 6;
-constexpr std::array<std::string_view, 2> kServedProducts{"Varistel", "Tessark Blade"};
 constexpr uint32_t kOtherProduct = MakeResult(fn::kGetFruInventoryData, 0xA101);
 
 constexpr int kFruReadFailed = 45342;  // message of set 6
@@ -137,27 +134,6 @@ uint32_t EnsureInventory() {
     return result;
 }
 
-/// A field of the System Information structure.
-class SystemText {
-public:
-    explicit SystemText(uint8_t field) {
-        char* text = nullptr;
-        result_ = KvPsGetSystemInformation(field, &text);
-        text_.reset(text);
-    }
-    uint32_t Result() const { return result_; }
-    const char* Text() const { return text_ != nullptr ? text_.get() : ""; }
-
-private:
-    std::unique_ptr<char[]> text_;
-    uint32_t result_;
-};
-
-bool IsServed(std::string_view product) {
-    return std::ranges::any_of(
-        kServedProducts, [product](std::string_view name) { return product.find(name) != std::string_view::npos; });
-}
-
 // The compiler warns of the zero in %08p, which the C library honours; those who search the trace know the text so.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"
@@ -173,19 +149,21 @@ uint32_t KvDf_GetFruInventoryData(FruProductAreaNumber target, _KvFruData* out) 
         TraceMissingRecord(out);
         return PXR_ReportError(MakeResult(fn::kGetFruInventoryData, Reason::NullArgument));
     }
-    const SystemText product(kProductNameField);
-    if (product.Result() != 0) return product.Result();
-    if (!IsServed(product.Text())) {
-        PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_EVENT, "KvDf_GetFruInventoryData() Don't yet support \"%s\".",
-                  product.Text());
+    std::string_view name;
+    if (const uint32_t rc = product::Name(&name)) return rc;
+    if (!product::IsBlade(name)) {
+        PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_EVENT,
+                  "KvDf_GetFruInventoryData() Don't yet support \"%.*s\".", static_cast<int>(name.size()), name.data());
         return PXR_ReportError(kOtherProduct);
     }
     if (const uint32_t rc = EnsureInventory()) return rc;
-    const SystemText version(kVersionField);
+    std::string_view version;
+    if (const uint32_t rc = product::Name(&name)) return rc;  // the copy may be another one by now
+    product::SystemVersion(&version);
     return GetFruData({.image = {g_inventory.image.get(), g_inventory.imageSize},
                        .oemRecords = {g_inventory.records.data(), g_inventory.recordsLength},
-                       .product = product.Text(),
-                       .version = version.Text(),
+                       .product = name,
+                       .version = version,
                        .pilot2 = CheckBMCType() != 0,
                        .boardFru = g_inventory.boardFru},
                       target, out);

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string_view>
 
 #include "libplatform/KvDfFru.h"
 
@@ -43,8 +44,8 @@ struct FruSource {
     std::span<const uint8_t> image{};
     /// Of the controller's OEM FRU; they stand in where the image has no records.
     std::span<const uint8_t> oemRecords{};
-    const char* product = "";  ///< names of the machine in SMBIOS
-    const char* version = "";
+    std::string_view product{};  ///< names of the machine in SMBIOS
+    std::string_view version{};
     bool pilot2 = false;    ///< layout of the first OEM record
     bool boardFru = false;  ///< the image is that of the board's own command
 };

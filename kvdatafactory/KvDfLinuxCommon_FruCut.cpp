@@ -9,6 +9,7 @@
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
 #include "kvdatafactory/KvDfLinuxCommon_Fru.h"
+#include "lib_driverIF/KvPltfSvcProduct.h"
 #include "libplatform/PXR_trace.h"
 
 // clang-format off
@@ -42,17 +43,10 @@ constexpr uint8_t kEndOfList = 0x80;
 // The adapters' addresses, which boards with a FRU command of their own keep there.
 constexpr std::array<uint32_t, 2> kAdapterTargets{0x5000E, 0x5000F};
 
-constexpr std::string_view kQ52 = "Varistel Q52";
-constexpr std::string_view kSeparateHeaderVersion = "0000F5";
-
 std::atomic<FruIndexFunction> g_updateFruIndex{nullptr};
 
 uint32_t IndexOf(uint32_t target) {
     return target & 0xFFFF;
-}
-
-bool Contains(const char* text, std::string_view part) {
-    return std::string_view(text).find(part) != std::string_view::npos;
 }
 
 uint32_t ReportBadData(std::source_location where = std::source_location::current()) {
@@ -124,7 +118,7 @@ Bytes ProductField(Bytes area, uint32_t index) {
 Bytes SecondRecord(const FruSource& source) {
     const auto [first, controllers] = Records(source);
     if (first.size() < kRecordHeaderSize || (first[1] & kEndOfList) != 0) return {};
-    const bool separateHeader = controllers || Contains(source.version, kSeparateHeaderVersion);
+    const bool separateHeader = controllers || product::CountsRecordsWithoutHeader(source.version);
     return From(first, first[2] + (separateHeader ? kRecordHeaderSize : 0));
 }
 
@@ -208,7 +202,7 @@ uint32_t GetOemRecordFormatFruData(const FruSource& source, uint32_t asked, uint
     }
     FruFields fields;
     CreateFruFormat(Records(source).bytes, source.pilot2 ? Bytes(szFruFmt_pilot2) : Bytes(szFruOemFmt),
-                    Contains(source.product, kQ52), fields);
+                    product::IsQ52(source.product), fields);
     if (const _KvFruData* const field = fields.Find(IndexOf(translated))) {
         *out = *field;
     } else {
@@ -221,7 +215,7 @@ uint32_t GetOem2RecordFormatFruData(const FruSource& source, uint32_t asked, uin
     if (source.image.data() == nullptr) return ReportNullImage();
     if (out == nullptr) return ReportNullRecord();
     *out = {};
-    if (Contains(source.product, kQ52)) return 0;  // these boards have no second record
+    if (product::IsQ52(source.product)) return 0;  // these boards have no second record
     if (const uint32_t rc = CheckCommonHeader(source.image)) return rc;
     const Bytes record = SecondRecord(source);
     if (record.empty()) {

@@ -19,7 +19,7 @@
 #include "lib_driverIF/KvPltfSvcIpmiMain_SdrPack.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_SdrRecord.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_SdrTable.h"
-#include "libplatform/KvPsSmbios.h"
+#include "lib_driverIF/KvPltfSvcProduct.h"
 #include "libplatform/PXR_trace.h"
 
 namespace ktx_ipmi {
@@ -119,15 +119,6 @@ bool IsSensor(uint8_t recordType) {
     return recordType >= kFullSensor && recordType <= kEventOnlySensor;
 }
 
-/// A board whose records do not tell what its controllers can do.
-bool ControllersCanEverything() {
-    char* text = nullptr;
-    constexpr uint8_t kProductName = 5;
-    if (KvPsGetSystemInformation(kProductName, &text) != 0) return false;
-    const std::unique_ptr<char[]> owner(text);
-    return strstr(text, "Varistel Q52") != nullptr;
-}
-
 using Beginning = std::array<uint8_t, kDiscoverySize>;
 
 DEVICE_INFO DeviceOf(const Beginning& record, uint8_t lun) {
@@ -209,7 +200,7 @@ uint32_t GetDeviceInfo(IpmiBracket& bracket) {
     constexpr WalkCodes kCodes{MakeResult(fn::kNone, service_reason::kNotOpened),
                                MakeResult(fn::kNone, service_reason::kTerminating)};
     if (!bracket) return ReportNotOpened(kCodes.notOpened);
-    const bool canEverything = ControllersCanEverything();
+    const bool canEverything = product::IsQ52();  // whose records do not tell what its controllers can do
     return Walk(
         bracket, kCodes, [] {}, [=](Step& step) { return DiscoverIn(step, canEverything); });
 }

@@ -16,8 +16,7 @@
 #include "lib_driverIF/KvPltfSvcIpmiMain_Report.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_SdrRecord.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_SdrTable.h"
-#include "lib_driverIF/KvPltfSvcSmbiosMain_Models.h"
-#include "libplatform/KvPsSmbios.h"
+#include "lib_driverIF/KvPltfSvcProduct.h"
 #include "libplatform/PXR_trace.h"
 
 namespace {
@@ -98,16 +97,11 @@ Matches FindMatches(uint8_t entityId, uint8_t sensorType, bool wantArray) {
 
 /// Whether the BMC of this machine lists the second processor's sensors before the first one's.
 bool ProcessorsAreReversed(std::string_view firstName) {
-    using ktx_smbios::ModelGroup;
+    using product::ModelGroup;
     ModelGroup affected = ModelGroup::kNone;
     if (firstName == "CPU 2-1 Temp") affected = ModelGroup::kFirst;
     if (firstName == "Proc 1-1 Temp") affected = ModelGroup::kSecond;
-    if (affected == ModelGroup::kNone) return false;
-    constexpr uint8_t kSystemVersion = 6;
-    char* version = nullptr;
-    if (KvPsGetSystemInformation(kSystemVersion, &version) != 0) return false;
-    const std::unique_ptr<char[]> owner(version);
-    return ktx_smbios::ModelGroupOf(version) == affected;
+    return affected != ModelGroup::kNone && product::Models() == affected;
 }
 
 void FixOrder(const Matches& matches) {

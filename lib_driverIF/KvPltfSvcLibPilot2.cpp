@@ -16,6 +16,8 @@
 #include "common/FileText.h"
 #include "common/TextCursor.h"
 #include "lib_driverIF/KvPltfSvcLibPilot2_Internal.h"
+#include "lib_driverIF/KvPltfSvcProduct.h"
+#include "lib_driverIF/KvPltfSvcSmbiosView.h"
 #include "libplatform/KvPsSmbios.h"
 
 std::recursive_mutex g_capabilityMutex;
@@ -25,10 +27,8 @@ namespace {
 constexpr const char* kSmbiosConfiguration = "/etc/opt/velmora/lantrel/kvgetsmbios.cfg";
 constexpr std::string_view kSmbiosCodeKey = "SMBIOSCode = ";
 constexpr std::array<std::string_view, 2> kSmbiosCodes{"002", "003"};
-constexpr std::array<std::string_view, 2> kBladeNames{"Varistel", "Tessark Blade"};
 
 constexpr uint8_t kSystemInformation = 1;
-constexpr uint8_t kProductNameField = 5;
 constexpr size_t kLargestFile = 1024 * 1024;
 constexpr size_t kLongestLine = 31;
 
@@ -42,11 +42,7 @@ char g_cSmbioscode[4] = {};
 /// The copy of SMBIOS may not have been made when the first question comes. Tried once: a machine without a System
 /// Information structure would be asked again and again, under the feet of those who read the copy.
 void EnsureSmbiosCopy() {
-    unsigned long count = 0;
-    KVPS_SMBIOS_TPHEAD** array = nullptr;
-    const uint32_t rc = KvPsGetTypeData(kSystemInformation, &count, &array);
-    const std::unique_ptr<KVPS_SMBIOS_TPHEAD*[]> owner(array);
-    if ((rc == 0 && count > 0) || g_smbiosTried) return;
+    if (!ktx_smbios::StructuresOf(kSystemInformation).empty() || g_smbiosTried) return;
     g_smbiosTried = true;
     KvPsInitializeSmbios();
 }
@@ -141,17 +137,12 @@ bool IsVaristel(uint32_t* family) {
     const std::lock_guard lock(g_capabilityMutex);
     if (dwIsVaristel == kFamilyUnknown) {
         EnsureSmbiosCopy();
-        char* name = nullptr;
-        const uint32_t rc = KvPsGetSystemInformation(kProductNameField, &name);
-        const std::unique_ptr<char[]> owner(name);
-        if (rc != 0 || name == nullptr) {
+        std::string_view name;
+        if (const uint32_t rc = product::Name(&name)) {
             LOG_CAPABILITY(kLogError, "KvPsGetSystemInformation return 0x%08x.", rc);
             return false;
         }
-        const bool blade = std::ranges::any_of(kBladeNames, [product = std::string_view(name)](std::string_view entry) {
-            return product.find(entry) != std::string_view::npos;
-        });
-        dwIsVaristel = blade ? kFamilyBlade : kFamilyRack;
+        dwIsVaristel = product::IsBlade(name) ? kFamilyBlade : kFamilyRack;
     }
     if (dwIsVaristel == kFamilyBlade) ExecLogFunction(kLogDebug, kLogSource, __LINE__, "[LibPilot2]IsVaristel() ...VS");
     if (family != nullptr) *family = dwIsVaristel;

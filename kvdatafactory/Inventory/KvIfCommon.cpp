@@ -16,7 +16,7 @@
 #include "common/RasLog.h"
 #include "cover/Heap.h"
 #include "kvdatafactory/KvDfCommon.h"
-#include "lib_driverIF/KvPltfSvcSmbiosMain_Models.h"
+#include "lib_driverIF/KvPltfSvcProduct.h"
 #include "libplatform/KvPsBmc.h"
 #include "libplatform/KvPsSmbios.h"
 
@@ -30,7 +30,6 @@ constexpr uint16_t kNoSmbiosField = 0xB11A;
 constexpr uint16_t kNoSensor = 0xB117;
 
 constexpr uint8_t kEventOnlySensor = 3;
-constexpr uint8_t kSystemVersionField = 6;
 constexpr size_t kBaseUnit = 1;  // of the conversion bytes
 
 /// The number that a key stands for; 0: it is unknown.
@@ -60,19 +59,14 @@ uint32_t VisitKinds(const char* key, Visit visit) {
     return 0;
 }
 
-/// The model's name, as the maker versions it. Empty when it cannot be read.
-std::string SystemVersion() {
-    char* text = nullptr;
-    if (KvPsGetSystemInformation(kSystemVersionField, &text) != 0) return {};
-    const std::unique_ptr<char[]> owner(text);
-    PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_DETAIL, "svVersion = %s", text);
-    return text;
-}
-
 /// The controller of these models lists its processor sensors in the order of the sockets.
 bool IsInWantedOrder(const SDR& first) {
-    using ktx_smbios::ModelGroup;
-    const ModelGroup group = ktx_smbios::ModelGroupOf(SystemVersion());
+    using product::ModelGroup;
+    std::string_view version;
+    if (product::SystemVersion(&version) != 0) return false;
+    PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_DETAIL, "svVersion = %.*s", static_cast<int>(version.size()),
+              version.data());
+    const ModelGroup group = product::ModelGroupOf(version);
     const std::string_view name(first.name, strnlen(first.name, sizeof first.name));
     return (group == ModelGroup::kFirst && name == "CPU 1-1 Temp") ||
            (group == ModelGroup::kSecond && name == "Proc 0-1 Temp");
@@ -211,11 +205,11 @@ uint32_t CreateSensorColumn(CKvColumn** out, SDR** list, unsigned long index, un
 uint32_t CreateSensorColumnByArgs(CKvColumn** out, SDR** list, unsigned long count, unsigned long instance,
                                   int unitCount, ...) {
     if (out == nullptr) return NullArgument();
-    std::vector<int> units;
+    std::vector<int> units(static_cast<size_t>(std::max(unitCount, 0)));
     va_list arguments;
     va_start(arguments, unitCount);
-    for (int i = 0; i < unitCount; ++i)
-        units.push_back(va_arg(arguments, int));
+    for (int& unit : units)
+        unit = va_arg(arguments, int);
     va_end(arguments);
 
     std::vector<DeviceSensor> sensors;

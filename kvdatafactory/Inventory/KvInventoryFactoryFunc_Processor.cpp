@@ -16,7 +16,7 @@
 #include "kvdatafactory/KvDfRecordArray.h"
 #include "kvdatafactory/KvDfTexts.h"
 #include "lib_driverIF/KvPltfSvcLibPilot2.h"
-#include "lib_driverIF/KvPltfSvcSmbiosMain_Models.h"
+#include "lib_driverIF/KvPltfSvcProduct.h"
 #include "libplatform/KvDfHardware.h"
 #include "libplatform/KvPsBmc.h"
 
@@ -45,7 +45,6 @@ constexpr uint8_t kCacheType = 7;
 constexpr uint8_t kCacheSocket = 0x04;
 constexpr uint8_t kCacheConfiguration = 0x05;
 constexpr uint8_t kCacheInstalledSize = 0x09;
-constexpr uint8_t kSystemVersion = 6;
 
 constexpr uint32_t kFamilyOther = 1;
 constexpr uint32_t kFamilyUnknownCpu = 2;
@@ -70,10 +69,7 @@ struct CpuSensors {
 
 /// The controller of these models gives each processor several temperatures, told apart by entity instance.
 bool HasSeveralTemperatures() {
-    char* version = nullptr;
-    if (KvPsGetSystemInformation(kSystemVersion, &version) != 0) return false;
-    const std::unique_ptr<char[]> owner(version);
-    return ktx_smbios::ModelGroupOf(version) != ktx_smbios::ModelGroup::kNone;
+    return product::Models() != product::ModelGroup::kNone;
 }
 
 uint32_t AddTemperature(CKvInstance& instance, const CpuSensors& sensors, unsigned long index, bool several) {
