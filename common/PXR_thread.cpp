@@ -1,6 +1,14 @@
+// Workers: start, wake-up, sleep and end of a thread with a queue of actions.
+//
+// An object's lock is a valid one from its first zero byte on and is never made, destroyed or overwritten: whoever
+// sends a late wake-up may hold it or be queued on it while the worker ends, and while the next one begins.
+
 #include "libplatform/PXR_thread.h"
 
+#include <unistd.h>
+
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
 
@@ -9,6 +17,8 @@
 #include "common/PXR_thread_internal.h"
 
 namespace {
+
+using std::chrono::steady_clock;
 
 constexpr int kStopWanted = -1;
 constexpr int kNothingQueued = 0;
@@ -36,6 +46,12 @@ timespec MonotonicNow() {
     return now;
 }
 
+PXR_timeval TimeSince(steady_clock::time_point begin) {
+    constexpr int64_t kSecond = 1'000'000;
+    const int64_t spent = std::chrono::duration_cast<std::chrono::microseconds>(steady_clock::now() - begin).count();
+    return {static_cast<int32_t>(spent / kSecond), static_cast<int32_t>(spent % kSecond)};
+}
+
 /// One whole second, whatever signals arrive. A cancellation point.
 void SleepOneSecond() {
     const timespec end = MonotonicNow() + timespec{1, 0};
@@ -43,41 +59,74 @@ void SleepOneSecond() {
     }
 }
 
-/// Called when the thread has ended.
-void ReleaseResources(PXR_thread& worker) {
+class Locked {
+public:
+    explicit Locked(PXR_thread& worker) : lock_(worker.lock) { pthread_mutex_lock(&lock_); }
+    ~Locked() { pthread_mutex_unlock(&lock_); }
+    Locked(const Locked&) = delete;
+    Locked& operator=(const Locked&) = delete;
+
+private:
+    pthread_mutex_t& lock_;
+};
+
+void Unlock(void* mutex) {
+    pthread_mutex_unlock(static_cast<pthread_mutex_t*>(mutex));
+}
+
+/// Frees what the object owns, and with it the object. Called under the lock, when there is no thread.
+void Release(PXR_thread& worker) {
     pthread_cond_destroy(&worker.wake);
-    pthread_mutex_destroy(&worker.lock);  // a cancelled thread may have ended with the lock; it goes all the same
+    worker.wake = PTHREAD_COND_INITIALIZER;
     std::free(worker.queue);
-    worker = PXR_thread{};  // a zeroed mutex can be locked: a late wake-up finds a free object and nothing else
+    worker.queue = nullptr;
+    worker.thread = 0;
+    worker.state = worker.capacity = worker.head = worker.tail = 0;
+    __atomic_store_n(&worker.marker, 0, __ATOMIC_RELEASE);
 }
 
-bool Prepare(PXR_thread& worker) {
-    worker = PXR_thread{};
-    worker.marker = PXR_THREAD_ALIVE;
-    worker.state = PXR_THREAD_STARTING;
-    worker.capacity = PXR_THREAD_QUEUE_SLOTS;
-    worker.queue = static_cast<uint32_t*>(std::calloc(worker.capacity, sizeof(uint32_t)));
-    pthread_mutex_init(&worker.lock, nullptr);
+bool IsInUse(const PXR_thread& worker) {
+    const uint32_t marker = __atomic_load_n(&worker.marker, __ATOMIC_ACQUIRE);
+    return marker == PXR_THREAD_ALIVE || marker == PXR_THREAD_TEARDOWN;
+}
+
+/// What a new thread is to run; read before the routine starts, so it may be its creator's.
+struct Start {
+    PXR_thread* worker;
+    void* (*routine)(void*);
+};
+
+/// The last that a worker's thread does, however it ends: what it still holds nobody else could give back.
+void GiveLockBack(void* lock) {
+    auto* const mutex = static_cast<pthread_mutex_t*>(lock);
+    if (mutex->__data.__owner == gettid()) pthread_mutex_unlock(mutex);
+}
+
+void* RunRoutine(void* argument) {
+    const Start start = *static_cast<Start*>(argument);
+    void* result = nullptr;
+    pthread_cleanup_push(GiveLockBack, &start.worker->lock);
+    result = start.routine(start.worker);
+    pthread_cleanup_pop(1);
+    return result;
+}
+
+/// Makes a free object a worker and waits for the routine's report. Called under the lock, which is held until the
+/// wait, so that the worker cannot signal before it.
+/// @return false when there is no memory or no thread
+bool Launch(PXR_thread& worker, void* (*routine)(void*)) {
     pthread_cond_init(&worker.wake, nullptr);
-    return worker.queue != nullptr;
-}
-
-/// Starts the thread and waits for its report.
-/// @return false when there is no thread
-bool Launch(PXR_thread& worker, void* (*start)(void*)) {
-    pthread_mutex_lock(&worker.lock);  // held until the wait, so the worker cannot signal before it
-    const bool launched = pthread_create(&worker.thread, nullptr, start, &worker) == 0;
-    while (launched && worker.state == PXR_THREAD_STARTING)
+    worker.queue = static_cast<uint32_t*>(std::calloc(PXR_THREAD_QUEUE_SLOTS, sizeof(uint32_t)));
+    if (worker.queue == nullptr) return false;
+    worker.capacity = PXR_THREAD_QUEUE_SLOTS;
+    worker.head = worker.tail = 0;
+    worker.state = PXR_THREAD_STARTING;
+    __atomic_store_n(&worker.marker, PXR_THREAD_ALIVE, __ATOMIC_RELEASE);
+    Start start{&worker, routine};
+    if (pthread_create(&worker.thread, nullptr, RunRoutine, &start) != 0) return false;
+    while (worker.state == PXR_THREAD_STARTING)
         pthread_cond_wait(&worker.wake, &worker.lock);
-    pthread_mutex_unlock(&worker.lock);
-    return launched;
-}
-
-bool HasReportedFailure(PXR_thread& worker) {
-    pthread_mutex_lock(&worker.lock);
-    const bool failed = worker.state == PXR_THREAD_FAILED;
-    pthread_mutex_unlock(&worker.lock);
-    return failed;
+    return true;
 }
 
 bool AcceptsActions(const PXR_thread& worker) {
@@ -95,10 +144,6 @@ int LeaveSleep(PXR_thread& worker) {
     return worker.head != worker.tail ? kActionQueued : kNothingQueued;
 }
 
-void Unlock(void* mutex) {
-    pthread_mutex_unlock(static_cast<pthread_mutex_t*>(mutex));
-}
-
 /// Gives the lock away for one second. Cancelled, the thread leaves without the lock.
 void SleepStep(PXR_thread& worker) {
     pthread_mutex_unlock(&worker.lock);
@@ -106,9 +151,43 @@ void SleepStep(PXR_thread& worker) {
     pthread_mutex_lock(&worker.lock);
 }
 
-/// Can this thread end that worker? Called with the worker's lock held.
-bool MayEnd(const PXR_thread& worker) {
-    return worker.marker == PXR_THREAD_ALIVE && pthread_equal(worker.thread, pthread_self()) == 0;
+bool IsSelf(const PXR_thread& worker) {
+    return pthread_equal(worker.thread, pthread_self()) != 0;
+}
+
+/// Makes the calling thread the one that ends the worker. Called under the lock; the marker decides also without it.
+/// @return false when there is no worker, or another thread ends it already
+bool ClaimEnd(PXR_thread& worker) {
+    uint32_t marker = PXR_THREAD_ALIVE;
+    return worker.state != PXR_THREAD_STARTING &&
+           __atomic_compare_exchange_n(&worker.marker, &marker, PXR_THREAD_TEARDOWN, false, __ATOMIC_ACQ_REL,
+                                       __ATOMIC_ACQUIRE);
+}
+
+int ReleaseEnded(PXR_thread& worker) {
+    const Locked locked(worker);
+    Release(worker);
+    return 0;
+}
+
+uint32_t Create(PXR_thread& worker, void* (*routine)(void*)) {
+    constexpr uint32_t kInUse = MakeResult(fn::kThreadCreate, Reason::ThreadAlive);
+    constexpr uint32_t kNoThread = MakeResult(fn::kThreadCreate, Reason::OutOfMemory);
+    constexpr uint32_t kRefused = MakeResult(fn::kThreadCreate, Reason::ThreadStart);
+    if (IsInUse(worker)) return kInUse;  // the lock of a worker that was left behind may never come back
+    {
+        const Locked locked(worker);
+        if (IsInUse(worker)) return kInUse;
+        if (!Launch(worker, routine)) {
+            Release(worker);
+            return kNoThread;
+        }
+        if (worker.state != PXR_THREAD_FAILED) return 0;
+        if (!ClaimEnd(worker)) return kRefused;
+    }
+    pthread_join(worker.thread, nullptr);
+    ReleaseEnded(worker);
+    return kRefused;
 }
 
 /// Gets the lock of a worker that may hold it for ever.
@@ -126,33 +205,24 @@ extern "C" uint32_t PXR_thread_create(PXR_thread* worker, void* (*start)(void*))
     if (worker == nullptr || start == nullptr) {
         return PXR_ReportError(MakeResult(fn::kThreadCreate, Reason::NullArgument));
     }
-    if (worker->marker == PXR_THREAD_ALIVE || worker->marker == PXR_THREAD_TEARDOWN) {
-        return PXR_ReportError(MakeResult(fn::kThreadCreate, Reason::ThreadAlive));
-    }
     const CancelBlock block;
-    if (!Prepare(*worker) || !Launch(*worker, start)) {
-        ReleaseResources(*worker);
-        return PXR_ReportError(MakeResult(fn::kThreadCreate, Reason::OutOfMemory));
-    }
-    if (HasReportedFailure(*worker)) {
-        pthread_join(worker->thread, nullptr);
-        ReleaseResources(*worker);
-        return PXR_ReportError(MakeResult(fn::kThreadCreate, Reason::ThreadStart));
-    }
-    return 0;
+    const uint32_t code = Create(*worker, start);
+    return code == 0 ? 0 : PXR_ReportError(code);
 }
 
 extern "C" uint32_t PXR_thread_wakeup(PXR_thread* worker, uint32_t action) {
     if (worker == nullptr) return PXR_ReportError(MakeResult(fn::kThreadWakeup, Reason::NullArgument));
     bool queued = true;
-    pthread_mutex_lock(&worker->lock);
-    if (AcceptsActions(*worker)) {
-        const bool asleep = worker->state == PXR_THREAD_SLEEPING;
-        worker->state = PXR_THREAD_WOKEN;
-        queued = PXR_AppendAction(*worker, action);
-        if (asleep) pthread_cond_signal(&worker->wake);
+    {
+        const Locked locked(*worker);
+        if (AcceptsActions(*worker)) {
+            const bool asleep = worker->state == PXR_THREAD_SLEEPING;
+            // A creator waits for the end of the start, which only the routine reports.
+            if (worker->state != PXR_THREAD_STARTING) worker->state = PXR_THREAD_WOKEN;
+            queued = PXR_AppendAction(*worker, action);
+            if (asleep) pthread_cond_signal(&worker->wake);
+        }
     }
-    pthread_mutex_unlock(&worker->lock);
     return queued ? 0 : PXR_ReportError(MakeResult(fn::kThreadWakeup, Reason::OutOfMemory));
 }
 
@@ -160,7 +230,7 @@ extern "C" int PXR_thread_sleep(PXR_thread* worker) {
     if (worker == nullptr) return kStopWanted;
     if (MayGoToSleep(*worker)) {
         worker->state = PXR_THREAD_SLEEPING;
-        // A cancelled wait takes the lock again before the thread ends; nobody could have it afterwards.
+        // A cancelled wait takes the lock again; the routine's own clean-up is to find it free.
         pthread_cleanup_push(Unlock, &worker->lock);
         pthread_cond_wait(&worker->wake, &worker->lock);
         pthread_cleanup_pop(0);
@@ -185,51 +255,38 @@ extern "C" int PXR_thread_sleep_time(PXR_thread* worker, PXR_timeval* duration) 
     const int32_t seconds = duration->tv_sec;
     *duration = PXR_timeval{};
     if (seconds >= 0 && MayGoToSleep(*worker)) {
-        const timespec begin = MonotonicNow();
+        const auto begin = steady_clock::now();
         worker->state = PXR_THREAD_SLEEPING;
         for (int64_t steps = 0; steps <= seconds && MayGoToSleep(*worker); ++steps)
             SleepStep(*worker);
-        const timespec end = MonotonicNow();
-        duration->tv_sec = static_cast<int32_t>(end.tv_sec - begin.tv_sec);
-        duration->tv_usec = static_cast<int32_t>((end.tv_nsec - begin.tv_nsec) / 1000);
-        if (duration->tv_usec < 0) {
-            --duration->tv_sec;
-            duration->tv_usec += 1'000'000;
-        }
+        *duration = TimeSince(begin);
     }
     return LeaveSleep(*worker);
 }
 
 extern "C" int PXR_thread_destroy(PXR_thread* worker) {
-    if (worker == nullptr) return -1;
+    if (worker == nullptr || IsSelf(*worker)) return -1;
     const CancelBlock block;
-    pthread_mutex_lock(&worker->lock);
-    const bool mayEnd = MayEnd(*worker);
-    if (mayEnd) {
+    {
+        const Locked locked(*worker);
+        if (!ClaimEnd(*worker)) return -1;
         const bool asleep = worker->state == PXR_THREAD_SLEEPING;
-        worker->marker = PXR_THREAD_TEARDOWN;
         worker->state = PXR_THREAD_STOPPING;
         if (asleep) pthread_cond_signal(&worker->wake);
     }
-    pthread_mutex_unlock(&worker->lock);
-    if (!mayEnd) return -1;
     pthread_join(worker->thread, nullptr);
-    ReleaseResources(*worker);
-    return 0;
+    return ReleaseEnded(*worker);
 }
 
 extern "C" int PXR_thread_stop(PXR_thread* worker) {
-    if (worker == nullptr) return -1;
+    if (worker == nullptr || IsSelf(*worker)) return -1;
     const CancelBlock block;
-    // A worker that is stuck may hold its lock for ever. Nothing but the marker is touched without it.
+    // A worker that is stuck may hold its lock until it ends.
     const bool locked = LockPatiently(*worker);
-    const bool mayEnd = MayEnd(*worker);
-    if (mayEnd) {
-        __atomic_store_n(&worker->marker, PXR_THREAD_TEARDOWN, __ATOMIC_RELEASE);
-        pthread_cancel(worker->thread);
-    }
+    const bool claimed = ClaimEnd(*worker);
+    if (claimed) pthread_cancel(worker->thread);
     if (locked) pthread_mutex_unlock(&worker->lock);
-    if (!mayEnd) return -1;
+    if (!claimed) return -1;
 
     const timespec deadline = MonotonicNow() + kStopPatience;
     if (pthread_clockjoin_np(worker->thread, nullptr, CLOCK_MONOTONIC, &deadline) != 0) {
@@ -237,6 +294,5 @@ extern "C" int PXR_thread_stop(PXR_thread* worker) {
         PXR_ReportError(MakeResult(fn::kThreadStop, Reason::ThreadStuck));
         return -1;
     }
-    ReleaseResources(*worker);
-    return 0;
+    return ReleaseEnded(*worker);
 }

@@ -49,7 +49,8 @@ enum PXR_thread_state {
     PXR_THREAD_FAILED = 1005  ///< set by a routine that cannot run
 };
 
-/// A worker. Everything but `marker` at creation is guarded by `lock`.
+/// A worker. Everything but `marker` at creation is guarded by `lock`, which serves the object as long as it exists,
+/// through all workers that it becomes: zero bytes are a lock that is free.
 typedef struct PXR_thread {
     uint32_t marker;
     pthread_t thread;
@@ -78,7 +79,8 @@ KV_STATIC_ASSERT(offsetof(PXR_thread, tail) == 96 && sizeof(PXR_thread) == 100);
 KV_STATIC_ASSERT(sizeof(PXR_timeval) == 8);
 
 /// Starts a worker and waits until its routine has reported that it runs.
-/// @param worker  a free object (marker 0); stays the caller's, and must stay where it is while the worker lives
+/// @param worker  a free object: zeroed before its first use, or given free by the functions below. Stays the caller's,
+///                and must stay where it is while the worker lives and while anybody may still send it a wake-up
 /// @param start   the routine; its argument is `worker`. It takes the lock, sets the state to PXR_THREAD_RUNNING or
 ///                PXR_THREAD_FAILED and signals `wake`
 /// @return 0; 0x620A1501 the object is in use (it is left as it is); 0x620A1502 the routine reported that it cannot
@@ -87,7 +89,7 @@ KV_STATIC_ASSERT(sizeof(PXR_timeval) == 8);
 KV_EXPORT uint32_t PXR_thread_create(PXR_thread* worker, void* (*start)(void*));
 
 /// Queues an action for a worker, and wakes it when it sleeps. Does nothing when the worker is being stopped or the
-/// object is free.
+/// object is free; any thread may call it at any time of the object's life.
 /// @return 0; 0x620B1202 no memory for a longer queue, the action is lost; 0x620B4201 null argument
 KV_EXPORT uint32_t PXR_thread_wakeup(PXR_thread* worker, uint32_t action);
 
@@ -117,7 +119,8 @@ KV_EXPORT uint32_t PXR_thread_get_action(PXR_thread* worker);
 /// @return 0; -1 nothing done: no living worker, or called by the worker itself
 KV_EXPORT int PXR_thread_destroy(PXR_thread* worker);
 
-/// Ends a worker by cancelling its thread, also one that is blocked in a system call with its lock held.
+/// Ends a worker by cancelling its thread, also one that is blocked in a system call with its lock held: the lock is
+/// given back for it, to whoever waits.
 /// Waits half a second at most. A thread that is still there then (uninterruptible in the kernel, or with cancellation
 /// disabled) is left behind: it ends whenever it can, what the object owns is given up, and the object stays marked
 /// as in use, so it must never be freed or used again.

@@ -45,18 +45,39 @@ private:
     int open_ = 0;
 };
 
+/// What hangs ends the test program.
+struct Deadline {
+    Deadline() { alarm(60); }
+    ~Deadline() { alarm(0); }
+};
+
 /// A worker that reports running and then does what the test says, its lock held at the begin and at the end.
 struct TestWorker {
     PXR_thread object{};  // first: the routine gets its address
     std::function<void(PXR_thread*)> work;
     uint32_t reported = PXR_THREAD_RUNNING;
+    std::function<void()> beforeReport = [] {};
+    bool wantsLockAtEnd = true;
 
     explicit TestWorker(std::function<void(PXR_thread*)> body) : work(std::move(body)) {}
+    ~TestWorker() { pthread_mutex_destroy(&object.lock); }  // for drd, before something else lies here
     uint32_t Start() { return PXR_thread_create(&object, Routine); }
 
+    /// The routine's own clean-up may need the lock.
+    struct CleanUp {
+        TestWorker& worker;
+        ~CleanUp() {
+            if (!worker.wantsLockAtEnd) return;
+            pthread_mutex_lock(&worker.object.lock);
+            pthread_mutex_unlock(&worker.object.lock);
+        }
+    };
     static void* Routine(void* argument) {
         auto* worker = static_cast<TestWorker*>(argument);
+        const CleanUp cleanUp{*worker};
+        worker->beforeReport();
         pthread_mutex_lock(&worker->object.lock);
+        EXPECT_EQ(PXR_THREAD_STARTING, worker->object.state);
         worker->object.state = worker->reported;
         pthread_cond_signal(&worker->object.wake);
         if (worker->reported == PXR_THREAD_RUNNING) worker->work(&worker->object);
@@ -142,7 +163,12 @@ TEST(PxrThread, QueueGrowsFromEveryPosition) {
 }
 
 TEST(PxrThread, LiveObjectIsNotCreatedAgain) {
-    TestWorker worker(SleepUntilStopped);
+    const Deadline deadline;
+    TestWorker worker([](PXR_thread* self) {
+        EXPECT_EQ(-1, PXR_thread_destroy(self)) << "nobody can wait for his own end";
+        EXPECT_EQ(-1, PXR_thread_stop(self));
+        SleepUntilStopped(self);
+    });
     ASSERT_EQ(0u, worker.Start());
     const pthread_t thread = worker.object.thread;
     EXPECT_EQ(0x620A1501u, worker.Start());
@@ -175,6 +201,7 @@ TEST(PxrThread, FailedStartsLeaveTheObjectFree) {
     EXPECT_TRUE(IsFree(worker.object));
 
     worker.reported = PXR_THREAD_RUNNING;
+    worker.beforeReport = [&] { EXPECT_EQ(0u, PXR_thread_wakeup(&worker.object, 1)); };
     EXPECT_EQ(0u, worker.Start());
     EXPECT_EQ(0, PXR_thread_destroy(&worker.object));
     EXPECT_EQ(0x620A4201u, PXR_thread_create(&worker.object, nullptr));
@@ -196,6 +223,8 @@ TEST(PxrThread, WakeUpAfterAStopRequestIsIgnored) {
     ASSERT_EQ(0u, worker.Start());
     std::thread owner([&] { PXR_thread_destroy(&worker.object); });
     stopSeen.Pass();
+    EXPECT_EQ(-1, PXR_thread_destroy(&worker.object)) << "another thread joins it";
+    EXPECT_EQ(0x620A1501u, worker.Start()) << "not yet free";
     EXPECT_EQ(0u, PXR_thread_wakeup(&worker.object, 77));
     woken.Open();
     owner.join();
@@ -215,6 +244,10 @@ TEST(PxrThread, TimedSleeps) {
         int32_t spent;  // seconds given back
     };
     const auto forTime = [](PXR_thread* self, PXR_timeval& time) { return PXR_thread_sleep_time(self, &time); };
+    const auto forSecond = [](PXR_thread* self, PXR_timeval& time) {
+        time.tv_sec = 1;
+        return PXR_thread_sleep_time(self, &time);
+    };
     const auto until = [](int ahead) {
         return [ahead](PXR_thread* self, PXR_timeval&) {
             const PXR_timeval at{static_cast<int32_t>(std::time(nullptr) + ahead), 0};
@@ -233,15 +266,19 @@ TEST(PxrThread, TimedSleeps) {
     };
     const std::vector<Case> cases = {
         {"no time is one step", forTime, Case::kNothing, 0, 1, 1},
+        {"one second is two steps", forSecond, Case::kNothing, 0, 2, 2},
         {"action queued before", forTime, Case::kActionFirst, 1, 0, 0},
         {"action during a step", forTime, Case::kActionDuring, 1, 1, 1},
         {"stop during a step", forTime, Case::kStopDuring, -1, 1, 1},
         {"until a moment ago", until(-1), Case::kNothing, 0, 0, kUntouched},
+        {"until now: to the end of this second", until(0), Case::kNothing, 0, 1, kUntouched},
         {"until far away, action", until(3600), Case::kActionDuring, 1, 1, kUntouched},
         {"until far away, stop", until(3600), Case::kStopDuring, -1, 1, kUntouched},
         {"action before a time", until(3600), Case::kActionFirst, 1, 0, kUntouched},
     };
     std::list<Running> all;
+    for (const time_t before = std::time(nullptr); std::time(nullptr) == before;)
+        usleep(10'000);  // "now" is to be the same second for the test and what it tests
     for (const Case& c : cases) {
         Running& run = all.emplace_back(c);
         run.time.tv_sec = c.spent == kUntouched ? kUntouched : c.event == Case::kNothing ? 0 : 3600;
@@ -283,37 +320,106 @@ TEST(PxrThread, StopEndsAWorkerThatIsBlocked) {
         char byte = 0;
         EXPECT_EQ(0, read(pipeEnds[0], &byte, 1));
     };
-    const std::function<void(PXR_thread*)> bodies[] = {[&](PXR_thread* self) {
-                                                           WaitForGate(self, created);
-                                                           there.Open();  // and keeps the lock
-                                                           readForEver();
-                                                       },
-                                                       [&](PXR_thread* self) {
-                                                           there.Open();
-                                                           SleepUntilStopped(self);
-                                                       },
-                                                       [&](PXR_thread* self) {
-                                                           PXR_timeval hour{3600, 0};
-                                                           there.Open();
-                                                           PXR_thread_sleep_time(self, &hour);
-                                                       },
-                                                       [&](PXR_thread* self) {
-                                                           there.Open();
-                                                           pthread_mutex_unlock(&self->lock);
-                                                           readForEver();
-                                                       }};
-    for (const auto& body : bodies) {
+    struct Case {
+        std::function<void(PXR_thread*)> body;
+        bool keepsLock = false;
+    };
+    const Case cases[] = {{[&](PXR_thread* self) {
+                               WaitForGate(self, created);
+                               there.Open();
+                               readForEver();
+                           },
+                           true},
+                          {[&](PXR_thread* self) {
+                              there.Open();
+                              SleepUntilStopped(self);
+                          }},
+                          {[&](PXR_thread* self) {
+                              PXR_timeval hour{3600, 0};
+                              there.Open();
+                              PXR_thread_sleep_time(self, &hour);
+                          }},
+                          {[&](PXR_thread* self) {
+                              there.Open();
+                              pthread_mutex_unlock(&self->lock);
+                              readForEver();
+                          }}};
+    const Deadline deadline;
+    for (const auto& [body, keepsLock] : cases) {
         TestWorker worker(body);
+        worker.wantsLockAtEnd = !keepsLock;
         ASSERT_EQ(0u, worker.Start());
         created.Open();
         there.Pass();
+        std::thread waker([&] { EXPECT_EQ(0u, PXR_thread_wakeup(&worker.object, 7)); });
+        std::this_thread::sleep_for(milliseconds(20));  // it waits for the lock by now
         const auto begin = steady_clock::now();
         EXPECT_EQ(0, PXR_thread_stop(&worker.object));
         EXPECT_LT(steady_clock::now() - begin, milliseconds(450));
+        waker.join();
         EXPECT_TRUE(IsFree(worker.object));
     }
     close(pipeEnds[0]);
     close(pipeEnds[1]);
+}
+
+// The lock is taken through the end of the worker in the order of those who queue for it, its owner among them.
+TEST(PxrThread, WhoeverIsQueuedWhenTheWorkerEndsComesBack) {
+    const Deadline deadline;
+    Gate stopSeen;
+    Gate queued;
+    TestWorker worker([&](PXR_thread* self) {
+        SleepUntilStopped(self);
+        pthread_mutex_unlock(&self->lock);
+        stopSeen.Open();
+        queued.Pass();
+        pthread_exit(nullptr);
+    });
+    worker.wantsLockAtEnd = false;
+    ASSERT_EQ(0u, worker.Start());
+    const auto wake = [&] { EXPECT_EQ(0u, PXR_thread_wakeup(&worker.object, 1)); };
+    const auto letQueue = [] { std::this_thread::sleep_for(milliseconds(20)); };
+    std::thread owner([&] { EXPECT_EQ(0, PXR_thread_destroy(&worker.object)); });
+    stopSeen.Pass();
+    pthread_mutex_lock(&worker.object.lock);
+    std::thread before(wake);
+    letQueue();
+    queued.Open();
+    letQueue();
+    std::thread behind(wake);
+    letQueue();
+    EXPECT_EQ(0, std::memcmp(&worker.object.marker, "THRD", 4)) << "the owner waits for the lock";
+    pthread_mutex_unlock(&worker.object.lock);
+    for (std::thread* thread : {&owner, &before, &behind})
+        thread->join();
+    EXPECT_TRUE(IsFree(worker.object));
+}
+
+// Whoever sends wake-ups while a worker ends, and while the next one begins in the same object, comes back.
+TEST(PxrThread, WakersComeBackWhateverBecomesOfTheWorker) {
+    const Deadline deadline;
+    TestWorker worker(SleepUntilStopped);
+    for (int round = 0; round < 100; ++round) {
+        std::atomic<bool> end{false};
+        const auto wake = [&] {
+            while (!end) {
+                PXR_thread_wakeup(&worker.object, 1);
+                std::this_thread::yield();
+            }
+        };
+        ASSERT_EQ(0u, worker.Start());
+        std::thread wakers[] = {std::thread(wake), std::thread(wake), std::thread(wake)};
+        EXPECT_EQ(0, PXR_thread_destroy(&worker.object));
+        ASSERT_EQ(0u, worker.Start());
+        EXPECT_EQ(0, PXR_thread_stop(&worker.object));
+        worker.reported = PXR_THREAD_FAILED;
+        ASSERT_EQ(0x620A1502u, worker.Start());
+        worker.reported = PXR_THREAD_RUNNING;
+        end = true;
+        for (std::thread& waker : wakers)
+            waker.join();
+        ASSERT_TRUE(IsFree(worker.object)) << round;
+    }
 }
 
 TEST(PxrThread, StopLeavesAnUnstoppableWorkerBehind) {
