@@ -57,26 +57,6 @@ bool MoveAll(Transfer transfer, int fd, Byte* data, size_t size, off_t offset) {
     return true;
 }
 
-/// A lock that belongs to the open file: it ends with the writer, and threads exclude each other too.
-/// @return 0, or an errno value; EAGAIN: somebody else's
-int SetLock(int fd, short type) {
-    struct flock lock {};
-    lock.l_type = type;
-    lock.l_whence = SEEK_SET;
-    return CodeOf(fcntl(fd, F_OFD_SETLK, &lock) == 0);
-}
-
-bool IsBusy(int error) {
-    return error == EAGAIN || error == EACCES;
-}
-
-bool IsNamed(int fd, const char* path) {
-    struct stat opened {};
-    struct stat named {};
-    return fstat(fd, &opened) == 0 && lstat(path, &named) == 0 && opened.st_dev == named.st_dev &&
-           opened.st_ino == named.st_ino;
-}
-
 /// Removes what stands under a temporary name, unless a living writer's file stands there.
 /// @return 0; EBUSY while the writer lives; another errno value
 int RemoveStale(const char* name) {
@@ -85,7 +65,7 @@ int RemoveStale(const char* name) {
     struct stat info {};
     // Only a file of our own can be a writer's: nobody may keep us waiting with one that he put there.
     const bool ours = found && fstat(found.Get(), &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid();
-    if (ours && IsBusy(SetLock(found.Get(), F_WRLCK))) return EBUSY;
+    if (ours && SetFileLock(found.Get(), F_WRLCK) == EAGAIN) return EBUSY;
     if (ours && !IsNamed(found.Get(), name)) return 0;
     return unlink(name) == 0 || errno == ENOENT ? 0 : errno;
 }
@@ -111,6 +91,21 @@ bool ReadAt(int fd, void* data, size_t size, off_t offset) {
 
 bool WriteAt(int fd, const void* data, size_t size, off_t offset) {
     return MoveAll(pwrite, fd, static_cast<const char*>(data), size, offset);
+}
+
+int SetFileLock(int fd, short type) {
+    struct flock lock {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    const int error = CodeOf(fcntl(fd, F_OFD_SETLK, &lock) == 0);
+    return error == EACCES ? EAGAIN : error;
+}
+
+bool IsNamed(int fd, const char* path, int flags) {
+    struct stat opened {};
+    struct stat named {};
+    return fstat(fd, &opened) == 0 && fstatat(AT_FDCWD, path, &named, flags) == 0 && opened.st_dev == named.st_dev &&
+           opened.st_ino == named.st_ino;
 }
 
 void SyncDirectoryOf(const char* file) {
@@ -154,7 +149,7 @@ int Replacement::OwnTemporary(const char* name) {
     FileDescriptor fd(open(name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!fd) return errno == EEXIST ? EBUSY : errno;
     // Between these lines another writer may take the file for a dead one's. A file system without such locks has none.
-    if (IsBusy(SetLock(fd.Get(), F_WRLCK)) || !IsNamed(fd.Get(), name)) return EBUSY;
+    if (SetFileLock(fd.Get(), F_WRLCK) == EAGAIN || !IsNamed(fd.Get(), name)) return EBUSY;
     fd_ = std::move(fd);
     return 0;
 }
@@ -195,7 +190,7 @@ int Replacement::Publish() {
     if (rename(temporary_.data(), target_.data()) != 0) return errno;
     temporary_[0] = '\0';
     SyncDirectoryOf(target_.data());
-    SetLock(fd_.Get(), F_UNLCK);  // by hand: a child that was forked meanwhile may still hold the open file
+    SetFileLock(fd_.Get(), F_UNLCK);  // by hand: a child that was forked meanwhile may still hold the open file
     fd_.Close();
     return 0;
 }

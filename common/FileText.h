@@ -3,6 +3,7 @@
 /// Files as a whole: read to their end, and replaced so that whatever ends the process or the machine leaves the old
 /// content or the new. Nothing here reports: results are errno values.
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -24,6 +25,17 @@ int ReadWhole(const char* path, size_t limit, std::string& content);
 bool ReadAt(int fd, void* data, size_t size, off_t offset);
 /// @return false with errno
 bool WriteAt(int fd, const void* data, size_t size, off_t offset);
+
+/// Puts a lock on the whole file, or takes it away, without waiting. It belongs to the open file, not to the process: threads
+/// exclude each other, closing another descriptor does not drop it, and it excludes the classic process locks of other
+/// programs as well. A forked child keeps it alive: unlock by hand before closing.
+/// @param type  F_RDLCK, F_WRLCK or F_UNLCK
+/// @return 0, or an errno value; EAGAIN: somebody else's lock is in the way
+int SetFileLock(int fd, short type);
+
+/// Is the open file still the one that the path names?
+/// @param flags  0: through symbolic links
+bool IsNamed(int fd, const char* path, int flags = AT_SYMLINK_NOFOLLOW);
 
 /// Makes names in a directory last through a power failure. File systems that cannot do this say so; there is nothing
 /// to be done about it then.

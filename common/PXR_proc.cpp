@@ -6,6 +6,7 @@
 
 #include <cstdio>
 
+#include "common/FileText.h"
 #include "common/PXR_proc_internal.h"
 #include "common/PXR_thread_internal.h"
 #include "libplatform/PXR_trace.h"
@@ -15,30 +16,14 @@ namespace {
 // Each round loses against another instance that ended between our open and our lock.
 constexpr int kLockRounds = 100;
 
-/// Locks the whole file for this open file: a second open of it conflicts, in this process as well, and the lock goes
-/// with the descriptor into the child of PXR_daemon.
-bool LockWholeFile(int fd) {
-    struct flock range {};
-    range.l_type = F_WRLCK;
-    range.l_whence = SEEK_SET;
-    return fcntl(fd, F_OFD_SETLK, &range) == 0;
-}
-
-/// Is the open file still the one that the path names?
-bool IsFileOf(const char* path, int fd) {
-    struct stat open {};
-    struct stat named {};
-    return fstat(fd, &open) == 0 && lstat(path, &named) == 0 && open.st_dev == named.st_dev &&
-           open.st_ino == named.st_ino;
-}
-
+/// The lock goes with the descriptor into the child of PXR_daemon, which has other use for the standard ones.
+/// @return -1 when the file cannot be opened, or is locked
 int OpenLocked(const char* path) {
-    const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd < 0) return -1;
-    fsync(fd);
-    if (LockWholeFile(fd)) return fd;
-    close(fd);
-    return -1;
+    const FileDescriptor opened(open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    FileDescriptor fd(opened ? fcntl(opened.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1) : -1);
+    if (!fd) return -1;
+    fsync(fd.Get());
+    return SetFileLock(fd.Get(), F_WRLCK) == 0 ? fd.Release() : -1;
 }
 
 }  // namespace
@@ -62,7 +47,7 @@ extern "C" int PXR_lock_cmd(const char* path) {
     for (int round = 0; round < kLockRounds; ++round) {
         const int fd = OpenLocked(path);
         if (fd < 0) return -1;
-        if (IsFileOf(path, fd) && ftruncate(fd, 0) == 0) {
+        if (IsNamed(fd, path) && ftruncate(fd, 0) == 0) {
             fsync(fd);
             return fd;
         }
@@ -75,7 +60,7 @@ extern "C" int PXR_unlock_cmd(const char* path, int fd) {
     if (fd < 0) return -1;
     const CancelBlock block;
     // Removed while it is still locked, so that nobody can have locked the file that goes.
-    const bool removed = path != nullptr && IsFileOf(path, fd) && unlink(path) == 0;
+    const bool removed = path != nullptr && IsNamed(fd, path) && unlink(path) == 0;
     close(fd);
     return removed ? 0 : -1;
 }

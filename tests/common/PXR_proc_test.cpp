@@ -337,13 +337,16 @@ TEST(SearchPathTest, LeavesOutWhatIsNoPlace) {
 TEST_F(PxrProc, DaemonLeavesItsTerminal) {
     int report[2];
     ASSERT_EQ(0, pipe(report));
+    const std::string lock = Path("lock");
     const pid_t parent = Fork([&] {
         const pid_t before = getpid();
+        close(STDIN_FILENO);  // as some starters leave it
+        const bool locked = PXR_lock_cmd(lock.c_str()) >= 0;
         const int result = PXR_daemon();
         char streams[64] = {};
         const ssize_t length = readlink("/proc/self/fd/2", streams, sizeof(streams) - 1);
         const bool good = result == 0 && getpid() != before && getsid(0) == getpid() && length == 9 &&
-                          std::string(streams) == "/dev/null";
+                          std::string(streams) == "/dev/null" && locked && PXR_lock_cmd(lock.c_str()) == -1;
         return write(report[1], good ? "y" : "n", 1) == 1 ? 7 : 8;
     });
     EXPECT_EQ(0, Join(parent)) << "the caller ends at once";
