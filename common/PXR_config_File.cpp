@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "common/FileText.h"
 #include "common/PXR_config_internal.h"
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
@@ -23,6 +24,7 @@ static_assert(kCannotOpen == 0x61E51301 && kCannotLock == 0x61E51304);
 
 constexpr mode_t kNewFileMode = 0644;
 constexpr size_t kCopyBlock = 1024;
+constexpr int kThroughLinks = 0;
 
 bool IsReadOnly(int flags) {
     return (flags & O_ACCMODE) == O_RDONLY;
@@ -39,32 +41,16 @@ FileDescriptor OpenRegular(const char* path, int flags) {
     return fd;
 }
 
-/// Locks belong to the open file, not to the process: closing another descriptor of the same file must not drop them,
-/// and threads must exclude each other. They exclude the classic process locks of other programs as well.
-int SetLock(int fd, short type) {
-    struct flock lock {};
-    lock.l_type = type;
-    lock.l_whence = SEEK_SET;
-    return fcntl(fd, F_OFD_SETLK, &lock);
-}
-
 bool WaitForLock(int fd, short type) {
     fsync(fd);
-    while (SetLock(fd, type) != 0) {
-        if (errno == EINTR) continue;
-        if ((errno != EAGAIN && errno != EACCES) || !PauseBeforeRetry()) return false;
+    for (;;) {
+        const int error = SetFileLock(fd, type);
+        if (error == 0) break;
+        if (error == EINTR) continue;
+        if (error != EAGAIN || !PauseBeforeRetry()) return false;
     }
     fsync(fd);
     return true;
-}
-
-/// A writer replaces the file by renaming a new one over it. Who waited for the lock meanwhile now holds it on the old
-/// file, which nobody else will ever see.
-bool IsStillNamed(int fd, const char* path) {
-    struct stat opened {};
-    struct stat named {};
-    return fstat(fd, &opened) == 0 && stat(path, &named) == 0 && opened.st_dev == named.st_dev &&
-           opened.st_ino == named.st_ino;
 }
 
 /// @param code  set to the failure when none is returned
@@ -76,7 +62,9 @@ FileDescriptor OpenLocked(const char* path, int flags, uint32_t& code) {
         if (!fd) return fd;
         code = kCannotLock;
         if (!WaitForLock(fd.Get(), lockType)) return FileDescriptor();
-        if (IsStillNamed(fd.Get(), path)) return fd;
+        // A writer replaces the file by renaming a new one over it. Who waited for the lock meanwhile now holds it on
+        // the old file, which nobody else will ever see.
+        if (IsNamed(fd.Get(), path, kThroughLinks)) return fd;
         if (IsTerminateProcess() != 0) return FileDescriptor();
     }
 }
@@ -87,21 +75,17 @@ bool FinishOpen(int fd, int flags) {
     return (flags & O_NONBLOCK) != 0 || fcntl(fd, F_SETFL, flags & O_APPEND) == 0;
 }
 
-bool CopyBlocks(int from, int to) {
+/// @return 0 or an errno value
+int CopyBlocks(int from, Replacement& to) {
     char block[kCopyBlock];
     for (off_t position = 0;;) {
         const ssize_t count = pread(from, block, sizeof(block), position);
-        if (count == 0) return true;
+        if (count == 0) return 0;
         if (count < 0 && errno == EINTR) continue;
-        if (count < 0 || PXR_write(to, block, static_cast<uint32_t>(count)) < 0) return false;
+        if (count < 0) return errno;
+        to.Write({block, static_cast<size_t>(count)});
         position += count;
     }
-}
-
-/// Copies content, then permissions: until then the copy is the owner's alone.
-bool CopyWhole(int from, int to) {
-    struct stat info {};
-    return CopyBlocks(from, to) && fstat(from, &info) == 0 && fchmod(to, info.st_mode & 07777) == 0 && fsync(to) == 0;
 }
 
 }  // namespace
@@ -121,7 +105,7 @@ int PXR_file_open(const char* path, int flags, int* error) {
 int PXR_file_close(int fd) {
     const CancelBlock block;
     // Unlocked by hand: a child that was forked meanwhile may still hold the open file.
-    SetLock(fd, F_UNLCK);
+    SetFileLock(fd, F_UNLCK);
     return close(fd);
 }
 
@@ -133,7 +117,7 @@ int PXR_file_stream_close(FILE* stream) {
     const CancelBlock block;
     const int flushed = fflush(stream);
     const int error = errno;
-    SetLock(fileno(stream), F_UNLCK);
+    SetFileLock(fileno(stream), F_UNLCK);
     const int closed = fclose(stream);
     if (flushed != 0) errno = error;
     return flushed == 0 && closed == 0 ? 0 : -1;
@@ -155,15 +139,17 @@ void PXR_make_tmpfile(char* buffer, const char* path, const char* suffix) {
 
 int PXR_copy_fd2file(int fd, const char* path) {
     if (path == nullptr) return EFAULT;
-    const CancelBlock block;  // no half copy
-    const int removed = PXR_unlink(path);
-    if (removed != 0 && removed != ENOENT) return removed;
-    FileDescriptor copy(open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!copy) return errno;
-    if (CopyWhole(fd, copy.Get()) && copy.Close() == 0) return 0;
-    const int error = errno;
-    PXR_unlink(path);
-    return error;
+    char temporary[PATH_MAX];
+    const int length = snprintf(temporary, sizeof(temporary), "%s.tmp", path);
+    if (length < 0 || static_cast<size_t>(length) >= sizeof(temporary)) return ENAMETOOLONG;
+    const CancelBlock block;  // all of it or nothing
+    struct stat info {};
+    if (fstat(fd, &info) != 0) return errno;
+    Replacement copy;
+    if (const int error = copy.Create(path, temporary, info.st_mode)) return error;
+    copy.TakeAttributes(info);
+    const int error = CopyBlocks(fd, copy);
+    return error != 0 ? error : copy.Commit();
 }
 
 namespace cfg {

@@ -4,7 +4,9 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -20,8 +22,8 @@
 namespace {
 
 constexpr uint32_t kCannotWrite = MakeResult(fn::kWriteCfgFile, Reason::FileWrite);
-constexpr uint32_t kCannotRead = MakeResult(fn::kWriteCfgFile, Reason::FileRead);
-constexpr uint32_t kEmptyResult = MakeResult(fn::kWriteCfgFile, Reason::FileRead);
+/// Nothing to write: the old content cannot be read, or the new one would be empty.
+constexpr uint32_t kNoContent = MakeResult(fn::kWriteCfgFile, Reason::FileRead);
 constexpr uint32_t kBadText = MakeResult(fn::kWriteCfgFile, Reason::BadData);
 
 /// From this length of key, text and "\t= " with the quotes on, a line is written without blanks.
@@ -38,30 +40,33 @@ bool IsPlainWord(std::string_view text) {
     return std::none_of(text.begin(), text.end(), ascii::IsSpace);
 }
 
+/// What a line takes at least, with these many double quotes around the text.
+bool Fits(const PXR_config_key& key, std::string_view text, size_t quotes) {
+    return strlen(key.name) + 1 + text.size() + quotes <= cfg::kMaxLineLength;
+}
+
 /// What cannot be read back from between double quotes only ever comes from an unquoted word, and can be written as
 /// one: a text with a double quote inside, and one that leaves no room for the quotes in what is read of a line.
 bool NeedsBareForm(const PXR_config_key& key, std::string_view text) {
-    const size_t bareLength = strlen(key.name) + 1 + text.size();
-    const bool fillsLine = bareLength <= cfg::kMaxLineLength && bareLength + 2 > cfg::kMaxLineLength;
-    return text.find('"') != std::string_view::npos || (fillsLine && IsPlainWord(text));
+    return text.find('"') != std::string_view::npos || (!Fits(key, text, 2) && IsPlainWord(text));
 }
 
-/// The text, once written, can be read back.
-bool IsWritable(const char* text) {
+/// The text, once written, can be read back whole.
+bool IsWritable(const PXR_config_key& key, const char* text) {
     if (text == nullptr) return true;
     const std::string_view whole = text;
     if (whole.find('\n') != std::string_view::npos) return false;
-    return whole.find('"') == std::string_view::npos || IsPlainWord(whole);
+    return NeedsBareForm(key, whole) ? IsPlainWord(whole) && Fits(key, whole, 0) : Fits(key, whole, 2);
 }
 
 bool AreTextsWritable(const PXR_config_table& table, const PXR_config_data* data) {
     for (const PXR_config_data* slot = data; slot->id != 0; ++slot) {
         const PXR_config_key* const key = cfg::FindKey(table, slot->id);
-        if (key == nullptr || !cfg::IsText(*key) || !IsStored(*key)) continue;
-        if (!cfg::IsList(*key) && !IsWritable(slot->value.text)) return false;
+        if (key == nullptr || key->name == nullptr || !cfg::IsText(*key) || !IsStored(*key)) continue;
+        if (!cfg::IsList(*key) && !IsWritable(*key, slot->value.text)) return false;
         if (!cfg::IsList(*key)) continue;
         for (const PXR_config_node* node = slot->list; node != nullptr; node = node->next) {
-            if (!IsWritable(node->value.text)) return false;
+            if (!IsWritable(*key, node->value.text)) return false;
         }
     }
     return true;
@@ -74,19 +79,24 @@ bool HasKnownType(const PXR_config_key& key) {
 
 class Rewriter {
 public:
-    /// @param fd  the table's file, locked for as long as this object lives: the lock keeps the temporary file to one
-    Rewriter(const PXR_config_table& table, const PXR_config_data* data, int fd)
-        : table_(table), data_(data), fd_(fd), occurred_(new (std::nothrow) bool[cfg::CountKeys(table)]()) {}
+    /// @param path  the table's file itself, no link to it
+    /// @param fd    the file, locked for as long as this object lives
+    Rewriter(const PXR_config_table& table, const PXR_config_data* data, const char* path, int fd)
+        : table_(table),
+          data_(data),
+          path_(path),
+          fd_(fd),
+          occurred_(new (std::nothrow) bool[cfg::CountKeys(table)]()) {}
 
     uint32_t Rewrite() {
         if (!occurred_) return PXR_ReportError(MakeResult(fn::kWriteCfgFile, Reason::OutOfMemory));
-        if (!out_.Create(table_.path, fd_) || !Backup()) return PXR_ReportError(kCannotWrite);
+        if (!out_.Create(path_, fd_) || !Backup()) return PXR_ReportError(kCannotWrite);
 
         cfg::LineReader lines(fd_);
         WriteHeader(lines);
         while (lines.Next())
             RewriteLine(lines);
-        if (lines.Failed()) return PXR_ReportError(kCannotRead);
+        if (lines.Failed()) return PXR_ReportError(kNoContent);
         AppendMissing();
         return Finish();
     }
@@ -95,7 +105,7 @@ private:
     bool Backup() const {
         struct stat info {};
         if (fstat(fd_, &info) != 0) return false;
-        return info.st_size == 0 || cfg::MakeBackup(table_.path, fd_);
+        return info.st_size == 0 || cfg::MakeBackup(path_, fd_);
     }
 
     uint32_t Finish() {
@@ -103,7 +113,7 @@ private:
             case cfg::ReplacementFile::Result::kReplaced:
                 return 0;
             case cfg::ReplacementFile::Result::kEmpty:
-                return PXR_ReportError(kEmptyResult);
+                return PXR_ReportError(kNoContent);
             default:
                 return PXR_ReportError(kCannotWrite);
         }
@@ -251,6 +261,7 @@ private:
 
     const PXR_config_table& table_;
     const PXR_config_data* data_;
+    const char* path_;
     int fd_;
     std::unique_ptr<bool[]> occurred_;
     cfg::ReplacementFile out_;
@@ -266,5 +277,7 @@ uint32_t PXR_write_cfgfile(const PXR_config_table* table, const PXR_config_data*
     cfg::LockedFile file;
     if (const uint32_t code = file.Open(table->path, O_RDWR | O_CREAT)) return code;
     const CancelBlock whole;  // only the wait for the lock may be cancelled
-    return Rewriter(*table, data, file.Get()).Rewrite();
+    char path[PATH_MAX];
+    if (realpath(table->path, path) == nullptr || !IsNamed(file.Get(), path)) return PXR_ReportError(kCannotWrite);
+    return Rewriter(*table, data, path, file.Get()).Rewrite();
 }

@@ -127,13 +127,15 @@ KV_EXPORT uint32_t PXR_read_cfgfile(const PXR_config_table* table, PXR_config_da
 
 /// Rewrites the table's file with the data's values under an exclusive lock, creating it when it is missing. Comments,
 /// unknown lines and the order of lines stay; keys that were missing are appended. The new content replaces the old one
-/// in one step (a crash at any time leaves the old or the new file whole); the old content stays beside it with the
-/// extension ".bak".
+/// in one step: a crash or a power failure at any time leaves the old or the new file whole. The old content stays
+/// beside it with the extension ".bak". Of a symbolic link the file that it names is rewritten, in its own directory.
+/// Files that differ in nothing but their extension are written one after the other, and share the backup.
 ///
 /// A list is written at its key's first line, whose comment stays with the first value. A text that could not be read
-/// back (line break, or double quote in a text that is no plain word) fails the call and changes nothing.
-/// @return 0; a code of PXR_file_open; 0x61B91300 a file could not be written or renamed; 0x61B91301 the result would
-///         be empty, or the old content could not be read; 0x61B91302 text that cannot be written; 0x61B91202 out of
+/// back (line break, double quote in a text that is no plain word, longer than a line) fails the call and changes
+/// nothing.
+/// @return 0; a code of PXR_file_open; 0x61B91300 a file could not be written or renamed; 0x61B91301 the result would be
+///         empty, or the old content could not be read; 0x61B91302 text that cannot be written; 0x61B91202 out of
 ///         memory; 0x61B94201 null argument. After a failure the file is as it was.
 KV_EXPORT uint32_t PXR_write_cfgfile(const PXR_config_table* table, const PXR_config_data* data);
 
@@ -164,8 +166,9 @@ KV_EXPORT int PXR_file_stream_close(FILE* stream);
 /// there is none: ("/etc/trace.cfg", ".bak") gives "/etc/trace.bak".
 /// @param buffer  PATH_MAX (4096) bytes; holds an empty text when the result does not fit or an argument is null
 KV_EXPORT void PXR_make_tmpfile(char* buffer, const char* path, const char* suffix);
-/// Copies an open file, from its beginning, to path, replacing what is there (a symbolic link itself, not its target),
-/// with the permissions of the open file. The descriptor's position is kept.
+/// Copies an open file, from its beginning, to path, replacing what is there in one step (a symbolic link itself, not its
+/// target), with the permissions of the open file. The descriptor's position is kept. The copy grows in path with ".tmp"
+/// behind it.
 /// @return 0, or an error number
 KV_EXPORT int PXR_copy_fd2file(int fd, const char* path);
 

@@ -3,11 +3,13 @@
 #include "libplatform/PXR_config.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -50,6 +52,15 @@ protected:
         data.Read();
         EXPECT_EQ(0U, data.Write()) << content;
         return Content();
+    }
+
+    /// Writes a list of one word.
+    static uint32_t WriteWord(const string& text) {
+        Data data;
+        auto* const node = static_cast<PXR_config_node*>(calloc(1, sizeof(PXR_config_node)));
+        node->value.text = strdup(text.c_str());
+        static_cast<PXR_config_data*>(PXR_search_cfgid(data.Get(), sample::kWords, 0))->list = node;
+        return data.Write();
     }
 
     TempDirectory directory_;
@@ -239,12 +250,20 @@ TEST_F(Config, ValuesAreWrittenInTheirForms) {
 }
 
 TEST_F(Config, ATextThatCannotBeReadBackIsRefused) {
-    Given(kHeader);
-    for (const char* text : {"two\nlines", "\"", "\"quoted\"", "a \"b\"", "a\"#"}) {
-        Data data;
-        data.SetText(sample::kName, text);
-        EXPECT_EQ(0x61B91302U, data.Write()) << text;
+    // "Word" and "=" leave 1018 bytes of a line, two of them for double quotes
+    const string blank = "a b";
+    const string quote = "a\"b";
+    for (const string& text :
+         {string("two\nlines"), string("\""), string("\"quoted\""), string("a \"b\""), string("a\"#"),
+          string(1019, 'w'), blank + string(1014, 'w'), quote + string(1016, 'w')}) {
+        Given(kHeader);
+        EXPECT_EQ(0x61B91302U, WriteWord(text)) << text.substr(0, 20);
         EXPECT_EQ(kHeader, Content());
+    }
+    for (const string& text : {string(1018, 'w'), blank + string(1013, 'w'), quote + string(1015, 'w')}) {
+        Given(kHeader);
+        EXPECT_EQ(0U, WriteWord(text)) << text.substr(0, 20);
+        EXPECT_NE(string::npos, Read(Content()).find("[" + text + "]")) << text.substr(0, 20);
     }
 }
 
@@ -267,6 +286,40 @@ TEST_F(Config, TheReplacementHasTheFilesPermissionsAndFollowsNoLink) {
     }
     ASSERT_EQ(0, stat(path_.c_str(), &info));
     EXPECT_EQ(group, info.st_gid);
+}
+
+TEST_F(Config, TheFileThatALinkNamesIsRewritten) {
+    std::filesystem::create_directory(directory_.Path("real"));
+    directory_.AddFile("real/file.cfg", kHeader);
+    std::filesystem::create_symlink("real/file.cfg", path_);
+    EXPECT_EQ(0U, Data().Write());
+    EXPECT_TRUE(std::filesystem::is_symlink(path_));
+    EXPECT_NE(kHeader, directory_.ReadFile("real/file.cfg"));
+    EXPECT_EQ(kHeader, directory_.ReadFile("real/file.bak"));
+}
+
+// Whoever may write the file by its group keeps it the group's.
+TEST_F(Config, AWriterWhoIsNotTheOwnerKeepsTheGroup) {
+    constexpr gid_t kGroup = 100;
+    constexpr uid_t kNobody = 65534;
+    if (geteuid() != 0) GTEST_SKIP();
+    const MachineRoot root = MakeTestRoot();
+    RunInRoot(root, [&] {
+        const char* const file = sample::table.path = "/etc/opt/velmora/lantrel/test.cfg";
+        std::ofstream(file) << kHeader;
+        for (const char* open : {"/", "/etc/opt/velmora/lantrel"})
+            std::filesystem::permissions(open, std::filesystem::perms::all);
+        ASSERT_TRUE(chown(file, 0, kGroup) == 0 && chmod(file, 0660) == 0);
+        ASSERT_EQ(0, setgroups(1, &kGroup));
+        ASSERT_EQ(0, setresgid(kNobody, kNobody, kNobody));
+        ASSERT_EQ(0, setresuid(kNobody, kNobody, kNobody));
+        EXPECT_EQ(0U, Data().Write());
+        struct stat info {};
+        ASSERT_EQ(0, stat(file, &info));
+        EXPECT_EQ(kNobody, info.st_uid) << "rewritten";
+        EXPECT_EQ(kGroup, info.st_gid);
+        EXPECT_EQ(0660U, info.st_mode & 07777);
+    });
 }
 
 TEST_F(Config, AFailedWriteLeavesTheFileAlone) {
