@@ -1,6 +1,7 @@
 // Configuration files under competition and sudden death: whoever looks finds a whole file, and no update is lost.
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/ptrace.h>
@@ -8,21 +9,26 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 #include <functional>
+#include <iostream>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "libplatform/PXR_config.h"
 #include "libplatform/PXR_syscall.h"
+#include "tests/support/PowerCut.h"
 #include "tests/support/TempDirectory.h"
 
 namespace {
 
 using std::string;
+using testing::ElementsAre;
 
 constexpr int kProcesses = 8;
-constexpr int kRounds = 500;
+constexpr int kRounds = 100;
 
 constexpr const char* kNames[kProcesses] = {"Key1", "Key2", "Key3", "Key4", "Key5", "Key6", "Key7", "Key8"};
 PXR_config_file<kProcesses + 1> table = {nullptr, "[ServerAgent%s_CRASH]", "0350", "Crash Test File", {}};
@@ -43,6 +49,11 @@ string FileWith(const std::function<int(int)>& value) {
                    std::to_string(key) + "\n" + string(1100, '#') + "\n";
     }
     return content + "# end of file\n";
+}
+
+/// Every key has this value.
+string Version(int value) {
+    return FileWith([=](int) { return value; });
 }
 
 class ConfigCrash : public testing::Test {
@@ -94,14 +105,82 @@ int RewriteOwnKey(uint32_t key) {
 }
 
 TEST_F(ConfigCrash, EightProcessesLoseNothing) {
-    Place(FileWith([](int) { return 0; }));
+    Place(Version(0));
     std::vector<pid_t> children;
     for (uint32_t key = 1; key <= kProcesses; ++key)
         children.push_back(Fork([=] { return RewriteOwnKey(key); }));
     for (const pid_t child : children)
         EXPECT_EQ(0, WaitFor(child));
-    EXPECT_EQ(FileWith([](int) { return kRounds; }), directory_.ReadFile("crash.cfg"));
+    EXPECT_EQ(Version(kRounds), directory_.ReadFile("crash.cfg"));
     EXPECT_FALSE(directory_.Exists("crash.tmp"));
+}
+
+int Rewrite(int version) {
+    return static_cast<int>(PXR_write_cfgfile(table.Table(), Values(version).slots));
+}
+
+TEST_F(ConfigCrash, APowerCutLeavesAWholeFileAndAWholeBackup) {
+    Place(Version(1));
+    PowerCut cut(directory_.Path(""));
+    for (int version = 2; version <= 12; ++version)
+        cut.Record([&] { EXPECT_EQ(0, Rewrite(version)); });
+    EXPECT_EQ(std::vector<string>(), cut.Faults());
+    const size_t states = cut.TryAll([&](const PowerCut::Moment& moment) {
+        const int last = static_cast<int>(moment.returned) + 1;
+        const string left = directory_.ReadFile("crash.cfg");
+        ASSERT_TRUE(left == Version(last) || left == Version(last + 1)) << left.size() << " bytes";
+        const string backup = directory_.ReadFile("crash.bak");
+        EXPECT_TRUE(backup == Version(last) || (last == 1 ? backup.empty() : backup == Version(last - 1)));
+        EXPECT_EQ(0, Rewrite(99)) << "nothing that was left stands in the way";
+        EXPECT_TRUE(directory_.ReadFile("crash.cfg") == Version(99) && directory_.ReadFile("crash.bak") == left);
+        EXPECT_FALSE(directory_.Exists("crash.tmp") || directory_.Exists("crash.bak.tmp"));
+    });
+    std::cout << states << " states\n";
+    EXPECT_GE(states, 500U);
+}
+
+TEST_F(ConfigCrash, ACallThatFailsLeavesAWholeFileAndAWholeBackup) {
+    Place(Version(2));
+    directory_.AddFile("crash.bak", Version(1));
+    PowerCut cut(directory_.Path(""));
+    int result = 0;
+    std::set<string> unnoticed;
+    const size_t runs = cut.FailEach(
+        EIO, [&] { result = Rewrite(3); },
+        [&](const string& call) {
+            const string left = directory_.ReadFile("crash.cfg");
+            EXPECT_TRUE(left == Version(result == 0 ? 3 : 2)) << left.size() << " bytes";
+            const string backup = directory_.ReadFile("crash.bak");
+            EXPECT_TRUE(backup == Version(1) || backup == Version(2)) << backup.size() << " bytes";
+            if (result == 0) unnoticed.insert(call);
+            EXPECT_FALSE(directory_.Exists("crash.tmp") || directory_.Exists("crash.bak.tmp"));
+        });
+    EXPECT_GT(runs, 30U);
+    // The looks for a dead writer's files, and syncs that only make a whole file last longer.
+    EXPECT_THAT(unnoticed, ElementsAre("open .", "open crash.bak.tmp", "open crash.tmp", "sync .", "sync crash.cfg"));
+    cut.FailEach(
+        EIO, [&] { result = static_cast<int>(PXR_read_cfgfile(table.Table(), Values(0).slots)); },
+        [&](const string& call) {
+            const int expected = call == "open crash.cfg" ? 0x61E51301 : call == "read crash.cfg" ? 0x61B81301 : 0;
+            EXPECT_EQ(expected, result);
+        });
+}
+
+TEST_F(ConfigCrash, FilesOfOneStemAreWrittenOneAfterTheOther) {
+    const auto rewrite = [this](const char* name, const char* header) {
+        table.path = strdup(directory_.AddFile(name, "").c_str());
+        table.headerFormat = header;
+        for (int round = 1; round <= 100; ++round) {
+            if (Rewrite(round) != 0) return 1;
+            Values read(0);
+            if (PXR_read_cfgfile(table.Table(), read.slots) != 0 || read.slots[0].value.number != round) return 2;
+        }
+        return 0;
+    };
+    const pid_t first = Fork([&] { return rewrite("stem.cfg", "[First%s]"); });
+    const pid_t second = Fork([&] { return rewrite("stem.dat", "[Second%s]"); });
+    EXPECT_EQ(0, WaitFor(first));
+    EXPECT_EQ(0, WaitFor(second));
 }
 
 /// Runs a rewrite under trace and kills it when it is about to make, or has just made, its stop-th half system call.
@@ -127,8 +206,8 @@ bool KilledAt(int stop, PXR_config_data* values) {
 }
 
 TEST_F(ConfigCrash, DeathAtAnySystemCallLeavesTheOldOrTheNewFile) {
-    const string before = FileWith([](int) { return 1; });
-    const string after = FileWith([](int) { return 2; });
+    const string before = Version(1);
+    const string after = Version(2);
     Values values(2);
     int outcomes[2] = {};
     bool replaced = false;
