@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cstdint>
 
-#include "common/KvDfAlert.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_SdrTable.h"
 #include "libplatform/KvPsSel.h"
 
@@ -46,11 +45,10 @@ void TerminateSELDatabase();
 ///         opened, read (the other devices have theirs)
 uint32_t LoadSelDeviceInfo();
 
-/// Appends one alert when a file of the database has failed since the last call that did.
-/// @param count   of alerts
-/// @param alerts  made by array-new, or null for none; a longer array takes its place
-/// @return 0; 0x60004201 null; 0x60001202 out of memory: nothing is changed, and the next call tries again
-uint32_t AddAlertOccurredBySELDb(unsigned long* count, KVDF_ALERT** alerts);
+/// Whether a file of the database has failed, and nobody has been told yet.
+bool IsDatabaseFailureUntold();
+/// Takes that failure, for who is going to tell of it: true once.
+bool TakeDatabaseFailure();
 
 /// Makes a device the current one; an index above 126 the first.
 void SetSelDeviceIdx(uint32_t index);

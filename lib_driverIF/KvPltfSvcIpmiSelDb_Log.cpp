@@ -154,6 +154,15 @@ uint32_t SelLog::Clear(uint32_t function) const {
 
 }  // namespace ktx_ipmi
 
+bool IsDatabaseFailureUntold() {
+    return g_eSelDbFileStat == kSelDbFailed;
+}
+
+bool TakeDatabaseFailure() {
+    SelDbFileState failed = kSelDbFailed;
+    return g_eSelDbFileStat.compare_exchange_strong(failed, kSelDbReported);
+}
+
 bool CheckSelMaskList(uint32_t kind) {
     return std::ranges::any_of(ktx_ipmi::Markers(), [kind](SelMarker& marker) {
         return marker.kind == kind && std::atomic_ref(marker.matched).load() != 0;

@@ -16,7 +16,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
-using testing::StartsWith;
 
 using namespace std::string_literals;
 
@@ -83,20 +82,15 @@ TEST_F(SelDbFiles, ADatabaseThatFailsIsToldOnceAndKeepsNothingBack) {
     };
     for (const auto& [what, damage, mended, known] : cases) {
         Run([&] {
-            unsigned long count = 0;
-            KVDF_ALERT* alerts = nullptr;
             StartWith(3);
-            EXPECT_EQ(0U, AddAlertOccurredBySELDb(&count, &alerts));
-            EXPECT_EQ(0U, count) << "all is well";
+            EXPECT_FALSE(TakeDatabaseFailure()) << "all is well";
             damage();
             Start();
             Log(1);
             EXPECT_THAT(Poll(), ElementsAre(4)) << what;
             EXPECT_EQ(kSelDbFailed, g_eSelDbFileStat) << what;
-            for (int i = 0; i < 2; ++i)
-                EXPECT_EQ(0U, AddAlertOccurredBySELDb(&count, &alerts));
-            EXPECT_EQ(1U, count) << "told once";
-            delete[] alerts;
+            EXPECT_TRUE(TakeDatabaseFailure());
+            EXPECT_FALSE(TakeDatabaseFailure()) << "told once";
             Log(1);
             EXPECT_THAT(Poll(), ElementsAre(5)) << what;
             EXPECT_EQ(kSelDbReported, g_eSelDbFileStat) << "it only ever rises";
@@ -108,35 +102,6 @@ TEST_F(SelDbFiles, ADatabaseThatFailsIsToldOnceAndKeepsNothingBack) {
             EXPECT_EQ(mended ? kSelDbGood : kSelDbFailed, g_eSelDbFileStat) << what;
         });
     }
-}
-
-TEST_F(SelDbFiles, TheAlertOfAFailedDatabaseJoinsTheOthers) {
-    setenv("LANG", "ja_JP.eucJP", 1);
-    Run([this] {
-        unsigned long count = 1;
-        auto* alerts = new KVDF_ALERT[1];
-        alerts[0].id = 7;
-        alerts[0].message = "another one";
-        EXPECT_EQ(0x60004201U, AddAlertOccurredBySELDb(nullptr, &alerts));
-        EXPECT_EQ(0x60004201U, AddAlertOccurredBySELDb(&count, nullptr));
-        StartWith(1);
-        Write(kDb, "");
-        Start();
-        Poll();
-        ASSERT_EQ(0U, AddAlertOccurredBySELDb(&count, &alerts));
-        ASSERT_EQ(2U, count);
-        EXPECT_EQ(7U, alerts[0].id);
-        EXPECT_STREQ("another one", alerts[0].message);
-        EXPECT_EQ(64016U, alerts[1].id);
-        EXPECT_EQ(10U, alerts[1].level);
-        EXPECT_EQ(16U, alerts[1].portion);
-        EXPECT_LE(time(nullptr) - 5, static_cast<time_t>(alerts[1].time));
-        EXPECT_STREQ("The database of the system event log cannot be used. Events may be reported again or be lost.",
-                     alerts[1].message2);
-        EXPECT_THAT(std::string(alerts[1].message), StartsWith("\x83V\x83X")) << "in the agent's language";
-        delete[] alerts;
-    });
-    unsetenv("LANG");
 }
 
 TEST_F(SelDbFiles, WhatCannotBeReadForAMomentIsReadLater) {

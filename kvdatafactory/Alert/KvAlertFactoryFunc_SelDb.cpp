@@ -1,13 +1,15 @@
-// The alert that a failed database raises.
+// The alert that a failed database of the event logs raises.
+
+#include "kvdatafactory/Alert/KvAlertFactoryFunc_SelDb.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <ctime>
 #include <memory>
 #include <new>
 
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
+#include "cover/Heap.h"
 #include "lib_driverIF/KvPltfSvcIpmiSelDb.h"
 #include "libplatform/PXR_catalogue.h"
 
@@ -21,7 +23,7 @@ constexpr int kAlertSet = 2;
 void SetText(CKvString& out, int locale) {
     char* text = nullptr;
     GetCatMessage(locale, "KvAgent.cat", kAlertSet, kAlertDatabaseFailed, &text);
-    const std::unique_ptr<char, decltype(&free)> owner(text, free);
+    const OwnedText owner(text);
     out = text;
 }
 
@@ -34,17 +36,11 @@ void FillAlert(KVDF_ALERT& alert) {
     SetText(alert.message2, KV_LOCALE_NEUTRAL);
 }
 
-/// Takes the failure for who is going to tell of it: true once.
-bool TakeDatabaseFailure() {
-    SelDbFileState failed = kSelDbFailed;
-    return g_eSelDbFileStat.compare_exchange_strong(failed, kSelDbReported);
-}
-
 }  // namespace
 
 uint32_t AddAlertOccurredBySELDb(unsigned long* count, KVDF_ALERT** alerts) {
     if (count == nullptr || alerts == nullptr) return PXR_ReportError(MakeResult(fn::kNone, Reason::NullArgument));
-    if (g_eSelDbFileStat != kSelDbFailed) return 0;
+    if (!IsDatabaseFailureUntold()) return 0;
     const unsigned long before = *alerts != nullptr ? *count : 0;
     std::unique_ptr<KVDF_ALERT[]> longer(new (std::nothrow) KVDF_ALERT[before + 1]);
     if (longer == nullptr) return PXR_ReportError(MakeResult(fn::kNone, Reason::OutOfMemory));
