@@ -1,13 +1,11 @@
 // Which service processor (SVP) the machine has, and whether its driver works.
 
 #include <array>
-#include <cstdlib>
-#include <cstring>
-#include <memory>
-#include <span>
+#include <bit>
 
+#include "common/ByteReader.h"
 #include "common/PXR_host.h"
-#include "cover/FileCover.h"
+#include "common/TextCursor.h"
 #include "lib_driverIF/KvPltfSvcLibPilot2_Internal.h"
 
 namespace {
@@ -19,42 +17,19 @@ constexpr const char* kPciDevices = "/proc/bus/pci/devices";
 constexpr std::string_view kSvpBoardId;
 
 /// A byte buffer that grows.
-class COptMem {
-public:
-    bool Append(std::span<const uint8_t> bytes) {
-        auto* const grown = static_cast<uint8_t*>(realloc(bytes_.get(), size_ + bytes.size()));
-        if (grown == nullptr) return false;
-        static_cast<void>(bytes_.release());  // realloc has taken it
-        bytes_.reset(grown);
-        memcpy(grown + size_, bytes.data(), bytes.size());
-        size_ += bytes.size();
-        return true;
-    }
-    std::span<const uint8_t> Bytes() const { return {bytes_.get(), size_}; }
+using COptMem = std::vector<uint8_t>;
 
-private:
-    struct Freed {
-        void operator()(uint8_t* bytes) const { free(bytes); }
-    };
-    std::unique_ptr<uint8_t, Freed> bytes_;
-    size_t size_ = 0;
-};
-
-/// Settings of the BMC's functions, as the host hands them over: 32-bit values one after the other.
+/// Settings of the BMC's functions as the host hands them over: 32-bit values one after the other, in the machine's order
+/// of bytes. How many there are is the host's affair.
 class CRuntimeOpt {
 public:
-    bool Add(uint32_t value) {
-        const auto* const bytes = reinterpret_cast<const uint8_t*>(&value);
-        return memory_.Append({bytes, sizeof value});
+    void Add(uint32_t value) {
+        const auto bytes = std::bit_cast<std::array<uint8_t, sizeof value>>(value);
+        memory_.insert(memory_.end(), bytes.begin(), bytes.end());
     }
-    bool Empty() const { return memory_.Bytes().empty(); }
+    bool Empty() const { return memory_.empty(); }
     /// @return 0 for a setting that is not there
-    uint32_t Value(size_t index) const {
-        uint32_t value = 0;
-        const std::span<const uint8_t> bytes = memory_.Bytes();
-        if ((index + 1) * sizeof value <= bytes.size()) memcpy(&value, &bytes[index * sizeof value], sizeof value);
-        return value;
-    }
+    uint32_t Value(size_t index) const { return U32At(memory_, index * sizeof(uint32_t)); }
 
 private:
     COptMem memory_;
@@ -82,14 +57,6 @@ uint32_t RackState() {
     }
     LOG_CAPABILITY(kLogDebug, "SVP driver  stopping?");
     return kSvpNone;
-}
-
-/// The second word of a line.
-std::string_view SecondField(std::string_view line) {
-    constexpr std::string_view kBlanks = " \t";
-    line.remove_prefix(std::min(line.find_first_of(kBlanks), line.size()));
-    line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));
-    return line.substr(0, line.find_first_of(kBlanks));
 }
 
 }  // namespace
@@ -123,10 +90,9 @@ bool IsPciDeviceListed(std::string_view id) {
     const std::optional<std::string> list = ReadWholeFile(kPciDevices);
     if (!list) return false;
     std::string_view rest = *list;
-    while (!rest.empty()) {
-        const std::string_view line = rest.substr(0, rest.find('\n'));
-        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
-        if (SecondField(line) != id) continue;
+    for (std::string_view line; text::TakeLine(rest, line);) {
+        text::TakeWord(line);
+        if (text::TakeWord(line) != id) continue;
         LOG_CAPABILITY(kLogDebug, "DEVICE_ID/VENDOR_ID ... Mounted.(%.*s)", static_cast<int>(id.size()), id.data());
         return true;
     }
