@@ -9,6 +9,7 @@
 #include "common/ByteReader.h"
 #include "common/Checksum.h"
 #include "host/kvhost_Text.h"
+#include "lib_driverIF/FruLayout.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_IdString.h"
 
 namespace kvhost {
@@ -17,19 +18,11 @@ namespace {
 
 using Bytes = std::span<const uint8_t>;
 
-constexpr size_t kUnit = 8;  // of the offsets in the header and of the lengths of areas
-constexpr size_t kHeaderSize = 8;
 constexpr uint8_t kVersion = 1;
-constexpr uint8_t kVersionBits = 0x0F;
-
-/// Where the header says which area begins.
-enum Pointer : size_t { kChassis = 2, kBoard = 3, kProduct = 4, kRecords = 5 };
 
 // Texts
 
 constexpr uint8_t kEnglish = 25;
-constexpr uint8_t kEndOfFields = 0xC1;
-constexpr uint8_t kFieldLengthBits = 0x3F;  // here the length counts bytes
 
 bool IsEnglish(uint8_t language) {
     return language == 0 || language == kEnglish;
@@ -147,8 +140,8 @@ Bytes Extent(Bytes image, size_t offset, FruArea& area) {
         return {};
     }
     Bytes bytes = image.subspan(offset);
-    const size_t length = bytes[1] * kUnit;
-    if ((bytes[0] & kVersionBits) != kVersion) {
+    const size_t length = bytes[1] * fru::kAreaUnit;
+    if ((bytes[0] & fru::kVersionBits) != kVersion) {
         area.problem = "unknown format version";
         return {};
     }
@@ -163,8 +156,8 @@ Bytes Extent(Bytes image, size_t offset, FruArea& area) {
 
 /// The texts from a place on: the named ones first, then the maker's own.
 void DecodeTexts(Bytes rest, std::initializer_list<const char*> names, uint8_t language, FruArea& area) {
-    for (size_t i = 0; !rest.empty() && rest[0] != kEndOfFields; ++i) {
-        const size_t length = rest[0] & kFieldLengthBits;
+    for (size_t i = 0; !rest.empty() && rest[0] != fru::kEndOfFields; ++i) {
+        const size_t length = rest[0] & fru::kLengthBits;
         if (length >= rest.size()) {
             if (area.problem.empty()) area.problem = "a field ends behind its area";
             return;
@@ -222,35 +215,33 @@ std::string RecordName(uint8_t type) {
 }
 
 FruArea DecodeRecords(Bytes image, size_t offset) {
-    constexpr uint8_t kEndOfList = 0x80;
-    constexpr size_t kRecordHeader = 5;
     FruArea area{"records", {}, ""};
     Bytes rest = image.subspan(std::min(offset, image.size()));
     for (bool last = false; !last;) {
-        if (rest.size() < kRecordHeader || !IsSumZero(rest.first(kRecordHeader))) {
+        if (rest.size() < fru::kRecordHeaderSize || !IsSumZero(rest.first(fru::kRecordHeaderSize))) {
             area.problem = "no record header where one should be";
             return area;
         }
         const size_t length = rest[2];
-        if (length > rest.size() - kRecordHeader) {
+        if (length > rest.size() - fru::kRecordHeaderSize) {
             area.problem = "a record ends behind the image";
             return area;
         }
-        const Bytes data = rest.subspan(kRecordHeader, length);
+        const Bytes data = rest.subspan(fru::kRecordHeaderSize, length);
         if (static_cast<uint8_t>(SumOf(data) + rest[3]) != 0) {
             area.problem = "wrong checksum of a record";
         }
         area.fields.emplace_back(RecordName(rest[0]), HexBytes(data));
-        last = (rest[1] & kEndOfList) != 0;
-        rest = rest.subspan(kRecordHeader + length);
+        last = (rest[1] & fru::kEndOfList) != 0;
+        rest = rest.subspan(fru::kRecordHeaderSize + length);
     }
     return area;
 }
 
 std::optional<std::string> HeaderProblem(Bytes image) {
-    if (image.size() < kHeaderSize) return "the image is too short for it";
-    if ((image[0] & kVersionBits) != kVersion) return "unknown format version";
-    if (!IsSumZero(image.first(kHeaderSize))) return "wrong checksum";
+    if (image.size() < fru::kCommonHeaderSize) return "the image is too short for it";
+    if ((image[0] & fru::kVersionBits) != kVersion) return "unknown format version";
+    if (!IsSumZero(image.first(fru::kCommonHeaderSize))) return "wrong checksum";
     return std::nullopt;
 }
 
@@ -259,14 +250,18 @@ std::optional<std::string> HeaderProblem(Bytes image) {
 std::vector<FruArea> DecodeFru(std::span<const uint8_t> image) {
     if (const auto problem = HeaderProblem(image)) return {{"header", {}, *problem}};
     struct Decoder {
-        Pointer pointer;
+        fru::AreaPointer pointer;
         FruArea (*decode)(Bytes image, size_t offset);
     };
     constexpr Decoder kDecoders[] = {
-        {kChassis, DecodeChassis}, {kBoard, DecodeBoard}, {kProduct, DecodeProduct}, {kRecords, DecodeRecords}};
+        {fru::kChassisArea, DecodeChassis},
+        {fru::kBoardArea, DecodeBoard},
+        {fru::kProductArea, DecodeProduct},
+        {fru::kRecordArea, DecodeRecords},
+    };
     std::vector<FruArea> areas;
     for (const auto& [pointer, decode] : kDecoders) {
-        if (image[pointer] != 0) areas.push_back(decode(image, image[pointer] * kUnit));
+        if (image[pointer] != 0) areas.push_back(decode(image, image[pointer] * fru::kAreaUnit));
     }
     return areas;
 }

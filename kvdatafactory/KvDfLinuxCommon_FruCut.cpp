@@ -9,6 +9,7 @@
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
 #include "kvdatafactory/KvDfLinuxCommon_Fru.h"
+#include "lib_driverIF/FruLayout.h"
 #include "lib_driverIF/KvPltfSvcProduct.h"
 #include "libplatform/PXR_trace.h"
 
@@ -28,20 +29,6 @@ constexpr const char* kSource = "kvdatafactory/KvDfLinuxCommon";
 constexpr uint32_t kProductArea = KV_FRU_PRODUCT_AREA >> 16;
 constexpr uint32_t kOemArea = KV_FRU_OEM_AREA >> 16;
 constexpr uint32_t kOem2Area = KV_FRU_SECOND_OEM_AREA >> 16;
-
-constexpr size_t kAreaUnit = 8;
-constexpr size_t kCommonHeaderSize = 8;
-constexpr size_t kProductAreaPointer = 4;
-constexpr size_t kRecordAreaPointer = 5;
-constexpr uint8_t kVersionMask = 0x0F;
-constexpr uint8_t kLengthMask = 0x3F;
-constexpr uint8_t kEndOfFields = 0x01;  // as a length; 0xC1 with its type
-
-constexpr size_t kRecordHeaderSize = 5;
-constexpr uint8_t kEndOfList = 0x80;
-
-// The adapters' addresses, which boards with a FRU command of their own keep there.
-constexpr std::array<uint32_t, 2> kAdapterTargets{0x5000E, 0x5000F};
 
 std::atomic<FruIndexFunction> g_updateFruIndex{nullptr};
 
@@ -70,8 +57,8 @@ Bytes From(Bytes bytes, size_t position) {
 
 /// Checks the common header. @return 0
 uint32_t CheckCommonHeader(Bytes image) {
-    if (image.size() < kCommonHeaderSize) return ReportBadData();
-    const int version = image[0] & kVersionMask;
+    if (image.size() < fru::kCommonHeaderSize) return ReportBadData();
+    const int version = image[0] & fru::kVersionBits;
     if (version != 0) return 0;
     KvRasLog(1, kSource, __LINE__, "Not Support Common Header Version<%d>", version);
     return ReportBadData();
@@ -79,8 +66,8 @@ uint32_t CheckCommonHeader(Bytes image) {
 
 /// The area that the common header points to; empty when there is none.
 Bytes Area(Bytes image, size_t pointer) {
-    if (image.size() < kCommonHeaderSize || image[pointer] == 0) return {};
-    return From(image, image[pointer] * kAreaUnit);
+    if (image.size() < fru::kCommonHeaderSize || image[pointer] == 0) return {};
+    return From(image, image[pointer] * fru::kAreaUnit);
 }
 
 /// The OEM records: those of the image, or else those that the controller keeps behind its OEM command.
@@ -89,7 +76,7 @@ struct OemRecords {
     bool controllers;  ///< the latter
 };
 OemRecords Records(const FruSource& source) {
-    const Bytes area = Area(source.image, kRecordAreaPointer);
+    const Bytes area = Area(source.image, fru::kRecordArea);
     return area.empty() ? OemRecords{source.oemRecords, true} : OemRecords{area, false};
 }
 
@@ -102,11 +89,11 @@ void Put(Bytes bytes, _KvFruData* out) {
 /// The field at an index of the product area; none when the area ends before it.
 Bytes ProductField(Bytes area, uint32_t index) {
     constexpr size_t kFieldsOffset = 3;  // version, length, language
-    const size_t claimed = area[1] * kAreaUnit;
+    const size_t claimed = area[1] * fru::kAreaUnit;
     Bytes rest = From(claimed != 0 ? area.first(std::min(claimed, area.size())) : area, kFieldsOffset);
     for (; !rest.empty(); --index) {
-        const size_t length = rest[0] & kLengthMask;
-        if (length == kEndOfFields || length >= rest.size()) return {};
+        const size_t length = rest[0] & fru::kLengthBits;
+        if (length == (fru::kEndOfFields & fru::kLengthBits) || length >= rest.size()) return {};
         if (index == 0) return rest.subspan(1, length);
         rest = rest.subspan(1 + length);
     }
@@ -117,9 +104,9 @@ Bytes ProductField(Bytes area, uint32_t index) {
 /// the header itself: in an image that is a matter of the board, the controller's own records never do.
 Bytes SecondRecord(const FruSource& source) {
     const auto [first, controllers] = Records(source);
-    if (first.size() < kRecordHeaderSize || (first[1] & kEndOfList) != 0) return {};
+    if (first.size() < fru::kRecordHeaderSize || (first[1] & fru::kEndOfList) != 0) return {};
     const bool separateHeader = controllers || product::CountsRecordsWithoutHeader(source.version);
-    return From(first, first[2] + (separateHeader ? kRecordHeaderSize : 0));
+    return From(first, first[2] + (separateHeader ? fru::kRecordHeaderSize : 0));
 }
 
 /// A field, and how far the next one lies behind it.
@@ -165,7 +152,7 @@ void FruFields::Add(std::span<const uint8_t> bytes) {
 void CreateFruFormat(std::span<const uint8_t> area, std::span<const uint8_t> lengths, bool q52, FruFields& out) {
     uint8_t before = 0;  // first byte of the field before
     for (size_t i = 0; i < lengths.size(); ++i) {
-        const size_t length = lengths[i] == kFruVariableLength ? before & kLengthMask : lengths[i];
+        const size_t length = lengths[i] == kFruVariableLength ? before & fru::kLengthBits : lengths[i];
         Cut cut;
         const bool there = q52 && i == 11   ? Q52Field11(area, cut)
                            : q52 && i == 17 ? Q52Field17(area, cut)
@@ -182,9 +169,9 @@ uint32_t GetProductRecordFormatFruData(std::span<const uint8_t> image, uint32_t 
     if (out == nullptr) return ReportNullRecord();
     *out = {};
     if (const uint32_t rc = CheckCommonHeader(image)) return rc;
-    const Bytes area = Area(image, kProductAreaPointer);
-    if (area.size() < kAreaUnit) return 0;  // the unit is without a product area, or its image was cut
-    const int version = area[0] & kVersionMask;
+    const Bytes area = Area(image, fru::kProductArea);
+    if (area.size() < fru::kAreaUnit) return 0;  // the unit is without a product area, or its image was cut
+    const int version = area[0] & fru::kVersionBits;
     if (version == 0) {
         KvRasLog(1, kSource, __LINE__, "Not Support Produbt Area Version<%d>", version);
         return ReportBadData();
@@ -197,9 +184,8 @@ uint32_t GetOemRecordFormatFruData(const FruSource& source, uint32_t asked, uint
     if (source.image.data() == nullptr) return ReportNullImage();
     if (out == nullptr) return ReportNullRecord();
     *out = {};
-    if (source.boardFru && std::ranges::find(kAdapterTargets, asked) != kAdapterTargets.end()) {
-        return GetVelmoraFruData(asked, out);
-    }
+    const bool adapter = asked == fru::kAdapterA || asked == fru::kAdapterB;
+    if (source.boardFru && adapter) return GetVelmoraFruData(asked, out);
     FruFields fields;
     CreateFruFormat(Records(source).bytes, source.pilot2 ? Bytes(szFruFmt_pilot2) : Bytes(szFruOemFmt),
                     product::IsQ52(source.product), fields);

@@ -3,12 +3,13 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <numeric>
 #include <source_location>
 #include <span>
 
+#include "common/Checksum.h"
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
+#include "lib_driverIF/FruLayout.h"
 #include "lib_driverIF/KvPltfSvcIpmiCall.h"
 #include "lib_driverIF/KvPltfSvcIpmiCmd.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_Fru.h"
@@ -40,11 +41,6 @@ bool PieceTooLong() {
     return std::ranges::find(kCodes, GetRecentCompCode()) != kCodes.end();
 }
 
-uint8_t SumOf(std::span<const uint8_t> bytes) {
-    return std::accumulate(bytes.begin(), bytes.end(), uint8_t{0},
-                           [](uint8_t sum, uint8_t byte) { return static_cast<uint8_t>(sum + byte); });
-}
-
 /// Before each piece: others are let in. @return 0; 0x6000B10D the process is told to end; 0x6000B104
 uint32_t MayGoOn(IpmiBracket& bracket, std::source_location where = std::source_location::current()) {
     if (ShallEnd()) return PXR_ReportError(MakeResult(fn::kNone, service_reason::kTerminating), where);
@@ -71,18 +67,14 @@ uint32_t ReadOemBytes(IpmiBracket& bracket, uint32_t offset, std::span<uint8_t> 
 
 // The OEM FRU's multi-records
 
-constexpr size_t kCommonHeaderSize = 8;
-constexpr size_t kRecordAreaPointer = 5;
-constexpr uint32_t kAreaUnit = 8;
 constexpr uint32_t kMostRecords = 256;  // a list that is longer has lost its end
 
 struct RecordHeader {
-    static constexpr size_t kSize = 5;
-    std::array<uint8_t, kSize> bytes;
+    std::array<uint8_t, fru::kRecordHeaderSize> bytes;
 
     uint8_t Type() const { return bytes[0]; }
-    bool Last() const { return (bytes[1] & 0x80) != 0; }
-    uint8_t Version() const { return bytes[1] & 0x0F; }
+    bool Last() const { return (bytes[1] & fru::kEndOfList) != 0; }
+    uint8_t Version() const { return bytes[1] & fru::kVersionBits; }
     uint8_t Length() const { return bytes[2]; }
     uint8_t Checksum() const { return bytes[3]; }
     /// The two kinds of records that the product's inventory is made of: "BASIC" and "QVM".
@@ -96,13 +88,13 @@ void Dump(std::span<const uint8_t> bytes) {
 
 constexpr const char* kSource = "lib_driverIF/KvPltfSvcIpmiMain";
 
-uint32_t ReadCommonHeader(IpmiBracket& bracket, std::array<uint8_t, kCommonHeaderSize>& header) {
+uint32_t ReadCommonHeader(IpmiBracket& bracket, std::array<uint8_t, fru::kCommonHeaderSize>& header) {
     if (const uint32_t rc = ReadOemBytes(bracket, 0, header)) {
         KvRasLog(1, kSource, __LINE__, "Can't read OEM Common Header.(Offset=%u)", 0u);
         Dump(header);
         return rc;
     }
-    if (SumOf(header) == 0) return 0;
+    if (IsSumZero(header)) return 0;
     KvRasLog(1, kSource, __LINE__, "Unmatch checksum OEM Common Header.(Offset=%u)", 0u);
     Dump(header);
     return ReportBadData();
@@ -114,7 +106,7 @@ uint32_t ReadRecordHeader(IpmiBracket& bracket, uint32_t offset, RecordHeader& h
         Dump(header.bytes);
         return rc;
     }
-    if (SumOf(header.bytes) == 0) return 0;
+    if (IsSumZero(header.bytes)) return 0;
     KvRasLog(1, kSource, __LINE__, "Unmatch checksum OEM Murti Record Header.(Offset=%u)", offset);
     Dump(header.bytes);
     return ReportBadData();
@@ -123,7 +115,7 @@ uint32_t ReadRecordHeader(IpmiBracket& bracket, uint32_t offset, RecordHeader& h
 /// Appends a record with its header to those read so far.
 uint32_t ReadRecord(IpmiBracket& bracket, uint32_t offset, const RecordHeader& header, uint8_t* buffer,
                     uint32_t* length) {
-    const size_t size = RecordHeader::kSize + header.Length();
+    const size_t size = fru::kRecordHeaderSize + header.Length();
     if (size > kOemFruRecordsSize - *length) {
         KvRasLog(1, kSource, __LINE__, "Record size(%d) will be overflow. now version is unsupported.",
                  header.Length());
@@ -131,9 +123,9 @@ uint32_t ReadRecord(IpmiBracket& bracket, uint32_t offset, const RecordHeader& h
         return ReportBadData();
     }
     const std::span<uint8_t> record(buffer + *length, size);
-    const std::span<uint8_t> data = record.subspan(RecordHeader::kSize);
+    const std::span<uint8_t> data = record.subspan(fru::kRecordHeaderSize);
     std::ranges::copy(header.bytes, record.begin());
-    if (const uint32_t rc = ReadOemBytes(bracket, offset + RecordHeader::kSize, data)) {
+    if (const uint32_t rc = ReadOemBytes(bracket, offset + fru::kRecordHeaderSize, data)) {
         KvRasLog(1, kSource, __LINE__, "Can't read OEM Murti Record.(Offset=%u)", offset);
         Dump(header.bytes);
         return rc;
@@ -204,9 +196,9 @@ uint32_t ReadVelmoraFruData(IpmiBracket& bracket, uint8_t* image, uint32_t* leng
 uint32_t ReadOEMFRURecords(IpmiBracket& bracket, uint8_t* buffer, uint32_t* length) {
     memset(buffer, 0, kOemFruRecordsSize);
     *length = 0;
-    std::array<uint8_t, kCommonHeaderSize> common{};
+    std::array<uint8_t, fru::kCommonHeaderSize> common{};
     if (const uint32_t rc = ReadCommonHeader(bracket, common)) return rc;
-    uint32_t offset = common[kRecordAreaPointer] * kAreaUnit;
+    uint32_t offset = common[fru::kRecordArea] * uint32_t{fru::kAreaUnit};
     if (offset == 0) return 0;  // no such area
     for (uint32_t count = 0; count < kMostRecords; ++count) {
         RecordHeader header{};
@@ -215,7 +207,7 @@ uint32_t ReadOEMFRURecords(IpmiBracket& bracket, uint8_t* buffer, uint32_t* leng
             if (const uint32_t rc = ReadRecord(bracket, offset, header, buffer, length)) return rc;
         }
         if (header.Last()) return 0;
-        offset += static_cast<uint32_t>(RecordHeader::kSize) + header.Length();
+        offset += uint32_t{fru::kRecordHeaderSize} + header.Length();
     }
     return ReportBadData();
 }

@@ -12,6 +12,7 @@
 #include <new>
 #include <utility>
 
+#include "lib_driverIF/FruLayout.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_FruReader.h"
 #include "lib_driverIF/KvPltfSvcLibPilot2_Internal.h"
 #include "libplatform/PXR_proc.h"
@@ -26,7 +27,7 @@ struct Adapter {
     char name;
     uint32_t fruTarget;
 };
-constexpr std::array<Adapter, 2> kBladeAdapters{{{'A', 0x5000E}, {'B', 0x5000F}}};
+constexpr std::array<Adapter, 2> kBladeAdapters{{{'A', fru::kAdapterA}, {'B', fru::kAdapterB}}};
 constexpr size_t kMacLength = 6;
 
 std::string ReadBladeAdapter(const Adapter& adapter) {
