@@ -21,16 +21,19 @@ extern const uint8_t szFruOemFmt[32];      ///< first OEM record
 extern const uint8_t szFruFmt_pilot2[22];  ///< first OEM record on Pilot2 boards
 extern const uint8_t szFruOem2Fmt[10];     ///< second OEM record
 
-/// A record split into its fields.
+/// A record split into its fields, which are views of its bytes. A field may lie in two parts.
 class FruFields {
 public:
-    void Add(std::span<const uint8_t> bytes);
-    size_t Count() const { return count_; }
-    /// The field at an index; null when the record has no such field.
-    const _KvFruData* Find(size_t index) const { return index < count_ ? &fields_[index] : nullptr; }
+    void Add(std::span<const uint8_t> first, std::span<const uint8_t> second);
+    /// @return false, out being untouched, when the record has no such field
+    bool Get(size_t index, _KvFruData* out) const;
 
 private:
-    std::array<_KvFruData, 32> fields_{};
+    struct Field {
+        std::span<const uint8_t> first;
+        std::span<const uint8_t> second;
+    };
+    std::array<Field, 32> fields_{};
     size_t count_ = 0;
 };
 

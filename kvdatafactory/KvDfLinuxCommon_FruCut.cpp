@@ -109,58 +109,59 @@ Bytes SecondRecord(const FruSource& source) {
     return From(first, first[2] + (separateHeader ? fru::kRecordHeaderSize : 0));
 }
 
-/// A field, and how far the next one lies behind it.
-struct Cut {
-    _KvFruData field{};
-    size_t advance = 0;
+/// Where a field lies: up to two parts, from where the field before ended.
+struct Place {
+    struct Part {
+        size_t offset;
+        size_t length;
+        size_t End() const { return offset + length; }
+    };
+    Part first;
+    Part second;
+    size_t advance;  ///< to the next field
 };
 
-/// @return false: the area has no such bytes
-bool Plain(Bytes area, size_t length, Cut& cut) {
-    if (length > area.size()) return false;
-    Put(area.first(length), &cut.field);
-    cut.advance = length;
-    return true;
-}
+/// Fields of the Q52 board that do not follow the one before. The first is kept in two parts with eight other bytes between
+/// them; the second lies 24 bytes behind its place.
+struct Exception {
+    size_t index;
+    Place place;
+};
+constexpr std::array<Exception, 2> kQ52Exceptions{{
+    {11, {{0, 6}, {14, 10}, 24}},
+    {17, {{24, 1}, {}, 1}},
+}};
 
-/// The Q52 board keeps the two parts of field 11 with eight other bytes between them.
-bool Q52Field11(Bytes area, Cut& cut) {
-    constexpr size_t kFirstPart = 6, kSecondPart = 14, kEnd = 24;
-    if (area.size() < kEnd) return false;
-    Put(area.first(kFirstPart), &cut.field);
-    std::ranges::copy(area.subspan(kSecondPart, kEnd - kSecondPart), cut.field.data + kFirstPart);
-    cut.field.length = kFirstPart + kEnd - kSecondPart;
-    cut.advance = kEnd;
-    return true;
-}
-
-/// And its field 17 lies 24 bytes behind its place.
-bool Q52Field17(Bytes area, Cut& cut) {
-    constexpr size_t kDistance = 24;
-    if (area.size() <= kDistance) return false;
-    Put(area.subspan(kDistance, 1), &cut.field);
-    cut.advance = 1;
-    return true;
+Place PlaceOf(size_t index, size_t length, bool q52) {
+    const auto found = std::ranges::find(kQ52Exceptions, index, &Exception::index);
+    return q52 && found != kQ52Exceptions.end() ? found->place : Place{{0, length}, {}, length};
 }
 
 }  // namespace
 
-void FruFields::Add(std::span<const uint8_t> bytes) {
-    if (count_ < fields_.size()) Put(bytes, &fields_[count_++]);
+bool FruFields::Get(size_t index, _KvFruData* out) const {
+    if (index >= count_) return false;
+    const auto& [first, second] = fields_[index];
+    Put(first, out);
+    std::ranges::copy(second, out->data + first.size());
+    out->length = static_cast<uint8_t>(first.size() + second.size());
+    return true;
+}
+
+void FruFields::Add(std::span<const uint8_t> first, std::span<const uint8_t> second) {
+    if (count_ < fields_.size()) fields_[count_++] = {first, second};
 }
 
 void CreateFruFormat(std::span<const uint8_t> area, std::span<const uint8_t> lengths, bool q52, FruFields& out) {
     uint8_t before = 0;  // first byte of the field before
     for (size_t i = 0; i < lengths.size(); ++i) {
         const size_t length = lengths[i] == kFruVariableLength ? before & fru::kLengthBits : lengths[i];
-        Cut cut;
-        const bool there = q52 && i == 11   ? Q52Field11(area, cut)
-                           : q52 && i == 17 ? Q52Field17(area, cut)
-                                            : Plain(area, length, cut);
-        if (!there) return;
-        out.Add({cut.field.data, cut.field.length});
-        before = cut.field.data[0];
-        area = area.subspan(cut.advance);
+        const auto [first, second, advance] = PlaceOf(i, length, q52);
+        if (std::max(first.End(), second.End()) > area.size()) return;
+        const Bytes bytes = area.subspan(first.offset, first.length);
+        out.Add(bytes, area.subspan(second.offset, second.length));
+        before = bytes.empty() ? uint8_t{0} : bytes[0];
+        area = area.subspan(advance);
     }
 }
 
@@ -189,9 +190,7 @@ uint32_t GetOemRecordFormatFruData(const FruSource& source, uint32_t asked, uint
     FruFields fields;
     CreateFruFormat(Records(source).bytes, source.pilot2 ? Bytes(szFruFmt_pilot2) : Bytes(szFruOemFmt),
                     product::IsQ52(source.product), fields);
-    if (const _KvFruData* const field = fields.Find(IndexOf(translated))) {
-        *out = *field;
-    } else {
+    if (!fields.Get(IndexOf(translated), out)) {
         KvRasLog(2, kSource, __LINE__, "Not Found Target<%d> FRU Data.", static_cast<int>(asked));
     }
     return 0;
@@ -210,8 +209,7 @@ uint32_t GetOem2RecordFormatFruData(const FruSource& source, uint32_t asked, uin
     }
     FruFields fields;
     CreateFruFormat(record, szFruOem2Fmt, false, fields);
-    if (const _KvFruData* const field = fields.Find(IndexOf(translated))) {
-        *out = *field;
+    if (fields.Get(IndexOf(translated), out)) {
         KvRasLog(3, kSource, __LINE__, "Succeeded in Getting Target<%d> FRU Data.", static_cast<int>(asked));
     } else {
         KvRasLog(2, kSource, __LINE__, "Not Found Target<%d> FRU Data of OEM2 Area.", static_cast<int>(asked));
