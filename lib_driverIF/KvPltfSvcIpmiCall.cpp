@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
 #include "common/PXR_host.h"
 #include "common/PXR_thread_internal.h"
@@ -26,7 +27,7 @@ namespace {
 
 constexpr int kAttempts = 51;
 constexpr uint32_t kPauseBetweenAttempts = 100;  // ms
-constexpr int kTransportFirmwareUpdate = -6;
+constexpr int kTransportFirmwareUpdate = -6;     // never said by the kernel's device
 constexpr uint32_t kTransportFailure = 0x10000000;
 
 constexpr const char* kIpmiLog = "/var/opt/velmora/lantrel/log/@ipmi@.log";
@@ -162,32 +163,54 @@ void AnswerReservationCancelled(const Request& request, const Response& response
               request.NetFnLun(), request.Command(), response.bytes[0], response.bytes[1], response.bytes[2]);
 }
 
+/// Sits an update of the firmware out.
+/// @return the result that ends it; no value: it is tried again, with all its attempts
+std::optional<uint32_t> SitOutUpdate(const Request& request, const Response& response) {
+    if (!WaitForFirmware()) return reason::kTerminating;
+    SetFreeRecentCompCode(kCompCodeFirmwareUpdate);
+    if (IsWatchdogResetOrSvpCommand(request)) return reason::kFirmwareUpdate;
+    if (!WorksUnderReservation(request)) return std::nullopt;
+    AnswerReservationCancelled(request, response);
+    return 0;
+}
+
+/// The attempts at one command. An update of the firmware gives all of them back, as often as the host wants.
+class Retries {
+public:
+    bool AreLeft() const { return failed_ < kAttempts && updates_ <= updateLimit_; }
+    void CountFailure() { Trace(failed_++); }
+    void CountUpdate() {
+        failed_ = 0;
+        ++updates_;
+        Trace(0);
+    }
+
+private:
+    void Trace(int failedBefore) const {
+        PXR_trace(kMaskIpmi, kLevelCall, "It failed in the IPMI command. It retries. retrycount=%d updateretrycount=%d",
+                  failedBefore, updates_);
+    }
+
+    const int updateLimit_ = std::max(host::UpdateRetryLimit(), 0);
+    int failed_ = 0;
+    int updates_ = 0;
+};
+
 uint32_t Execute(const Request& request, const Response& response, const Levels& levels) {
-    const int updateLimit = std::max(host::UpdateRetryLimit(), 0);
     uint32_t result = 0;
-    int updateRetries = 0;
     Transport().BeginRequest();
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        if (updateRetries > updateLimit) return result;
+    for (Retries retries; retries.AreLeft(); Sleep(kPauseBetweenAttempts)) {
         const int rc = Attempt(request, response, levels);
         if (rc == 0) return 0;
         result = kTransportFailure | (static_cast<uint32_t>(rc) & 0x0FFFFFFF);
         PXR_trace(kMaskIpmi, kLevelCall, "IPMI call fail.  rc=0x%08X", result);
         if (IsIpmiEnding() || t_singleAttempt) return result;  // a silent controller does not hold up the end
         if (rc == kTransportFirmwareUpdate) {
-            if (!WaitForFirmware()) return reason::kTerminating;
-            SetFreeRecentCompCode(kCompCodeFirmwareUpdate);
-            ++updateRetries;
-            attempt = -1;  // the count starts anew
-            if (IsWatchdogResetOrSvpCommand(request)) return reason::kFirmwareUpdate;
-            if (WorksUnderReservation(request)) {
-                AnswerReservationCancelled(request, response);
-                return 0;
-            }
+            if (const std::optional<uint32_t> end = SitOutUpdate(request, response)) return *end;
+            retries.CountUpdate();
+        } else {
+            retries.CountFailure();
         }
-        PXR_trace(kMaskIpmi, kLevelCall, "It failed in the IPMI command. It retries. retrycount=%d updateretrycount=%d",
-                  std::max(attempt, 0), updateRetries);
-        Sleep(kPauseBetweenAttempts);
     }
     return result;
 }
