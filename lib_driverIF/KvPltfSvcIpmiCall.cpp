@@ -27,8 +27,8 @@ namespace {
 
 constexpr int kAttempts = 51;
 constexpr uint32_t kPauseBetweenAttempts = 100;  // ms
-constexpr int kTransportFirmwareUpdate = -6;     // never said by the kernel's device
-constexpr uint32_t kTransportFailure = 0x10000000;
+constexpr int kFirmwareUpdate = -6;              // the device of today never says so
+constexpr uint32_t kDriverFailure = 0x10000000;
 
 constexpr const char* kIpmiLog = "/var/opt/velmora/lantrel/log/@ipmi@.log";
 constexpr const char* kIpmiLogCopy = "/var/opt/velmora/lantrel/log/@ipmi@_comperr_%02X.log";
@@ -111,15 +111,16 @@ void KeepLogOf(uint8_t completionCode) {
     }
 }
 
-/// Executes one attempt. @return the transport's result
-int Attempt(const Request& request, const Response& response, const Levels& levels) {
+/// Executes one attempt. @return what the kernel's device says
+int Attempt(const Request& request, const Response& response, const Levels& levels,
+            CWDTOperationThread::Attempts& attempts) {
     std::array<uint8_t, kMaxMessage> received;  // written before it is read
     auto receivedLength = static_cast<uint16_t>(received.size());
     SetFreeRecentCompCode(kCompCodeNone);
     response.Clear();
-    const int rc = Transport().Execute(request.Command(), static_cast<uint8_t>(request.NetFnLun() >> 2),
-                                       static_cast<uint16_t>(request.length - 2), request.bytes + 2, &receivedLength,
-                                       received.data());
+    const int rc = objOprThread.IPMI_ExecCommand(request.Command(), static_cast<uint8_t>(request.NetFnLun() >> 2),
+                                                 static_cast<uint16_t>(request.length - 2), request.bytes + 2,
+                                                 &receivedLength, received.data(), attempts);
     if (rc != 0) return rc;
     if (receivedLength == 0 || receivedLength > received.size()) return -1;  // not even a completion code
     response.Fill(request, received.data(), receivedLength);
@@ -198,14 +199,14 @@ private:
 
 uint32_t Execute(const Request& request, const Response& response, const Levels& levels) {
     uint32_t result = 0;
-    Transport().BeginRequest();
+    CWDTOperationThread::Attempts attempts;
     for (Retries retries; retries.AreLeft(); Sleep(kPauseBetweenAttempts)) {
-        const int rc = Attempt(request, response, levels);
+        const int rc = Attempt(request, response, levels, attempts);
         if (rc == 0) return 0;
-        result = kTransportFailure | (static_cast<uint32_t>(rc) & 0x0FFFFFFF);
+        result = kDriverFailure | (static_cast<uint32_t>(rc) & 0x0FFFFFFF);
         PXR_trace(kMaskIpmi, kLevelCall, "IPMI call fail.  rc=0x%08X", result);
         if (IsIpmiEnding() || t_singleAttempt) return result;  // a silent controller does not hold up the end
-        if (rc == kTransportFirmwareUpdate) {
+        if (rc == kFirmwareUpdate) {
             if (const std::optional<uint32_t> end = SitOutUpdate(request, response)) return *end;
             retries.CountUpdate();
         } else {

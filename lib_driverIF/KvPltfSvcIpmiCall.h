@@ -153,22 +153,4 @@ enum CompCodeClass {
 };
 int CheckRecentCompCode();
 
-/// What carries a command to the BMC; the kernel's device unless it is replaced.
-class IpmiTransport {
-public:
-    virtual ~IpmiTransport() = default;
-    /// @return 0, or -1
-    virtual int Open() = 0;
-    virtual void Close() = 0;
-    /// What is executed from now on is one request, over and over, until the next one begins.
-    virtual void BeginRequest() {}
-    /// @param response        begins with the completion code
-    /// @param responseLength  in: capacity; out: bytes received
-    /// @return 0; -1 failed; -6 the BMC's firmware is being updated
-    virtual int Execute(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data,
-                        uint16_t* responseLength, uint8_t* response) = 0;
-};
-/// Null brings the kernel's device back. Not while a bracket is open.
-void SetIpmiTransport(IpmiTransport* transport);
-
 }  // namespace ktx_ipmi

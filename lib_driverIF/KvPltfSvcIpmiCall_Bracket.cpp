@@ -10,6 +10,7 @@
 #include "cover/TimerCover.h"
 #include "lib_driverIF/KvPltfSvcIpmiCall_Internal.h"
 #include "lib_driverIF/KvPltfSvcIpmiCall_Wait.h"
+#include "lib_driverIF/WDTOperationThread.h"
 #include "libplatform/PXR_trace.h"
 
 namespace ktx_ipmi {
@@ -31,14 +32,14 @@ void ForgetParentsDevice() {
     if (g_deviceOpen.exchange(false)) g_deviceInherited = true;
 }
 
-/// @return what the transport gives, 0 when the device is open already
+/// @return 0, also when the device is open already; -1
 int OpenDevice() {
     const CancelBlock block;
     if (t_deviceDepth == 0) {
         static const int followsForks = pthread_atfork(nullptr, nullptr, ForgetParentsDevice);
         if (followsForks != 0) return -1;
-        if (g_deviceInherited.exchange(false)) Transport().Close();
-        if (const int rc = Transport().Open(); rc != 0) return rc;
+        if (g_deviceInherited.exchange(false)) objOprThread.LOGG_IPMIClose();
+        if (const int rc = objOprThread.LOGG_IPMIInit(); rc != 0) return rc;
         g_deviceOpen = true;
     }
     ++t_deviceDepth;
@@ -49,7 +50,7 @@ void CloseDevice() {
     const CancelBlock block;
     if (t_deviceDepth == 0 || --t_deviceDepth > 0) return;
     g_deviceOpen = false;
-    Transport().Close();
+    objOprThread.LOGG_IPMIClose();
 }
 
 /// The priority flag, set for its scope.

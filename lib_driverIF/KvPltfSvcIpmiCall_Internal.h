@@ -14,8 +14,6 @@ inline constexpr int kLevelCall = 5;
 inline constexpr int kLevelData = 10;
 inline constexpr int kLevelPolled = 30;
 
-IpmiTransport& Transport();
-
 /// Opens the lock file and the turnstile; nothing happens when they are open.
 bool OpenIpmiLock();
 /// Lets nobody in any more, ends all waits, and waits up to a second for the other threads that hold the lock: whoever

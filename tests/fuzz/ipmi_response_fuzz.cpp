@@ -22,6 +22,7 @@
 #include "lib_driverIF/KvPltfSvcIpmiMain_SdrTable.h"
 #include "libplatform/KvPsBmc.h"
 #include "tests/support/RecordingClock.h"
+#include "tests/support/ScriptedDevice.h"
 
 extern _FLKHANDLE* g_hipmilock;
 
@@ -92,19 +93,16 @@ using namespace ktx_ipmi;
 
 /// A controller whose answers stand in the input: a length, the completion code and so many data bytes. No length is
 /// above 0x8F, those say how often the driver fails; at the end of the input it always does.
-class Controller : public IpmiTransport {
-public:
-    int Open() override { return 0; }
-    void Close() override {}
-    int Execute(uint8_t, uint8_t, uint16_t, const uint8_t*, uint16_t* responseLength, uint8_t* response) override {
+class Controller : public ScriptedDevice {
+    std::optional<std::vector<uint8_t>> Answer() override {
         constexpr uint8_t kFails = 0x90;
         if (g_next == g_end || *g_next >= kFails) {
             if (g_next != g_end) ++g_next;
-            return -1;
+            return std::nullopt;
         }
-        *responseLength = ReadNext(0);
-        std::generate_n(response, *responseLength, [] { return ReadNext(0); });
-        return 0;
+        std::vector<uint8_t> answer(ReadNext(0));
+        std::ranges::generate(answer, [] { return ReadNext(0); });
+        return answer;
     }
 };
 
@@ -119,7 +117,6 @@ void UseController() {
         return g_hipmilock != nullptr;
     }();
     Require(once, "there is a lock");
-    SetIpmiTransport(&controller);
 }
 
 void AskEverything() {

@@ -100,7 +100,7 @@ pid_t StartProcess(Figures& all, size_t process, int rounds) {
     const pid_t child = fork();
     if (child > 0) return child;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const CountingTransport device;
+    const CountingDevice device;
     BeginContending();
     for (++all.ready; all.ready < static_cast<int>(kProcesses);)
         std::this_thread::yield();

@@ -20,7 +20,7 @@
 #include "tests/support/CancelledThread.h"
 #include "tests/support/InMachineRoot.h"
 #include "tests/support/RecordingClock.h"
-#include "tests/support/ScriptedTransport.h"
+#include "tests/support/ScriptedDriver.h"
 
 // The host's own settings for firmware updates.
 extern "C" {
@@ -31,7 +31,7 @@ int g_WaitUpdate = 7;
 namespace {
 
 using namespace ktx_ipmi;
-using Bytes = ScriptedTransport::Bytes;
+using Bytes = ScriptedDriver::Bytes;
 
 constexpr int kHandle = 5;
 
@@ -50,7 +50,7 @@ Called Call(Bytes request, uint32_t capacity = 16) {
 
 class Gate : public testing::Test {
 protected:
-    ScriptedTransport bmc;
+    ScriptedDriver bmc;
     sim::ScopedVirtualClock clock;
 };
 

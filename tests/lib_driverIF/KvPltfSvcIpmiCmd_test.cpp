@@ -13,7 +13,7 @@
 #include "libplatform/PXR_syscall.h"
 #include "simulator/VirtualClock.h"
 #include "tests/support/InMachineRoot.h"
-#include "tests/support/ScriptedTransport.h"
+#include "tests/support/ScriptedDriver.h"
 #include "tests/support/Tracing.h"
 
 // The host's pause in a firmware update, in which the gate notices that the process is to end.
@@ -24,11 +24,11 @@ int g_WaitUpdate = 1;
 namespace {
 
 using namespace ktx_ipmi;
-using Bytes = ScriptedTransport::Bytes;
+using Bytes = ScriptedDriver::Bytes;
 
 class Commands : public testing::Test {
 protected:
-    ScriptedTransport bmc;
+    ScriptedDriver bmc;
     sim::ScopedVirtualClock clock;
 };
 

@@ -17,6 +17,7 @@
 #include "lib_driverIF/KvPltfSvcIpmiCall_Internal.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/InMachineRoot.h"
+#include "tests/support/ScriptedDevice.h"
 
 extern _FLKHANDLE* g_hipmilock;
 
@@ -36,10 +37,8 @@ struct LockUsers {
 };
 
 /// A device that counts how often it is opened and can refuse.
-class CountingTransport : public ktx_ipmi::IpmiTransport {
+class CountingDevice : public ScriptedDevice {
 public:
-    CountingTransport() { ktx_ipmi::SetIpmiTransport(this); }
-    ~CountingTransport() override { ktx_ipmi::SetIpmiTransport(nullptr); }
     int Open() override {
         if (cancels) CancelSelf();
         return ++opened, refuse;
@@ -48,7 +47,6 @@ public:
         if (cancels) CancelSelf();
         ++closed;
     }
-    int Execute(uint8_t, uint8_t, uint16_t, const uint8_t*, uint16_t*, uint8_t*) override { return -1; }
     int refuse = 0;
     int opened = 0;
     int closed = 0;
@@ -70,7 +68,7 @@ inline void AwaitAtLeast(const std::atomic<int>& count, int n) {
 /// Another process that takes the bracket, and says so, until it is killed. It has a worker, which lives on.
 inline pid_t StartHolder(const MachineRoot& root, LockUsers& shared) {
     return root.Start([&] {
-        CountingTransport device;
+        CountingDevice device;
         ktx_ipmi::OpenIpmiLock();
         ++shared.ready;
         std::thread([&] {
@@ -118,5 +116,5 @@ public:
         });
     }
 
-    CountingTransport device;
+    CountingDevice device;
 };

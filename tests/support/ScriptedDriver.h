@@ -1,6 +1,7 @@
 #pragma once
 /// @file
-/// A BMC that answers by script, in the place of the kernel's device.
+/// A BMC that answers by script. The linker leads callers of CWDTOperationThread::IPMI_ExecCommand here (CMakeLists.txt),
+/// so that the script may hold results which the kernel's device never has. For one file of a program.
 
 #include <algorithm>
 #include <cstdint>
@@ -9,20 +10,17 @@
 #include <utility>
 #include <vector>
 
-#include "lib_driverIF/KvPltfSvcIpmiCall.h"
+#include "lib_driverIF/WDTOperationThread.h"
 
 /// Keeps what it was asked.
-class ScriptedTransport : public ktx_ipmi::IpmiTransport {
+class ScriptedDriver {
 public:
     using Bytes = std::vector<uint8_t>;
 
-    ScriptedTransport() { ktx_ipmi::SetIpmiTransport(this); }
-    ~ScriptedTransport() override { ktx_ipmi::SetIpmiTransport(nullptr); }
+    ScriptedDriver() { inForce = this; }
 
-    int Open() override { return 0; }
-    void Close() override {}
     int Execute(uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data, uint16_t* responseLength,
-                uint8_t* response) override {
+                uint8_t* response) {
         Bytes request{netFn, command};
         request.insert(request.end(), data, data + dataLength);
         requests.push_back(request);
@@ -45,9 +43,16 @@ public:
     Bytes answer{0};           ///< completion code and data
     size_t overstatement = 0;  ///< by which the length told exceeds the answer's
     std::vector<Bytes> requests;
+    static inline ScriptedDriver* inForce = nullptr;
 };
 
-inline std::string HexBytes(const ScriptedTransport::Bytes& bytes) {
+extern "C" int __wrap__ZN19CWDTOperationThread16IPMI_ExecCommandEhhtPKhPtPhRNS_8AttemptsE(
+    CWDTOperationThread* /*self*/, uint8_t command, uint8_t netFn, uint16_t dataLength, const uint8_t* data,
+    uint16_t* responseLength, uint8_t* response, CWDTOperationThread::Attempts* /*attempts*/) {
+    return ScriptedDriver::inForce->Execute(command, netFn, dataLength, data, responseLength, response);
+}
+
+inline std::string HexBytes(const ScriptedDriver::Bytes& bytes) {
     std::string text;
     for (const uint8_t byte : bytes) {
         char hex[4];
