@@ -286,7 +286,7 @@ TEST_F(Gate, TheLogShowsNoMoreThanTheCallersBuffer) {
         CallIpmiDriver(kHandle, 0x20, request, sizeof request, buffer.data(), &length);
         EXPECT_EQ(14u, length);
     });
-    EXPECT_EQ(std::string::npos, log.find("EE", log.find("IPMI Response Data"))) << log;
+    EXPECT_EQ(std::string::npos, log.find(" EE", log.find("IPMI Response Data"))) << log;
 }
 
 TEST(CompletionCodes, AreClassified) {
