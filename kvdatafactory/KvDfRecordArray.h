@@ -57,7 +57,7 @@ uint32_t GetInventoryRecords(uint32_t function, unsigned long inventoryId, unsig
     CKvInventory* inventory = nullptr;
     if (const uint32_t rc = factory->SearchInventory(inventoryId, &inventory)) return rc;
     try {
-        const KvIfReadings readings(*inventory);
+        const KvIfReadings readings(inventory->GetSensors());
         return FillRecords(
             function, inventory->GetInstanceCount(), count, records,
             [&](Record& record, unsigned long i) {

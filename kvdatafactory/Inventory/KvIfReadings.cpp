@@ -2,9 +2,6 @@
 #include "kvdatafactory/Inventory/KvIfReadings.h"
 
 #include <algorithm>
-#include <utility>
-
-#include "kvdatafactory/Inventory/KvInventoryFactory.h"
 
 namespace {
 
@@ -14,28 +11,20 @@ bool IsNamed(const SDR& record, const CKvSensor& sensor) {
     return sensor.Compare(record.owner, record.lun, record.number) != 0;
 }
 
-/// Adds the sensor of a column, if it is one with a sensor that is not there yet.
-void AddSensorOf(const CKvColumn& column, std::vector<SDR>& sensors) {
-    if (column.GetType() != kColumnSensor) return;
-    const auto* const sensorColumn = dynamic_cast<const CKvSensorColumn*>(&column);
-    if (sensorColumn == nullptr) return;
-    const CKvSensor& key = sensorColumn->GetKey();
-    if (std::ranges::any_of(sensors, [&key](const SDR& record) { return IsNamed(record, key); })) return;
+SDR RecordOf(const CKvSensor& sensor) {
     SDR record = {};
-    record.owner = key.GetOwner();
-    record.lun = key.GetLun();
-    record.number = key.GetNumber();
-    sensors.push_back(record);
+    record.owner = sensor.GetOwner();
+    record.lun = sensor.GetLun();
+    record.number = sensor.GetNumber();
+    return record;
 }
 
 }  // namespace
 
-KvIfReadings::KvIfReadings(const CKvInventory& inventory) : before_(t_readings) {
-    CKvInstance* instance = nullptr;
-    for (unsigned long i = 0; i < inventory.GetInstanceCount() && inventory.GetInstance(i, &instance) == 0; ++i) {
-        CKvColumn* column = nullptr;
-        for (unsigned long k = 0; k < instance->GetColumnCount() && instance->GetColumn(k, &column) == 0; ++k)
-            AddSensorOf(*column, sensors_);
+KvIfReadings::KvIfReadings(const std::vector<CKvSensor>& sensors) : before_(t_readings) {
+    for (const CKvSensor& sensor : sensors) {
+        const auto same = [&sensor](const SDR& record) { return IsNamed(record, sensor); };
+        if (std::ranges::none_of(sensors_, same)) sensors_.push_back(RecordOf(sensor));
     }
     data_.resize(sensors_.size());
     codes_.resize(sensors_.size());

@@ -9,14 +9,11 @@
 #include "kvdatafactory/KvSensor.h"
 #include "libplatform/KvPsSensor.h"
 
-class CKvInventory;
-
 /// For its scope, sensors that the calling thread asks for with KvIfReadSensor are those that were read here.
 class KvIfReadings {
 public:
-    /// Reads every sensor of an inventory once. When the controller gives no answer at all, or the process is to end, the
-    /// rest of them is not asked and counts as not read.
-    explicit KvIfReadings(const CKvInventory& inventory);
+    /// Reads each of the sensors once.
+    explicit KvIfReadings(const std::vector<CKvSensor>& sensors);
     ~KvIfReadings();
     KvIfReadings(const KvIfReadings&) = delete;
     KvIfReadings& operator=(const KvIfReadings&) = delete;

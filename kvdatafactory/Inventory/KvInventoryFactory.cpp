@@ -171,6 +171,14 @@ uint32_t CKvInstance::GetSensorColumn(unsigned long index, KVPS_SENSOR_DATA*& da
     return rc != 0 ? rc : column->GetSensor(data);
 }
 
+void CKvInstance::AppendSensors(std::vector<CKvSensor>& sensors) const {
+    columns_.AnyOf([&sensors](const CKvColumn* column) {
+        const auto* const sensor = dynamic_cast<const CKvSensorColumn*>(column);
+        if (sensor != nullptr && sensor->GetType() == kColumnSensor) sensors.push_back(sensor->GetKey());
+        return false;
+    });
+}
+
 // ---- Inventories
 
 CKvInventory::CKvInventory(unsigned long id, unsigned long type)
@@ -187,6 +195,15 @@ uint32_t CKvInventory::AddInstance(CKvInstance* instance) {
 uint32_t CKvInventory::GetInstance(unsigned long index, CKvInstance** instance) const {
     if (instance == nullptr) return Failed(fn::kInventory, Reason::NullArgument);
     return instances_.GetAt(index, *instance) != 0 ? 0 : Failed(fn::kInventory, Reason::BadData);
+}
+
+std::vector<CKvSensor> CKvInventory::GetSensors() const {
+    std::vector<CKvSensor> sensors;
+    instances_.AnyOf([&sensors](const CKvInstance* instance) {
+        instance->AppendSensors(sensors);
+        return false;
+    });
+    return sensors;
 }
 
 CKvInventoryFactory::~CKvInventoryFactory() {

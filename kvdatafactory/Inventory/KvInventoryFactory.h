@@ -4,6 +4,7 @@
 /// record, with a column for each value: a sensor, a text, or a number.
 
 #include <mutex>
+#include <vector>
 
 #include "common/CKvList.h"
 #include "common/CKvMap.h"
@@ -129,6 +130,8 @@ public:
     uint32_t GetUlongColumn(unsigned long index, unsigned long& value) const;
     uint32_t GetStringColumn(unsigned long index, CKvString& text) const;
     uint32_t GetSensorColumn(unsigned long index, KVPS_SENSOR_DATA*& data) const;
+    /// Appends the sensors of its columns.
+    void AppendSensors(std::vector<CKvSensor>& sensors) const;
 
 private:
     uint32_t index_;
@@ -153,6 +156,8 @@ public:
     unsigned long GetInstanceCount() const { return instances_.GetCount(); }
     /// @return 0; 0x609E1302 no such instance; 0x609E4201 null argument
     uint32_t GetInstance(unsigned long index, CKvInstance** instance) const;
+    /// The sensors of all columns; some of them several times.
+    std::vector<CKvSensor> GetSensors() const;
 
 private:
     uint32_t id_;
