@@ -1,4 +1,6 @@
 #include <gmock/gmock.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -228,6 +230,10 @@ TEST_F(Pxrtraced, SettingsAreReadAgainOnHangUp) {
     Start();
     const int fd = ConnectAs("pxragt", 7);
     Send(fd, Message("not logged"));
+    ASSERT_TRUE(Eventually([fd] {  // the daemon has taken it
+        int waiting = 0;
+        return ioctl(fd, SIOCOUTQ, &waiting) == 0 && waiting == 0;
+    }));
     EXPECT_FALSE(std::filesystem::exists(root_.Outside(PXR_TRACE_DAEMON_LOG)));
     Configure("TraceLevel = 1\n");
     kill(pid_, SIGHUP);
