@@ -1,186 +1,93 @@
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
+// The system resources: I/O port ranges, interrupt lines and DMA channels.
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
-#include <charconv>
-#include <climits>
-#include <cstdlib>
 #include <cstring>
-#include <limits>
-#include <memory>
 #include <string_view>
-#include <utility>
 
-#include "common/PXR_data_access_internal.h"
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
-#include "common/PXR_thread_internal.h"
-#include "libplatform/PXR_syscall.h"
+#include "common/TextCursor.h"
 #include "platform_IF/src/proc_if.h"
+#include "platform_IF/src/proc_if_Lists.h"
+
+// Found by their arguments, hence outside of the namespace below.
+static void FreeTexts(const SysresPort& record) {
+    std::free(record.device);
+    std::free(record.typeText);
+}
+static void FreeTexts(const SysresIrqDma& record) {
+    std::free(record.device);
+    std::free(record.typeText);
+}
 
 namespace {
 
-constexpr uint32_t kTypePort = 4;
-constexpr uint32_t kTypeInterrupt = 5;
-constexpr uint32_t kTypeDma = 6;
+/// A kind of resource, as its records tell.
+struct Kind {
+    uint32_t code;
+    std::string_view text;
+};
+constexpr Kind kPort{4, "I/O"};
+constexpr Kind kInterrupt{5, "IRQ"};
+constexpr Kind kDma{6, "DMA"};
 
 // The interrupt list is read in pieces of this size at most; of a piece's text, that many characters count.
 constexpr size_t kInterruptLineMax = 1024;
 constexpr size_t kInterruptTextMax = 255;
 
-struct FreeMemory {
-    void operator()(void* memory) const { std::free(memory); }
-};
-using OwnedText = std::unique_ptr<char, FreeMemory>;
-
-// ---- Records
-
-void FreeTexts(const SysresPort& record) {
-    std::free(record.device);
-    std::free(record.typeText);
-}
-void FreeTexts(const SysresIrqDma& record) {
-    std::free(record.device);
-    std::free(record.typeText);
-}
-
+/// Appends a record, completed by its index, device and kind. @return false without memory
 template <typename Record>
-void FreeList(Record* list, int count) {
-    if (list == nullptr) return;
-    std::for_each(list, list + std::max(count, 0), [](const Record& record) { FreeTexts(record); });
-    std::free(list);
-}
-
-/// A list in the making: frees everything unless it is handed out.
-template <typename Record>
-class ListInMaking {
-public:
-    ListInMaking() = default;
-    ~ListInMaking() { FreeList(list_, count_); }
-    ListInMaking(const ListInMaking&) = delete;
-    ListInMaking& operator=(const ListInMaking&) = delete;
-
-    /// Appends a record and gives it its index and texts. @return null without memory
-    Record* Append(std::string_view device, uint32_t typeCode, std::string_view typeText) {
-        if (!MakeRoom()) return nullptr;
-        OwnedText ownDevice = Copy(device);
-        OwnedText ownType = Copy(typeText);
-        if (!ownDevice || !ownType) return nullptr;
-        Record& record = list_[count_++];
-        record = Record{};
-        record.index = static_cast<uint32_t>(count_);
-        record.device = ownDevice.release();
-        record.typeCode = typeCode;
-        record.typeText = ownType.release();
-        return &record;
-    }
-
-    void HandOut(int* count, Record** list) {
-        *count = std::exchange(count_, 0);
-        *list = std::exchange(list_, nullptr);
-    }
-
-private:
-    static OwnedText Copy(std::string_view text) {
-        OwnedText copy(static_cast<char*>(std::calloc(1, AdjustAlignmentSize(static_cast<uint32_t>(text.size() + 1)))));
-        if (copy) std::copy(text.begin(), text.end(), copy.get());
-        return copy;
-    }
-
-    bool MakeRoom() {
-        if (count_ < room_) return true;
-        const int room = std::max(16, 2 * room_);
-        const uint32_t bytes = AdjustAlignmentSize(static_cast<uint32_t>(room) * sizeof(Record));
-        void* longer = std::realloc(list_, bytes);
-        if (longer == nullptr) return false;
-        list_ = static_cast<Record*>(longer);
-        room_ = room;
-        return true;
-    }
-
-    Record* list_ = nullptr;
-    int count_ = 0;
-    int room_ = 0;
-};
-
-// ---- Text
-
-void SkipBlanks(std::string_view& text) {
-    const auto isBlank = [](unsigned char c) { return std::isspace(c) != 0; };
-    text.remove_prefix(static_cast<size_t>(std::find_if_not(text.begin(), text.end(), isBlank) - text.begin()));
-}
-
-bool Take(std::string_view& text, char expected) {
-    if (!text.starts_with(expected)) return false;
-    text.remove_prefix(1);
-    return true;
-}
-
-/// Takes a number off the front, blanks before it included. A number that does not fit gives the nearest that does.
-template <typename Number>
-bool TakeNumber(std::string_view& text, Number& value, int base) {
-    SkipBlanks(text);
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-    if (error == std::errc::invalid_argument) return false;
-    if (error == std::errc::result_out_of_range) {
-        value = text.starts_with('-') ? std::numeric_limits<Number>::min() : std::numeric_limits<Number>::max();
-    }
-    text.remove_prefix(static_cast<size_t>(end - text.data()));
-    return true;
-}
-
-/// Takes the next line off the text, without its line end.
-bool TakeLine(std::string_view& text, std::string_view& line) {
-    if (text.empty()) return false;
-    const size_t end = std::min(text.find('\n'), text.size());
-    line = text.substr(0, end);
-    text.remove_prefix(std::min(end + 1, text.size()));
+bool Append(ListInMaking<Record>& list, Record record, std::string_view device, const Kind& kind) {
+    OwnedText ownDevice = CopyForRecord(device);
+    OwnedText ownType = CopyForRecord(kind.text);
+    if (!ownDevice || !ownType) return false;
+    record.index = static_cast<uint32_t>(list.Count()) + 1;
+    record.device = ownDevice.get();
+    record.typeCode = kind.code;
+    record.typeText = ownType.get();
+    if (list.Append(record) == nullptr) return false;
+    static_cast<void>(ownDevice.release());
+    static_cast<void>(ownType.release());
     return true;
 }
 
 bool IsBlank(std::string_view line) {
-    SkipBlanks(line);
+    text::SkipBlanks(line);
     return line.empty();
 }
 
-// ---- The kernel's lists
-
-/// A file of the kernel, whole.
-class KernelList {
-public:
-    /// @param function  number of the reader, whose failure it is when the file cannot be read
-    uint32_t Read(const char* path, uint32_t function) {
-        char* buffer = nullptr;
-        const uint32_t result = ReadFileToBuffer(path, &buffer, &size_);
-        text_.reset(buffer);
-        if (result == 0) return 0;
-        const uint32_t noMemory = MakeResult(fn::kReadFileToBuffer, Reason::OutOfMemory);
-        return MakeResult(function, result == noMemory ? Reason::OutOfMemory : Reason::KernelListRead);
-    }
-    std::string_view Text() const { return {text_.get(), static_cast<size_t>(size_)}; }
-    char* Data() { return text_.get(); }
-
-private:
-    OwnedText text_;
-    int size_ = 0;
-};
-
 /// Reads the entries "<key>:<device>" of a list until a line does not begin with a key. Lines without a colon are none.
-/// @param takeKey  takes the key off the line's front; false: no key
-/// @param append   appends the record of a device text and the key last taken; false: no memory
-template <typename TakeKey, typename Append>
-bool ReadEntries(std::string_view text, TakeKey takeKey, Append append) {
-    for (std::string_view line; TakeLine(text, line);) {
+/// @param takeKey  bool(std::string_view& line, Record&): takes the key off the line's front; false: no key
+/// @return false without memory
+template <typename Record, typename TakeKey>
+bool ReadEntries(std::string_view text, const Kind& kind, TakeKey takeKey, ListInMaking<Record>& list) {
+    for (std::string_view line; text::TakeLine(text, line);) {
         if (IsBlank(line)) continue;
-        if (!takeKey(line)) return true;
+        Record record{};
+        std::string_view rest = line;
+        if (!takeKey(rest, record)) return true;
         const size_t colon = line.find(':');
-        if (colon != std::string_view::npos && !append(line.substr(colon + 1))) return false;
+        if (colon != std::string_view::npos && !Append(list, record, line.substr(colon + 1), kind)) return false;
     }
     return true;
 }
+
+/// Reads a list of the kernel's that consists of such entries.
+template <typename Record, typename TakeKey>
+uint32_t ReadList(const char* path, uint32_t function, const Kind& kind, TakeKey takeKey, int* count, Record** list) {
+    if (!PrepareOutputs(count, list)) return PXR_ReportError(MakeResult(function, Reason::NullArgument));
+    KernelList file;
+    if (const uint32_t failure = file.Read(path, function)) return PXR_ReportError(failure);
+    ListInMaking<Record> records;
+    if (!ReadEntries(file.Text(), kind, takeKey, records)) {
+        return PXR_ReportError(MakeResult(function, Reason::OutOfMemory));
+    }
+    records.HandOut(count, list);
+    return 0;
+}
+
+// ---- Interrupts
 
 bool IsCountCharacter(char c) {
     return c == ' ' || (c >= '0' && c <= '9');
@@ -205,12 +112,11 @@ char* MoveDown(const char* from, const char* to, char* out) {
 /// Reduces the interrupt list, in place, to its numbered lines: number, colon, device names. This is what
 ///     grep "^[ 0-9]*:" | sed -e "s/\(^[ 0-9]*\):[ 0-9]*[A-Za-z\-]* */\1:/g"
 /// makes of it.
-/// @param text  with one byte of room behind it, for the end of a last line that has none
-/// @return the length of what is left
-size_t ReduceInterrupts(char* text, size_t size) {
-    char* out = text;
-    const char* const end = text + size;
-    for (const char* line = text; line < end;) {
+void ReduceInterrupts(std::string& list) {
+    list += '\n';  // the end of a last line that has none
+    char* out = list.data();
+    const char* const end = out + list.size() - 1;
+    for (const char* line = out; line < end;) {
         const char* lineEnd = std::find(line, end, '\n');
         const char* colon = std::find_if_not(line, lineEnd, IsCountCharacter);
         if (colon != lineEnd && *colon == ':') {
@@ -221,7 +127,7 @@ size_t ReduceInterrupts(char* text, size_t size) {
         }
         line = lineEnd + 1;
     }
-    return static_cast<size_t>(out - text);
+    list.resize(static_cast<size_t>(out - list.data()));
 }
 
 /// Takes the next line with its line end off the text, or as much of it as is read at a time.
@@ -239,147 +145,55 @@ std::string_view DeviceText(std::string_view rest) {
     return rest.substr(0, rest.size() - 1);
 }
 
-// ---- Whole files
-
-size_t ReportedSize(int fd) {
-    struct stat info {};
-    if (fstat(fd, &info) != 0) return 0;
-    return static_cast<size_t>(std::clamp<int64_t>(info.st_size, 0, INT_MAX - 1));
-}
-
-/// @return false with errno
-bool Enlarge(OwnedText& buffer, size_t size) {
-    void* longer = size > INT_MAX ? nullptr : std::realloc(buffer.get(), AdjustAlignmentSize(size));
-    if (longer == nullptr) {
-        errno = ENOMEM;
-        return false;
-    }
-    static_cast<void>(buffer.release());
-    buffer.reset(static_cast<char*>(longer));
+/// Takes a number as the records hold it: with its sign.
+bool TakeSigned(std::string_view& line, uint32_t& number) {
+    int32_t value = 0;
+    if (!text::TakeNumber(line, value)) return false;
+    number = static_cast<uint32_t>(value);
     return true;
-}
-
-/// Reads to the end of the file, into a buffer with room for one byte more.
-/// @return false with errno
-bool ReadToEnd(int fd, OwnedText& buffer, size_t& size) {
-    constexpr size_t kStep = 4096;
-    size_t room = ReportedSize(fd) + kStep;
-    if (!Enlarge(buffer, room + 1)) return false;
-    for (size = 0;;) {
-        const int got = PXR_read(fd, buffer.get() + size, room - size);
-        if (got < 0) return false;
-        size += static_cast<size_t>(got);
-        if (size < room) return true;
-        room += room / 2;
-        if (!Enlarge(buffer, room + 1)) return false;
-    }
-}
-
-template <typename Record>
-bool TakesNothing(int* count, Record** list) {
-    if (count == nullptr || list == nullptr) return true;
-    *count = 0;
-    *list = nullptr;
-    return false;
-}
-
-bool TakeRange(std::string_view& line, uint32_t& start, uint32_t& end) {
-    return TakeNumber(line, start, 16) && Take(line, '-') && TakeNumber(line, end, 16);
 }
 
 }  // namespace
 
-uint32_t ReadFileToBuffer(const char* path, char** buffer, int* size) {
-    if (buffer != nullptr) *buffer = nullptr;
-    if (size != nullptr) *size = 0;
-    if (path == nullptr || buffer == nullptr || size == nullptr) {
-        return MakeResult(fn::kReadFileToBuffer, Reason::NullArgument);
-    }
-    const CancelBlock whileOpen;
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return MakeResult(fn::kReadFileToBuffer, Reason::KernelListRead);
-    OwnedText text;
-    size_t length = 0;
-    const bool complete = ReadToEnd(fd, text, length);
-    const bool noMemory = !complete && errno == ENOMEM;
-    close(fd);
-    if (!complete) {
-        return MakeResult(fn::kReadFileToBuffer, noMemory ? Reason::OutOfMemory : Reason::KernelListRead);
-    }
-    text.get()[length] = '\0';
-    *buffer = text.release();
-    *size = static_cast<int>(length);
-    return 0;
-}
-
 uint32_t GetSysresPort(int* count, SysresPort** list) {
-    if (TakesNothing(count, list)) return PXR_ReportError(MakeResult(fn::kGetSysresPort, Reason::NullArgument));
-    KernelList file;
-    if (const uint32_t failure = file.Read("/proc/ioports", fn::kGetSysresPort)) return PXR_ReportError(failure);
-
-    ListInMaking<SysresPort> ports;
-    uint32_t start = 0;
-    uint32_t end = 0;
-    const auto takeKey = [&](std::string_view line) { return TakeRange(line, start, end); };
-    const auto append = [&](std::string_view device) {
-        SysresPort* port = ports.Append(device, kTypePort, "I/O");
-        if (port == nullptr) return false;
-        port->start = start;
-        port->end = end;
-        return true;
+    const auto takeRange = [](std::string_view& line, SysresPort& port) {
+        return text::TakeNumber(line, port.start, 16) && text::Take(line, '-') && text::TakeNumber(line, port.end, 16);
     };
-    if (!ReadEntries(file.Text(), takeKey, append)) {
-        return PXR_ReportError(MakeResult(fn::kGetSysresPort, Reason::OutOfMemory));
-    }
-    ports.HandOut(count, list);
-    return 0;
+    return ReadList("/proc/ioports", fn::kGetSysresPort, kPort, takeRange, count, list);
 }
 
 uint32_t GetSysresIrq(int* count, SysresIrqDma** list) {
-    if (TakesNothing(count, list)) return PXR_ReportError(MakeResult(fn::kGetSysresIrq, Reason::NullArgument));
+    if (!PrepareOutputs(count, list)) return PXR_ReportError(MakeResult(fn::kGetSysresIrq, Reason::NullArgument));
     KernelList file;
     if (const uint32_t failure = file.Read("/proc/interrupts", fn::kGetSysresIrq)) return PXR_ReportError(failure);
+    ReduceInterrupts(file.Content());
 
     ListInMaking<SysresIrqDma> lines;
-    std::string_view text{file.Data(), ReduceInterrupts(file.Data(), file.Text().size())};
+    std::string_view text = file.Text();
     for (std::string_view piece; TakePiece(text, piece);) {
-        int32_t number = 0;
-        if (!TakeNumber(piece, number, 10) || !Take(piece, ':') || piece.empty()) {
+        SysresIrqDma line{};
+        if (!TakeSigned(piece, line.number) || !text::Take(piece, ':') || piece.empty()) {
             return PXR_ReportError(MakeResult(fn::kGetSysresIrq, Reason::KernelListFormat));
         }
-        SysresIrqDma* line = lines.Append(DeviceText(piece), kTypeInterrupt, "IRQ");
-        if (line == nullptr) return PXR_ReportError(MakeResult(fn::kGetSysresIrq, Reason::OutOfMemory));
-        line->number = static_cast<uint32_t>(number);
+        if (!Append(lines, line, DeviceText(piece), kInterrupt)) {
+            return PXR_ReportError(MakeResult(fn::kGetSysresIrq, Reason::OutOfMemory));
+        }
     }
     lines.HandOut(count, list);
     return 0;
 }
 
 uint32_t GetSysresDma(int* count, SysresIrqDma** list) {
-    if (TakesNothing(count, list)) return PXR_ReportError(MakeResult(fn::kGetSysresDma, Reason::NullArgument));
-    KernelList file;
-    if (const uint32_t failure = file.Read("/proc/dma", fn::kGetSysresDma)) return PXR_ReportError(failure);
-
-    ListInMaking<SysresIrqDma> channels;
-    int32_t number = 0;
-    const auto takeKey = [&](std::string_view line) { return TakeNumber(line, number, 10); };
-    const auto append = [&](std::string_view device) {
-        SysresIrqDma* channel = channels.Append(device, kTypeDma, "DMA");
-        if (channel == nullptr) return false;
-        channel->number = static_cast<uint32_t>(number);
-        return true;
+    const auto takeChannel = [](std::string_view& line, SysresIrqDma& channel) {
+        return TakeSigned(line, channel.number);
     };
-    if (!ReadEntries(file.Text(), takeKey, append)) {
-        return PXR_ReportError(MakeResult(fn::kGetSysresDma, Reason::OutOfMemory));
-    }
-    channels.HandOut(count, list);
-    return 0;
+    return ReadList("/proc/dma", fn::kGetSysresDma, kDma, takeChannel, count, list);
 }
 
 void FreeSysresPort(SysresPort* list, int count) {
-    FreeList(list, count);
+    FreeRecords(list, count);
 }
 
 void FreeSysresIrqDma(SysresIrqDma* list, int count) {
-    FreeList(list, count);
+    FreeRecords(list, count);
 }
