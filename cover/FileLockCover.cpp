@@ -11,16 +11,13 @@
 
 #include "cover/ErrorCover.h"
 #include "cover/FileCover.h"
+#include "cover/Heap.h"
 #include "cover/SignalCover.h"
 #include "cover/TimerCover.h"
 
 namespace {
 
 constexpr uint32_t kBusyPauseMs = 1;
-
-struct FreeText {
-    void operator()(char* text) const { free(text); }
-};
 
 /// What the thread has got of a lock, given back at the end of the scope unless kept. A thread may be cancelled while
 /// it waits, even when the kernel has just granted the lock, so all of it must go in unwinding.
@@ -78,7 +75,7 @@ int LockWithin(_FLKHANDLE* handle, uint32_t timeoutMs) {
 }  // namespace
 
 _FLKHANDLE* OpenFLock(const char* path) {
-    const std::unique_ptr<char, FreeText> absolute(_fullpath(nullptr, path, 0));
+    const OwnedText absolute(_fullpath(nullptr, path, 0));
     if (absolute == nullptr || CreateDirectoryforFile(absolute.get()) == 0) return nullptr;
     std::unique_ptr<_FLKHANDLE> handle(new (std::nothrow) _FLKHANDLE{-1, O_RDWR | O_CREAT, nullptr});
     if (handle == nullptr) {

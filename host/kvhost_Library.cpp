@@ -1,3 +1,5 @@
+// The plug-in as a host sees it.
+
 #include "host/kvhost_Library.h"
 
 #include <dlfcn.h>
@@ -6,6 +8,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "cover/Heap.h"
 #include "host/kvhost_Text.h"
 
 namespace kvhost {
@@ -23,7 +26,7 @@ void Resolve(void* handle, const char* name, Function& function) {
 
 /// Takes over a text that the plug-in allocated; a null one is empty.
 std::string TakeText(char* text) {
-    const std::unique_ptr<char, decltype(&std::free)> owner(text, &std::free);
+    const OwnedText owner(text);
     return text != nullptr ? text : "";
 }
 

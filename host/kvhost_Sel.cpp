@@ -15,6 +15,7 @@
 #include <tuple>
 #include <vector>
 
+#include "cover/Heap.h"
 #include "host/kvhost_Sensors.h"
 #include "host/kvhost_Text.h"
 
@@ -69,7 +70,7 @@ public:
         unsigned long count = 0;
         SDR* records = nullptr;
         if (library.KvPsGetAllSdrData(&count, &records) != 0) return;
-        const std::unique_ptr<SDR[], decltype(&free)> owner(records, free);
+        const HeapOwned<SDR[]> owner(records);
         for (const SDR& sdr : std::span(records, count)) {
             const std::string_view name(sdr.name, strnlen(sdr.name, sizeof sdr.name));
             names_[{sdr.owner, sdr.lun, sdr.number}] = Printable(ToUtf8(name, false));

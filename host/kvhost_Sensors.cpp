@@ -8,6 +8,7 @@
 #include <span>
 #include <vector>
 
+#include "cover/Heap.h"
 #include "host/kvhost_Text.h"
 
 namespace kvhost {
@@ -21,7 +22,7 @@ constexpr uint8_t kScanningEnabled = 1u << 6;
 constexpr uint8_t kReadingUnavailable = 1u << 5;
 
 struct Records {
-    std::unique_ptr<SDR[], decltype(&free)> owner{nullptr, free};
+    HeapOwned<SDR[]> owner;
     std::span<const SDR> all;
 };
 
@@ -29,7 +30,7 @@ Records ReadRecords(const Library& library) {
     unsigned long count = 0;
     SDR* records = nullptr;
     library.Check(library.KvPsGetAllSdrData(&count, &records));
-    return {{records, free}, {records, count}};
+    return {HeapOwned<SDR[]>(records), {records, count}};
 }
 
 std::string NameOf(const SDR& sdr) {
