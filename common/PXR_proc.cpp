@@ -1,3 +1,5 @@
+// Becoming a daemon, and lock files that keep a second instance away.
+
 #include "libplatform/PXR_proc.h"
 
 #include <fcntl.h>
@@ -8,7 +10,7 @@
 
 #include "common/FileText.h"
 #include "common/PXR_proc_internal.h"
-#include "common/PXR_thread_internal.h"
+#include "cover/CancelBlock.h"
 #include "libplatform/PXR_trace.h"
 
 namespace {

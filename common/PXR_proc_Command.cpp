@@ -1,3 +1,5 @@
+// Running commands: the search path, the child between fork and exec, the wait for its end.
+
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -11,11 +13,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <new>
+#include <thread>
 
 #include "common/PXR_proc_internal.h"
-#include "common/PXR_thread_internal.h"
+#include "cover/CancelBlock.h"
 
 namespace {
 
@@ -147,6 +151,21 @@ int RunAndWait(const ChildPlan& plan) {
     return WIFSIGNALED(status) ? kEndedBySignal : WEXITSTATUS(status);
 }
 
+/// For a waiter that is cancelled: the child runs on, and what the kernel keeps of its end is taken by a thread that does
+/// nothing else.
+void LeaveChild(void* child) {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    try {
+        std::thread([pid = *static_cast<const pid_t*>(child)] { waitpid(pid, nullptr, 0); }).detach();
+    } catch (const std::exception&) {
+        // Without a thread it stays until the process ends.
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
 bool KernelKeepsNoStatus() {
     struct sigaction current {};
     sigaction(SIGCHLD, nullptr, &current);
@@ -202,13 +221,18 @@ pid_t StartChild(const ChildPlan& plan) {
 }
 
 int WaitForChild(pid_t child, int& status) {
+    // A cancellation can come between the end of the child and the end of the call: the wait takes nothing.
+    int error = 0;
+    siginfo_t end{};
+    pthread_cleanup_push(LeaveChild, &child);
+    do {
+        error = waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOWAIT) == 0 ? 0 : errno;
+    } while (error == EINTR);
+    pthread_cleanup_pop(0);
+    const CancelBlock block;
     status = 0;
-    while (waitpid(child, &status, 0) < 0) {
-        if (errno == EINTR) continue;
-        status = 0;
-        return errno == ECHILD && KernelKeepsNoStatus() ? 0 : errno;
-    }
-    return 0;
+    if (error == 0 && waitpid(child, &status, 0) < 0) error = errno;
+    return error == ECHILD && KernelKeepsNoStatus() ? 0 : error;
 }
 
 extern "C" const char* PXR_GetEnvPath(void) {

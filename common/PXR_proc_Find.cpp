@@ -1,9 +1,10 @@
+// Processes by the name of their command, and the companion commands of the agent.
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -12,7 +13,8 @@
 #include <string_view>
 
 #include "common/PXR_proc_internal.h"
-#include "common/PXR_thread_internal.h"
+#include "common/PXR_string_internal.h"
+#include "cover/CancelBlock.h"
 #include "libplatform/PXR_message.h"
 
 PXR_companion up_cmds[2] = {
@@ -34,7 +36,7 @@ constexpr int kTermAttempts = 10;
 constexpr milliseconds kTermPause{1000};
 constexpr milliseconds kEndPoll{10};
 
-/// The entries of a directory, in text order of their names.
+/// The processes in /proc, in text order of their ids.
 class ProcessEntries {
 public:
     ProcessEntries() : count_(scandir("/proc", &entries_, IsProcess, ByName)) {}
@@ -75,8 +77,7 @@ bool RunsCommand(const char* pid, std::string_view name) {
     char line[kCommandLineMax + 1];
     if (PXR_getcmdname(pid, line, sizeof(line)) != 0) return false;
     const std::string_view words(line);
-    const auto blank = [](unsigned char c) { return std::isspace(c) != 0; };
-    const auto end = std::find_if(words.begin(), words.end(), blank);
+    const auto end = std::find_if(words.begin(), words.end(), ascii::IsSpace);
     return IsCommand(words.substr(0, static_cast<size_t>(end - words.begin())), name);
 }
 

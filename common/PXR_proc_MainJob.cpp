@@ -1,3 +1,5 @@
+// Jobs for the main thread: asked for by any thread, run by the one that the host gives.
+
 #include <unistd.h>
 
 #include <atomic>
@@ -7,7 +9,8 @@
 #include <mutex>
 
 #include "common/PXR_proc_internal.h"
-#include "common/PXR_thread_internal.h"
+#include "cover/CancelBlock.h"
+#include "libplatform/PXR_syscall.h"
 
 namespace {
 
@@ -40,6 +43,13 @@ bool TakeJob() {
 void CompleteJob() {
     g_tJob.kind = kNoJob;
     g_tJob.done = kDone;
+}
+
+/// Takes back a job that nobody runs. @return false when the main thread has it
+bool Withdraw() {
+    if (!TakeJob()) return false;
+    CompleteJob();
+    return true;
 }
 
 void Run(PXR_job_execute& job) {
@@ -106,12 +116,12 @@ bool RunInMainThread(int kind, void* data, size_t size) {
     std::memcpy(g_tJob.data, data, size);
     g_tJob.kind = kind;
     g_tJob.done = kAsked;
-    if (kill(g_tJob.pid, SIGUSR1) != 0 && TakeJob()) {
-        CompleteJob();
-        return false;
-    }
-    while (g_tJob.done != kDone)
+    if (kill(g_tJob.pid, SIGUSR1) != 0 && Withdraw()) return false;
+    while (g_tJob.done != kDone) {
         nanosleep(&kDonePoll, nullptr);
+        // A main thread that ends the process has left its signal loop, perhaps to wait for this very thread.
+        if (IsTerminateProcess() != 0 && Withdraw()) return false;
+    }
     std::memcpy(data, g_tJob.data, size);
     return true;
 }

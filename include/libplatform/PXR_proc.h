@@ -59,7 +59,8 @@ KV_EXPORT void PXR_startup_cmd(void);
 /// Ends the companion commands: SIGTERM, up to ten times with a second in between, then SIGKILL.
 KV_EXPORT void PXR_term_cmds(void);
 
-/// Runs a program and waits for it. It runs in a session of its own, its standard streams at /dev/null.
+/// Runs a program and waits for it. It runs in a session of its own, its standard streams at /dev/null. When the thread is
+/// cancelled in the wait, the program runs on.
 /// @param directory  where it runs; null: here
 /// @param priority   0: as it is; else it is run through /bin/nice with this value, cut to -20 .. 19
 /// @param argv       ended by null, the first element being the program's own name; null: just the program
@@ -115,8 +116,9 @@ KV_EXPORT void __for_main__dispatch_job(void);
 /// @param kind  a PXR_job_kind
 /// @param data  the record of that kind, in and out
 /// @param size  of the record, at most PXR_JOB_DATA_SIZE
-/// @return 1 when the job ran; 0 when it did not: no main thread registered in this process, a record too large, or a
-///         SIGUSR1 that the host does not handle
+/// @return 1 when the job ran; 0 when it did not: no main thread registered in this process, a record too large, a SIGUSR1
+///         that the host does not handle, or a process that terminates (SetTerminateProcess) and whose main thread takes
+///         no job any more
 KV_EXPORT int mainjob_wait(int kind, void* data, int size);
 
 KV_EXTERN_C_END

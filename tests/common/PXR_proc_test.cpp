@@ -20,15 +20,26 @@
 #include <vector>
 
 #include "common/PXR_proc_internal.h"
+#include "libplatform/PXR_syscall.h"
 #include "simulator/MachineRoot.h"
 #include "tests/support/BuildTree.h"
 #include "tests/support/CancelledThread.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/TempDirectory.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using testing::Contains;
 using testing::HasSubstr;
+using testing::Not;
+
+/// Stands first in the search path that the process stores.
+const TempDirectory searchedFirst;
+const bool isSearched = [] {
+    const std::string usual = getenv("PATH");
+    return setenv("PATH", (searchedFirst.Path("") + ":" + usual).c_str(), 1) == 0;
+}();
 
 /// A directory of the test's own, and the children that it leaves.
 class PxrProc : public testing::Test {
@@ -174,6 +185,13 @@ TEST_F(PxrProc, FindsProcessesByCommand) {
     EXPECT_EQ(1, PXR_getpid(("bin/" + unique_).c_str(), nullptr, 0));
     EXPECT_EQ(0, PXR_getpid(("/bin/" + unique_).c_str(), nullptr, 0));
     EXPECT_EQ(0, PXR_getpid("", nullptr, 0));
+
+    char own[PATH_MAX];
+    ASSERT_EQ(0, PXR_getcmdname(self_.c_str(), own, sizeof(own)));
+    std::vector<pid_t> ours(64);
+    ours.resize(static_cast<size_t>(PXR_getpid(own, ours.data(), 64)));
+    EXPECT_THAT(ours, Contains(getpid()).Times(1));
+    EXPECT_THAT(ours, Not(Contains(0))) << "/proc/self is no process";
 }
 
 TEST_F(PxrProc, CommandLineOfAProcess) {
@@ -288,9 +306,36 @@ TEST_F(PxrProc, ResultOfACommand) {
     EXPECT_EQ(ENOENT, PXR_exec_command(nullptr, 0, unique_.c_str(), argv));
     EXPECT_EQ(EINVAL, PXR_exec_command(nullptr, 0, nullptr, argv));
 
+    fs::permissions(searchedFirst.AddFile(unique_, ""), fs::perms::owner_read);
+    EXPECT_EQ(EACCES, PXR_exec_command(nullptr, 0, unique_.c_str(), argv)) << "there is one, and none behind it";
+
     const auto usual = signal(SIGCHLD, SIG_IGN);
     EXPECT_EQ(0, Shell("exit 5")) << "nobody keeps the status";
     signal(SIGCHLD, usual);
+}
+
+TEST_F(PxrProc, ASignalOfTheHostDoesNotEndTheWait) {
+    struct sigaction interrupting {};
+    interrupting.sa_handler = [](int) {};
+    struct sigaction usual {};
+    sigaction(SIGALRM, &interrupting, &usual);
+    ualarm(20'000, 20'000);
+    EXPECT_EQ(5, Shell("sleep 0.1; exit 5"));
+    ualarm(0, 0);
+    sigaction(SIGALRM, &usual, nullptr);
+}
+
+TEST_F(PxrProc, ACancelledWaitLeavesNoZombie) {
+    std::thread waiter([] { Shell("sleep 0.1"); });
+    const auto children = [] {
+        siginfo_t ended{};
+        return waitid(P_ALL, 0, &ended, WEXITED | WNOHANG | WNOWAIT) == 0;
+    };
+    EXPECT_TRUE(Eventually(children));
+    pthread_cancel(waiter.native_handle());
+    waiter.join();
+    EXPECT_TRUE(children()) << "the command runs on";
+    EXPECT_TRUE(Eventually([&] { return !children(); }));
 }
 
 TEST_F(PxrProc, ChildrenBeginClean) {
@@ -447,6 +492,39 @@ TEST_F(MainJob, Refusals) {
         EXPECT_EQ(0, Ask(PXR_JOB_SHELL, data, 8));
     }
     EXPECT_EQ(0, signalsSeen);
+}
+
+/// A process that asks for a job of 100 ms, its main thread being all that takes signals. @return what came of the job
+int AskOnce(void (*onSignal)(int), const std::function<void()>& mainThread) {
+    alarm(30);
+    signal(SIGUSR1, onSignal);
+    __for_main__init_job();
+    PXR_job_shell job{"sleep 0.1; exit 3", 0};
+    sigset_t all;
+    sigfillset(&all);
+    std::thread asker([&] {
+        pthread_sigmask(SIG_SETMASK, &all, nullptr);
+        if (mainjob_wait(PXR_JOB_SHELL, &job, sizeof(job)) == 0) job.result = 0;
+    });
+    mainThread();
+    asker.join();
+    return WEXITSTATUS(job.result);
+}
+
+// When the process terminates its main thread may have left the loop that looks for jobs, and join the asking thread.
+TEST_F(MainJob, IsWaitedForUnlessTheProcessTerminates) {
+    const auto nothing = [] {};
+    const auto late = [] {
+        usleep(50'000);
+        __for_main__dispatch_job();
+    };
+    EXPECT_EQ(0, Join(Fork([&] { return AskOnce([](int) { SetTerminateProcess(); }, nothing); })));
+    EXPECT_EQ(3, Join(Fork([&] { return AskOnce([](int) {}, late); })));
+    const auto run = [](int) {
+        SetTerminateProcess();
+        __for_main__dispatch_job();
+    };
+    EXPECT_EQ(3, Join(Fork([&] { return AskOnce(run, nothing); }))) << "a job that runs is waited for";
 }
 
 TEST_F(MainJob, ManyThreadsAsk) {
