@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <iostream>
 #include <map>
 #include <optional>
 #include <tuple>
@@ -15,6 +16,7 @@
 #include "lib_driverIF/KvPltfSvcLibPilot2_Internal.h"
 #include "libplatform/KvPsBmc.h"
 #include "tests/support/FullDisk.h"
+#include "tests/support/PowerCut.h"
 #include "tests/support/SimulatedMachine.h"
 
 namespace {
@@ -165,6 +167,34 @@ TEST_F(LibPilot2, TheRecordOfABladeIsKeptInMemoryAndInItsFile) {
         Bytes kept(kBmcCapabilitySize);
         EXPECT_EQ(0U, ktx_ipmi::GetBMCStatus(1, 0x20, kept.data())) << "without the command, from what is kept";
         EXPECT_EQ(record, kept);
+    });
+}
+
+TEST_F(LibPilot2, APowerCutLeavesTheOldRecordOrTheNewOne) {
+    constexpr unsigned kRecords = 60;
+    BecomeCode2Blade("SH7757    ");
+    Run([&] {
+        std::vector<std::string> records(kRecords);
+        const Bytes asked = Capability("SH7757    ");
+        for (unsigned i = 0; i < kRecords; ++i) {
+            records[i].assign(asked.begin(), asked.end());
+            records[i][20] = static_cast<char>(i);
+        }
+        PowerCut cut("/var/opt/velmora/lantrel/log");
+        cut.Record([] { EXPECT_TRUE(InitBMCCapability()); });
+        for (unsigned i = 1; i < kRecords; ++i)
+            cut.Record([&] { EXPECT_TRUE(WriteWholeFile(kCapabilityFile, records[i])); });
+        EXPECT_THAT(cut.Faults(), IsEmpty());
+        const size_t states = cut.TryAll([&](const PowerCut::Moment& moment) {
+            std::string read(kBmcCapabilitySize, '\0');
+            const bool there = ReadBMCCapabilityBin(reinterpret_cast<uint8_t*>(read.data()));
+            EXPECT_TRUE(there || moment.returned == 0);
+            if (!there) return;
+            const bool old = moment.returned > 0 && read == records[moment.returned - 1];
+            EXPECT_TRUE(old || read == records.at(moment.returned));
+        });
+        std::cout << states << " states\n";
+        EXPECT_GE(states, 500U);
     });
 }
 

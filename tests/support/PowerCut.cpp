@@ -24,6 +24,7 @@ namespace {
 
 constexpr int kDirectory = -1;  // in the place of a file's number
 constexpr size_t kMostStatesAtOnce = 20'000;
+constexpr size_t kLongRun = 64 * 1024;  // of a file that is written from its beginning to its end
 constexpr size_t kMostOpenNames = 12;
 
 enum Kind { kOpen, kRead, kCreate, kWrite, kResize, kRename, kRemove, kSync, kReturn };
@@ -39,6 +40,11 @@ struct Step {
 
     string Print() const { return kVerbs[kind] + (name.empty() ? "" : " " + name) + (to.empty() ? "" : " " + to); }
     const string& NewName() const { return kind == kRename ? to : name; }
+    /// Whether a step only goes on with a long file: the places at which it may be cut need no end.
+    bool IsLongRun(const Step& next) const {
+        const bool goesOn = kind == kWrite && next.kind == kWrite && file == next.file;
+        return goesOn && next.offset == offset + data.size() && next.offset >= kLongRun;
+    }
 };
 
 using Names = std::map<string, int>;
@@ -109,8 +115,10 @@ struct Disk {
     std::set<string> Outcomes(int file) const {
         const string& before = keptContents.at(file);
         const std::vector<Step>& writes = openWrites.at(file);
-        std::set<string> all{before, string(contents.at(file).size(), '\0')};
         string upTo = before;
+        upTo.resize(contents.at(file).size());
+        std::set<string> all{before, upTo};
+        upTo = before;
         for (const Step& write : writes) {
             string torn = upTo;
             ChangeContent(torn, write, write.data.size() / 2);
@@ -153,6 +161,7 @@ struct PowerCut::Recorder {
     int files = 0;
     std::set<int> trusting;  // files made through a name that others may have planted
     std::map<int, Step> descriptors;
+    std::set<int> synchronous;  // of these: what is written is on the disk when the call returns
     std::unordered_set<string> contents;
     int error = 0;  // not 0: instead of being recorded, a call is to fail
     size_t callsBeforeFailure = 0;
@@ -197,10 +206,15 @@ struct PowerCut::Recorder {
         action();
         recording = nullptr;
         descriptors.clear();
+        synchronous.clear();
     }
     void Add(Step step) {
         disk.Do(step);
-        steps.push_back(std::move(step));
+        if (!steps.empty() && steps.back().IsLongRun(step)) {
+            steps.back().data += step.data;
+        } else {
+            steps.push_back(std::move(step));
+        }
     }
 
     std::vector<State> LeftByPowerCut() {
@@ -251,6 +265,7 @@ struct PowerCut::Recorder {
         const bool isNew = !disk.names.contains(name) && (flags & O_CREAT) != 0;
         const int file = isNew ? files++ : FileAt(disk.names, name);
         descriptors[fd] = {kOpen, file, name};
+        if ((flags & O_SYNC) == O_SYNC) synchronous.insert(fd);
         if (error != 0) return;
         if ((flags & O_CLOEXEC) == 0) faults.push_back(name + " opened for children too");
         if (isNew && (flags & (O_EXCL | O_NOFOLLOW)) != (O_EXCL | O_NOFOLLOW)) trusting.insert(file);
@@ -347,6 +362,7 @@ public:
     }
     Call(Kind what, int fd) : Call(what) {
         if (recorder_ == nullptr || !recorder_->descriptors.contains(fd)) return;
+        synchronous_ = what == kWrite && recorder_->synchronous.contains(fd);
         name = recorder_->descriptors[fd].name;
         file = recorder_->descriptors[fd].file;
     }
@@ -364,6 +380,7 @@ public:
         offset = static_cast<size_t>(position);
         if (bytes != nullptr) data.assign(static_cast<const char*>(bytes), static_cast<size_t>(result));
         recorder_->Add(*this);
+        if (synchronous_) recorder_->Add({kSync, file, name});
         return result;
     }
     off_t Position(int fd) const {
@@ -383,7 +400,10 @@ public:
         return Done(result);
     }
     int Closed(int result, int fd) {
-        if (recorder_ != nullptr) recorder_->descriptors.erase(fd);
+        if (recorder_ != nullptr) {
+            recorder_->descriptors.erase(fd);
+            recorder_->synchronous.erase(fd);
+        }
         return result;
     }
 
@@ -394,6 +414,7 @@ private:
     }
 
     PowerCut::Recorder* recorder_;
+    bool synchronous_ = false;
     std::unique_lock<std::mutex> turn_;
 };
 
