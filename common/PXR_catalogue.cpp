@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <mutex>
 #include <string_view>
 
 #include "common/PXR_catalogue_file.h"
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
+#include "common/PXR_texts.h"
 #include "common/PXR_thread_internal.h"
 #include "libplatform/PXR_message.h"
 #include "libplatform/PXR_trace.h"
@@ -19,7 +19,6 @@ namespace {
 constexpr char kDefaultSearchPath[] = "/opt/velmora/lantrel/lib/nls/%L/%N";
 constexpr char kNeutralName[] = "C";
 constexpr char kJapaneseName[] = "ja_JP.SJIS";
-constexpr int kAlertSet = 2;
 
 constexpr std::string_view kJapaneseNames[] = {
     "ja_JP.eucJP", "ja_JP.SJIS", "ja_JP.JIS7",   "ja_JP.ISO-2022-JP", "ja_JP.UTF-8", "ja",        "ja_JP",
@@ -33,11 +32,6 @@ std::mutex nlsLock;        // one catalogue is open at a time
 
 constexpr int kLocaleUnset = -1;
 int cachedLocale = kLocaleUnset;  // guarded by localeLock
-
-struct FreeText {
-    void operator()(char* text) const { free(text); }
-};
-using OwnedText = std::unique_ptr<char, FreeText>;
 
 struct MessageId {
     const char* catalogue;
@@ -155,5 +149,5 @@ uint32_t GetCatInsMessage(int locale, const char* catalogue, int set, int number
 
 uint32_t GetCatAlertMessage(int locale, const char* catalogue, int number, int count, const char** inserts,
                             char** out) {
-    return GetCatInsMessage(locale, catalogue, kAlertSet, number, count, inserts, "", out);
+    return GetCatInsMessage(locale, catalogue, texts::kAlerts, number, count, inserts, "", out);
 }

@@ -10,6 +10,7 @@
 
 #include "common/PXR_message_internal.h"
 #include "common/PXR_result.h"
+#include "common/PXR_texts.h"
 #include "common/PXR_trace_internal.h"
 #include "cover/Heap.h"
 #include "libplatform/PXR_catalogue.h"
@@ -20,7 +21,6 @@
 
 namespace {
 
-constexpr int kErrorTextSet = 1;
 constexpr size_t kTraceTextSize = 448;  // what PXR_output_message_trace keeps of a text, terminator included
 constexpr char kIdentity[] = "pxragt";  // kept by openlog, so it must live for ever
 
@@ -145,7 +145,7 @@ char* PXR_GetErrCodeString(uint32_t code) {
 char* PXR_GetErrCodeMes(const char* catalogue, uint32_t numberOrCode) {
     char* text = nullptr;
     const int number = static_cast<int>(numberOrCode & 0xFFFF);
-    return GetCatMessageLocale(catalogue, kErrorTextSet, number, &text) == 0 ? text : nullptr;
+    return GetCatMessageLocale(catalogue, texts::kReasons, number, &text) == 0 ? text : nullptr;
 }
 
 int PXR_output_message(FILE* stream, const char* catalogue, int set, int number, ...) {
@@ -220,7 +220,7 @@ void PXR_disable_syslog_output() {
 }
 
 uint32_t PXR_ReportError(uint32_t code, std::source_location where) {
-    return PXR_ReportError(code, "KvAgent.cat", where);
+    return PXR_ReportError(code, texts::kAgent, where);
 }
 
 uint32_t PXR_ReportError(uint32_t code, const char* catalogue, std::source_location where) {

@@ -14,8 +14,8 @@
 
 #include "common/PXR_proc_internal.h"
 #include "common/PXR_string_internal.h"
+#include "common/PXR_texts.h"
 #include "cover/CancelBlock.h"
-#include "libplatform/PXR_message.h"
 
 PXR_companion up_cmds[2] = {
     {"/opt/velmora/lantrel/bin/pxrtraced", 1, 0, nullptr},
@@ -25,11 +25,6 @@ PXR_companion up_cmds[2] = {
 namespace {
 
 using std::chrono::milliseconds;
-
-constexpr char kAgentCatalogue[] = "KvAgent.cat";
-constexpr int kReasonTexts = 1;
-constexpr int kCannotStart = 31490;
-constexpr int kRunsAlready = 0x10001;
 
 constexpr int kCommandLineMax = 4096;
 constexpr int kTermAttempts = 10;
@@ -105,13 +100,13 @@ const char* NameOf(const PXR_companion& command) {
 void StartCompanion(const PXR_companion& command) {
     pid_t running = 0;
     if (PXR_getpid(NameOf(command), &running, 1) > 0) {
-        PXR_output_message(stderr, kAgentCatalogue, kReasonTexts, kRunsAlready, command.path);
+        texts::Print<texts::Id::CompanionRuns>(stderr, command.path);
         if (command.signal != 0) SignalCommand(running, NameOf(command), command.signal);
         return;
     }
     char* const argv[] = {const_cast<char*>(command.path), nullptr};
     if (PXR_exec_command(nullptr, 0, command.path, argv) != 0) {
-        PXR_output_message(stderr, kAgentCatalogue, kReasonTexts, kCannotStart, command.path);
+        texts::Print<texts::Id::CompanionNotStarted>(stderr, command.path);
     }
 }
 

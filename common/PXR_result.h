@@ -5,26 +5,11 @@
 #include <cstdint>
 #include <source_location>
 
-/// Why something failed: the low 16 bits of a result code, and the number of its text in set 1 of KvAgent.cat.
+/// Why something failed: the low 16 bits of a result code.
 enum class Reason : uint16_t {
-    OutOfMemory = 0x1202,
-    FileWrite = 0x1300,
-    FileRead = 0x1301,
-    BadData = 0x1302,
-    CatalogueRead = 0x1303,
-    FileLock = 0x1304,
-    BadHeader = 0x1305,
-    ThreadAlive = 0x1501,
-    ThreadStart = 0x1502,
-    ThreadStuck = 0x1503,
-    NullArgument = 0x4201,
-    BadArgument = 0x4202,
-    NoData = 0x4203,
-    KernelListRead = 0x7981,
-    KernelListFormat = 0x7985,
-    IpmiStart = 0xB400,
-    SmbiosStart = 0xB700,
-    SmbiosTable = 0xB802,
+#define KV_REASON(name, number, catalogues) name = number,
+#include "common/PXR_reasons.inc"
+#undef KV_REASON
 };
 
 /// Bits 28-31: the error class of every code of this library.

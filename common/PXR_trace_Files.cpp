@@ -7,8 +7,8 @@
 #include <ctime>
 #include <string_view>
 
+#include "common/PXR_texts.h"
 #include "common/PXR_trace_internal.h"
-#include "libplatform/PXR_message.h"
 #include "libplatform/PXR_trace.h"
 
 namespace trace {
@@ -17,8 +17,6 @@ namespace {
 
 constexpr const char* kVariantLink = "/opt/velmora/lantrel/lib/lib10platform.so";
 constexpr std::string_view kVariantWithIpmiLog = "libplatform.so.1.0.0";
-constexpr int kSystemLogSet = 4;
-constexpr int kLogFileNotOpened = 2049;
 
 MessageLog g_singleTrace;
 
@@ -67,7 +65,7 @@ bool OpenIpmiLog(const PXR_trace_config& config) {
     CopyCommandName(command);
     char number[12];
     snprintf(number, sizeof number, "%d", error);
-    PXR_syslog_message(LOG_ERR, "KvAgent.cat", kSystemLogSet, kLogFileNotOpened, 3, command, "open", number);
+    texts::Log<texts::Id::IpmiLogNotOpened>(LOG_ERR, command, "open", number);
     return false;
 }
 

@@ -13,8 +13,8 @@
 #include <thread>
 
 #include "common/FileText.h"
+#include "common/PXR_texts.h"
 #include "cover/Heap.h"
-#include "libplatform/PXR_message.h"
 
 namespace {
 
@@ -22,8 +22,6 @@ using std::chrono::steady_clock;
 
 constexpr int64_t kKiB = 1024;
 constexpr size_t kPieceSize = 64 * 1024;
-constexpr int kSystemLogSet = 4;
-constexpr int kLogFileFails = 534;
 
 /// How long a line is held back while another process cuts the file.
 constexpr std::chrono::milliseconds kPatience{100};
@@ -148,7 +146,7 @@ void LogFile::Write(const char* lines, size_t length) {
         if (works || reported) return;
         memcpy(failed, path_, sizeof failed);
     }
-    PXR_syslog_message(LOG_ERR, "KvAgent.cat", kSystemLogSet, kLogFileFails, 1, failed);
+    texts::Log<texts::Id::LogFileFails>(LOG_ERR, failed);
 }
 
 bool LogFile::MakeReady() {

@@ -12,6 +12,7 @@
 
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
+#include "common/PXR_texts.h"
 #include "common/RasLog.h"
 #include "cover/FileDescriptor.h"
 #include "cover/Heap.h"
@@ -271,9 +272,10 @@ uint32_t KvDfGetResourceString(unsigned long locale, unsigned long id, CKvString
         texts[i] = inserts[i];
     const bool ofServiceProcessor = id < kFirstOfStates && (id & 0xFF00) == 0x300;
     char* message = nullptr;
-    const uint32_t code = GetCatInsMessage(
-        static_cast<int>(KvDfConvertLinuxLocale(locale)), ofServiceProcessor ? "KvSvp.cat" : "KvPlatform.cat",
-        id < kFirstOfStates ? 2 : 3, static_cast<int>(id), static_cast<int>(insertCount), texts.get(), "", &message);
+    const uint32_t code = GetCatInsMessage(static_cast<int>(KvDfConvertLinuxLocale(locale)),
+                                           ofServiceProcessor ? texts::kServiceProcessor : texts::kPlatform,
+                                           id < kFirstOfStates ? texts::kAlerts : texts::kWords, static_cast<int>(id),
+                                           static_cast<int>(insertCount), texts.get(), "", &message);
     const OwnedText owner(message);
     if (message != nullptr) text = message;
     return code;

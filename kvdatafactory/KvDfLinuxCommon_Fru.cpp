@@ -12,6 +12,7 @@
 
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
+#include "common/PXR_texts.h"
 #include "common/PXR_trace_internal.h"
 #include "kvdatafactory/KvDfLinuxCommon_Fru.h"
 #include "lib_driverIF/KvPltfSvcIpmiCall.h"
@@ -21,16 +22,13 @@
 #include "lib_driverIF/KvPltfSvcProduct.h"
 #include "libplatform/KvPsBmc.h"
 #include "libplatform/KvPsSensor.h"
-#include "libplatform/PXR_message.h"
 #include "libplatform/PXR_trace.h"
 
 namespace {
 
 constexpr const char* kSource = "kvdatafactory/KvDfLinuxCommon";
 
-constexpr uint32_t kOtherProduct = MakeResult(fn::kGetFruInventoryData, 0xA101);
-
-constexpr int kFruReadFailed = 45342;  // message of set 6
+constexpr uint32_t kOtherProduct = MakeResult(fn::kGetFruInventoryData, Reason::FruOtherProduct);
 
 /// The inventory, as it was read.
 struct Inventory {
@@ -83,7 +81,7 @@ uint32_t ReadStandardFru(ktx_ipmi::IpmiBracket& bracket, Inventory& inventory) {
 void ReportToSyslog() {
     trace::CommandName name;
     trace::CopyCommandName(name);
-    PXR_syslog_message(LOG_ERR, "KvAgent.cat", 6, kFruReadFailed, 1, static_cast<const char*>(name));
+    texts::Log<texts::Id::FruNotRead>(LOG_ERR, name);
 }
 
 /// The process is ending: the reading was broken off, and nothing is known about the inventory.

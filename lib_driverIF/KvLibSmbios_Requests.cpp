@@ -10,8 +10,8 @@
 
 #include "common/ByteReader.h"
 #include "common/Checksum.h"
+#include "common/PXR_texts.h"
 #include "lib_driverIF/KvLibSmbios.h"
-#include "libplatform/PXR_message.h"
 #include "libplatform/PXR_trace.h"
 
 namespace {
@@ -153,8 +153,6 @@ constexpr uint8_t kRoutingSkip[] = {1, 1, 2, 3};
 constexpr size_t kRoutingSizeOffset = 6;
 constexpr size_t kRoutingHeaderSize = 32;
 constexpr ptrdiff_t kSkipAfterRejected = 3;
-constexpr int kRoutingMessageSet = 6;
-constexpr int kRoutingBadChecksum = 25857;
 
 /// As many bytes as the table says that it has which the bytes begin with. Empty when that cannot be.
 std::span<const uint8_t> RoutingTableAt(std::span<const uint8_t> bytes) {
@@ -176,7 +174,7 @@ std::span<const uint8_t> FindRoutingTable(std::span<const uint8_t> area) {
         PXR_trace(PXR_TRACE_MASK_SMBIOS, PXR_TRACE_LEVEL_ERROR, "$PIR table has a bad checksum.\n");
         damaged = true;
     }
-    if (damaged) PXR_syslog_message(LOG_ERR, "KvAgent.cat", kRoutingMessageSet, kRoutingBadChecksum, 1, "PCIBIOS");
+    if (damaged) texts::Log<texts::Id::RoutingTableChecksum>(LOG_ERR, "PCIBIOS");
     return {};
 }
 

@@ -12,7 +12,7 @@
 #include "common/ByteReader.h"
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
-#include "cover/Heap.h"
+#include "common/PXR_texts.h"
 #include "lib_driverIF/KvPltfSvcIpmiCall.h"
 #include "lib_driverIF/KvPltfSvcIpmiCmd.h"
 #include "lib_driverIF/KvPltfSvcIpmiMain_Bmc.h"
@@ -20,7 +20,6 @@
 #include "lib_driverIF/KvPltfSvcIpmiMain_SdrTable.h"
 #include "libplatform/KvPsBmc.h"
 #include "libplatform/KvPsSmbios.h"
-#include "libplatform/PXR_catalogue.h"
 #include "libplatform/PXR_syscall.h"
 #include "libplatform/PXR_trace.h"
 #include "libplatform/ipmi_ioctl.h"
@@ -50,10 +49,8 @@ struct NameCommand {
 
 /// The catalogue's word for "unknown".
 void PutUnknown(std::span<char> buffer) {
-    char* text = nullptr;
-    const bool found = GetCatMessageLocale("KvAgent.cat", 3, 1, &text) == 0;
-    const OwnedText owner(text);
-    const std::string_view word = found ? text : "Unknown";
+    const OwnedText text = texts::Fetch(GetLocale(), texts::Id::WordUnknown);
+    const std::string_view word = text != nullptr ? text.get() : "Unknown";
     word.copy(buffer.data(), buffer.size() - 1);
 }
 

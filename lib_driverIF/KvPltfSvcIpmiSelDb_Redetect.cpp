@@ -7,17 +7,12 @@
 #include <cstring>
 
 #include "common/PXR_result.h"
+#include "common/PXR_texts.h"
 #include "common/PXR_thread_internal.h"
 #include "lib_driverIF/KvPltfSvcIpmiSelDb_Internal.h"
 #include "libplatform/PXR_trace.h"
 
 namespace ktx_ipmi {
-
-namespace {
-
-constexpr uint32_t kMessageRedetected = 64021;
-
-}  // namespace
 
 void TraceRedetection(const KVPS_SEL_ENTRY& entry) {
     std::array<uint8_t, sizeof entry> bytes;
@@ -31,7 +26,7 @@ void TraceRedetection(const KVPS_SEL_ENTRY& entry) {
 
 void ReportRedetection(const SelLog& log) {
     const CancelBlock block;
-    PutSyslogMessage(kMessageRedetected, LOG_INFO);
+    PutSyslogMessage(texts::Of(texts::Id::EventsReadAgain).number, LOG_INFO);
     CopyFilesOfRedetection(log.Device());
 }
 

@@ -8,13 +8,11 @@
 #include <memory>
 
 #include "common/PXR_message_internal.h"
+#include "common/PXR_texts.h"
 #include "lib_driverIF/KvPltfSvcIpmiSelDb.h"
 #include "libplatform/PXR_catalogue.h"
 
 namespace {
-
-constexpr const char* kAgentCatalogue = "KvAgent.cat";
-constexpr int kMessageSet = 6;
 
 struct Level {
     int priority;
@@ -38,7 +36,7 @@ using Text = std::unique_ptr<char, decltype(&free)>;
 
 Text MessageText(uint32_t messageId) {
     char* text = nullptr;
-    GetCatMessage(KV_LOCALE_NEUTRAL, kAgentCatalogue, kMessageSet, static_cast<int>(messageId), &text);
+    GetCatMessage(KV_LOCALE_NEUTRAL, texts::kAgent, texts::kHardwareLog, static_cast<int>(messageId), &text);
     return {text, free};
 }
 

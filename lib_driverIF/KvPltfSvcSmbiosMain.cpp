@@ -10,6 +10,7 @@
 
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
+#include "common/PXR_texts.h"
 #include "cover/Heap.h"
 #include "lib_driverIF/KvLibSmbios.h"
 #include "libplatform/PXR_message.h"
@@ -141,7 +142,7 @@ uint32_t StartFailed(uint32_t driverResult, const char* what) {
     constexpr uint32_t kCode = MakeResult(fn::kInitializeSmbios, Reason::SmbiosTable);
     static_assert(kCode == 0x6118B802);
     const OwnedText printable(PXR_GetErrCodeString(kCode));
-    const OwnedText text(PXR_GetErrCodeMes("KvPlatform.cat", kCode));
+    const OwnedText text(PXR_GetErrCodeMes(texts::kPlatform, kCode));
     PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "%s", what);
     PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "%s driver_result = 0x%08X %s \n",
               printable != nullptr ? printable.get() : "", driverResult, text != nullptr ? text.get() : "");

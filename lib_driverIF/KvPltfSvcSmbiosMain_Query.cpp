@@ -9,6 +9,7 @@
 
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
+#include "common/PXR_texts.h"
 #include "lib_driverIF/KvPltfSvcSmbiosMain.h"
 #include "lib_driverIF/KvPltfSvcSmbiosView.h"
 #include "libplatform/PXR_trace.h"
@@ -17,7 +18,6 @@ namespace {
 
 using ktx_smbios::StructureView;
 
-constexpr const char* kPlatformCatalogue = "KvPlatform.cat";
 constexpr size_t kUuidOffset = 8;
 constexpr size_t kUuidSize = 16;
 constexpr uint8_t kLastSystemField = 24;
@@ -90,7 +90,7 @@ uint32_t KvPsGetStructureHeader(KVPS_SMBIOS_HEAD* out) {
 uint32_t KvPsGetTypeData(uint8_t type, unsigned long* count, KVPS_SMBIOS_TPHEAD*** array) {
     const bool known = type < KVPS_SMBIOS_TYPES || type == KVPS_SMBIOS_ALL_TYPES;
     if (!known || count == nullptr || array == nullptr) {
-        return PXR_ReportError(MakeResult(fn::kGetSmbiosTypeData, Reason::BadArgument), kPlatformCatalogue);
+        return PXR_ReportError(MakeResult(fn::kGetSmbiosTypeData, Reason::BadArgument), texts::kPlatform);
     }
     *count = 0;
     *array = nullptr;
@@ -103,7 +103,7 @@ uint32_t KvPsGetTypeData(uint8_t type, unsigned long* count, KVPS_SMBIOS_TPHEAD*
     }
     auto* const copy = new (std::nothrow) KVPS_SMBIOS_TPHEAD*[total];
     if (copy == nullptr)
-        return PXR_ReportError(MakeResult(fn::kGetSmbiosTypeData, Reason::OutOfMemory), kPlatformCatalogue);
+        return PXR_ReportError(MakeResult(fn::kGetSmbiosTypeData, Reason::OutOfMemory), texts::kPlatform);
     KVPS_SMBIOS_TPHEAD** next = copy;
     for (const SmbiosTypeData& data : TypesOf(type))
         next = std::copy_n(data.records, data.count, next);

@@ -9,26 +9,21 @@
 
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
-#include "cover/Heap.h"
+#include "common/PXR_texts.h"
 #include "lib_driverIF/KvPltfSvcIpmiSelDb.h"
-#include "libplatform/PXR_catalogue.h"
 
 namespace {
 
-constexpr uint32_t kAlertDatabaseFailed = 64016;  // its number in the catalogue, too
 constexpr uint32_t kLevel = 10;
 constexpr uint32_t kPortion = 16;
-constexpr int kAlertSet = 2;
 
 void SetText(CKvString& out, int locale) {
-    char* text = nullptr;
-    GetCatMessage(locale, "KvAgent.cat", kAlertSet, kAlertDatabaseFailed, &text);
-    const OwnedText owner(text);
-    out = text;
+    out = texts::Fetch(locale, texts::Id::AlertSelDatabase).get();
 }
 
 void FillAlert(KVDF_ALERT& alert) {
-    alert.id = kAlertDatabaseFailed;
+    alert.id =
+        static_cast<uint32_t>(texts::Of(texts::Id::AlertSelDatabase).number);  // an alert and its text have one number
     alert.level = kLevel;
     alert.portion = kPortion;
     alert.time = static_cast<uint32_t>(time(nullptr));

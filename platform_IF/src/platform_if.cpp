@@ -13,10 +13,10 @@
 #include "common/PXR_data_access_internal.h"
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
+#include "common/PXR_texts.h"
 #include "kvdatafactory/Alert/KvAfHooks.h"
 #include "lib_driverIF/KvPltfSvcIpmiCall.h"
 #include "lib_driverIF/KvPltfSvcSmbiosMain.h"
-#include "libplatform/PXR_catalogue.h"
 #include "libplatform/PXR_trace.h"
 #include "platform_IF/src/ipmi_if.h"
 #include "platform_IF/src/platform_if_Classes.h"
@@ -26,11 +26,6 @@ char* g_pszUnknown = nullptr;
 char* g_pszNormal = nullptr;
 
 namespace {
-
-constexpr const char* kAgentCatalogue = "KvAgent.cat";
-constexpr int kSetStateWords = 3;
-constexpr int kWordUnknown = 1;
-constexpr int kWordNormal = 22;
 
 constexpr uint32_t kIpmiEventInterval = 10000;  // ms; the host always polls the event log
 
@@ -60,8 +55,8 @@ void FreeWords() {
 // A word that the catalogue lacks stays null: its failure has been traced, and the properties that show it stay empty.
 void LoadWords() {
     FreeWords();
-    GetCatMessageLocale(kAgentCatalogue, kSetStateWords, kWordUnknown, &g_pszUnknown);
-    GetCatMessageLocale(kAgentCatalogue, kSetStateWords, kWordNormal, &g_pszNormal);
+    g_pszUnknown = texts::Fetch(GetLocale(), texts::Id::WordUnknown).release();
+    g_pszNormal = texts::Fetch(GetLocale(), texts::Id::WordNormal).release();
 }
 
 /// Starts what the classes read from, lowest first. Without the firmware's table the rest stays down; without a way to
