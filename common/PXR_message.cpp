@@ -1,3 +1,4 @@
+// Messages of the catalogues: printed on a stream, or written to the system log.
 #include "libplatform/PXR_message.h"
 
 #include <syslog.h>
@@ -5,12 +6,9 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <mutex>
 
 #include "common/PXR_message_internal.h"
-#include "common/PXR_result.h"
-#include "common/PXR_texts.h"
 #include "common/PXR_trace_internal.h"
 #include "cover/Heap.h"
 #include "libplatform/PXR_catalogue.h"
@@ -23,21 +21,6 @@ namespace {
 
 constexpr size_t kTraceTextSize = 448;  // what PXR_output_message_trace keeps of a text, terminator included
 constexpr char kIdentity[] = "pxragt";  // kept by openlog, so it must live for ever
-
-const char* TextOf(const OwnedText& text) {
-    return text == nullptr ? "" : text.get();
-}
-
-char SeverityOfCode(uint32_t code) {
-    switch (code >> 26 & 3) {
-        case 1:
-            return 'W';
-        case 2:
-            return 'E';
-        default:
-            return 'C';
-    }
-}
 
 char SeverityOfPriority(int priority) {
     if (priority <= LOG_ERR) return 'E';
@@ -135,19 +118,6 @@ private:
 
 }  // namespace
 
-char* PXR_GetErrCodeString(uint32_t code) {
-    char* text = nullptr;
-    const int length =
-        asprintf(&text, "QNTR %X%04X-%c %03X", code >> 28, code & 0xFFFF, SeverityOfCode(code), code >> 16 & 0x3FF);
-    return length < 0 ? nullptr : text;
-}
-
-char* PXR_GetErrCodeMes(const char* catalogue, uint32_t numberOrCode) {
-    char* text = nullptr;
-    const int number = static_cast<int>(numberOrCode & 0xFFFF);
-    return GetCatMessageLocale(catalogue, texts::kReasons, number, &text) == 0 ? text : nullptr;
-}
-
 int PXR_output_message(FILE* stream, const char* catalogue, int set, int number, ...) {
     uint32_t error = 0;
     const OwnedText format = FetchMessage(catalogue, set, number, error);
@@ -200,7 +170,7 @@ void PXR_syslog_message(int priority, const char* catalogue, int set, int number
     const OwnedText message = text != nullptr ? OwnedText(text) : inserts.Joined();
     char head[32];
     snprintf(head, sizeof head, "WXPLG%04dA%c-%c", number, trace::OriginLetter(), SeverityOfPriority(priority));
-    WriteOutput(priority, head, TextOf(message));
+    WriteOutput(priority, head, message == nullptr ? "" : message.get());
 }
 
 void PXR_WriteSyslogLine(int priority, const char* head, const char* text) {
@@ -217,26 +187,4 @@ void PXR_set_syslog_output(FILE* stream) {
 void PXR_disable_syslog_output() {
     const std::lock_guard lock(g_outputMutex);
     g_output = Output::Nowhere;
-}
-
-uint32_t PXR_ReportError(uint32_t code, std::source_location where) {
-    return PXR_ReportError(code, texts::kAgent, where);
-}
-
-uint32_t PXR_ReportError(uint32_t code, const char* catalogue, std::source_location where) {
-    // The text of a report comes from a catalogue; what goes wrong there is not reported in turn.
-    static thread_local bool reporting = false;
-    if (!trace::ReachesDaemon() || reporting) return code;
-    const trace::CallerGuard guard;
-    struct Reporting {
-        Reporting() { reporting = true; }
-        Reporting(const Reporting&) = delete;
-        Reporting& operator=(const Reporting&) = delete;
-        ~Reporting() { reporting = false; }
-    } const inProgress;
-    const OwnedText message(PXR_GetErrCodeMes(catalogue, code));
-    const OwnedText printed(PXR_GetErrCodeString(code));
-    PXR_trace(PXR_TRACE_MASK_LIBRARY, PXR_TRACE_LEVEL_ERROR, "%s %s (%d)\n", TextOf(printed), TextOf(message),
-              static_cast<int>(where.line()));
-    return code;
 }
