@@ -1,3 +1,4 @@
+// Messages in a locale: which locale, and under which locks a catalogue is read.
 #include "libplatform/PXR_catalogue.h"
 
 #include <algorithm>
@@ -9,8 +10,8 @@
 #include "common/PXR_catalogue_file.h"
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
-#include "common/PXR_texts.h"
-#include "common/PXR_thread_internal.h"
+#include "cover/CancelBlock.h"
+#include "cover/Heap.h"
 #include "libplatform/PXR_message.h"
 #include "libplatform/PXR_trace.h"
 
@@ -137,17 +138,4 @@ uint32_t GetCatMessageCollectLocale(const char* catalogue, int set, int number, 
     }
     Report(first, id);
     return Report(result, id);
-}
-
-uint32_t GetCatInsMessage(int locale, const char* catalogue, int set, int number, int count, const char** inserts,
-                          const char* fallback, char** out) {
-    char* text = nullptr;
-    const uint32_t code = GetCatMessage(locale, catalogue, set, number, &text);
-    const OwnedText owned(text);
-    return code != 0 ? code : InsertInsMessage(text, count, inserts, fallback, out);
-}
-
-uint32_t GetCatAlertMessage(int locale, const char* catalogue, int number, int count, const char** inserts,
-                            char** out) {
-    return GetCatInsMessage(locale, catalogue, texts::kAlerts, number, count, inserts, "", out);
 }

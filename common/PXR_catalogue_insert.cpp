@@ -1,3 +1,4 @@
+// Inserts: messages whose numbered places are filled.
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -5,6 +6,8 @@
 
 #include "common/PXR_function_numbers.h"
 #include "common/PXR_result.h"
+#include "common/PXR_texts.h"
+#include "cover/Heap.h"
 #include "libplatform/PXR_catalogue.h"
 
 namespace {
@@ -78,4 +81,17 @@ uint32_t InsertInsMessage(const char* text, int count, const char** inserts, con
     *end = '\0';
     *out = result;
     return 0;
+}
+
+uint32_t GetCatInsMessage(int locale, const char* catalogue, int set, int number, int count, const char** inserts,
+                          const char* fallback, char** out) {
+    char* text = nullptr;
+    const uint32_t code = GetCatMessage(locale, catalogue, set, number, &text);
+    const OwnedText owned(text);
+    return code != 0 ? code : InsertInsMessage(text, count, inserts, fallback, out);
+}
+
+uint32_t GetCatAlertMessage(int locale, const char* catalogue, int number, int count, const char** inserts,
+                            char** out) {
+    return GetCatInsMessage(locale, catalogue, texts::kAlerts, number, count, inserts, "", out);
 }
