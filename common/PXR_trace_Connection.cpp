@@ -1,3 +1,4 @@
+// The socket to the trace daemon: made, used by all threads, made anew when the daemon is lost.
 #include "common/PXR_trace_Connection.h"
 
 #include <fcntl.h>
@@ -64,6 +65,8 @@ uint32_t SocketInode(int fd) {
 }
 
 }  // namespace
+
+Connection g_connection;
 
 bool Connection::Open() {
     const std::lock_guard lock(mutex_);
@@ -165,6 +168,10 @@ bool Connection::InstallLocked(int fresh) {
 bool Connection::IsOurSocket(int fd) const {
     const uint32_t own = socket_;
     return fd >= 0 && own != 0 && SocketInode(fd) == own;
+}
+
+void SendPacket(const PXR_trace_packet& packet) {
+    g_connection.Send(packet);
 }
 
 }  // namespace trace

@@ -46,4 +46,7 @@ private:
     std::atomic<bool> stalled_{false};  ///< the daemon did not read in time; nobody waits again until it does
 };
 
+/// This process's.
+extern Connection g_connection;
+
 }  // namespace trace

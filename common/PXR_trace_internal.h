@@ -92,13 +92,10 @@ private:
     std::atomic<int> highestLevel_{kClosed};
 };
 
-/// Messages of mask 0x8000.
-extern MessageLog g_ipmiLog;
-/// Opens the IPMI log, or the edit tool's in its place; a failure goes to the system log.
-bool OpenIpmiLog(const PXR_trace_config& config);
-/// Whether this installation keeps an IPMI log.
-bool KeepsIpmiLog();
-/// Whether this process writes into one at present.
+extern MessageLog g_ipmiLog;      ///< messages of mask 0x8000
+extern MessageLog g_singleTrace;  ///< what command-line tools trace
+
+/// Whether this process writes into an IPMI log at present.
 inline bool WritesIpmiLog() {
     return IsOn() && g_ipmiLog.Wants(PXR_TRACE_LEVEL_ERROR);
 }
