@@ -6,6 +6,7 @@
 #include <new>
 
 #include "common/PXR_trace_LogFile.h"
+#include "common/PXR_trace_internal.h"
 #include "cover/CancelBlock.h"
 
 struct PXR_log_file {
@@ -15,7 +16,7 @@ struct PXR_log_file {
 PXR_log_file* PXR_log_file_open(const char* path, uint32_t limitKiB) {
     const CancelBlock untilItIsOpen;
     std::unique_ptr<PXR_log_file> log(new (std::nothrow) PXR_log_file);
-    const int error = log == nullptr ? ENOMEM : log->file.Open(path, limitKiB);
+    const int error = log == nullptr ? ENOMEM : log->file.Open(path, limitKiB, trace::ReportFailingLog);
     if (error == 0) return log.release();
     log.reset();
     errno = error;

@@ -23,8 +23,8 @@ namespace {
 MessageLog g_ipmiLog;
 MessageLog g_singleTrace;
 
-int MessageLog::Open(const char* path, const PXR_trace_config& config) {
-    const int error = file_.Open(path, config.traceSize);
+int MessageLog::Open(const char* path, const PXR_trace_config& config, LogFile::Report* report) {
+    const int error = file_.Open(path, config.traceSize, report);
     highestLevel_.store(error == 0 ? static_cast<int>(config.traceLevel) : kClosed, std::memory_order_relaxed);
     return error;
 }

@@ -2,7 +2,6 @@
 #include "common/PXR_trace_LogFile.h"
 
 #include <fcntl.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,7 +12,6 @@
 #include <thread>
 
 #include "common/FileText.h"
-#include "common/PXR_texts.h"
 #include "cover/Heap.h"
 
 namespace {
@@ -94,7 +92,7 @@ private:
 
 }  // namespace
 
-int LogFile::Open(const char* path, uint32_t limitKiB) {
+int LogFile::Open(const char* path, uint32_t limitKiB, Report* report) {
     if (path == nullptr) return EINVAL;
     const size_t length = strlen(path);
     if (length >= sizeof path_) return ENAMETOOLONG;
@@ -102,6 +100,7 @@ int LogFile::Open(const char* path, uint32_t limitKiB) {
     Release();
     memcpy(path_, path, length + 1);
     limit_ = limitKiB * kKiB;
+    report_ = report;
     failing_ = false;
     const int error = OpenFile();
     open_ = error == 0;
@@ -138,6 +137,7 @@ bool LogFile::IsOurFile(struct stat& status) const {
 
 void LogFile::Write(const char* lines, size_t length) {
     char failed[PATH_MAX];
+    Report* report = nullptr;
     {
         const std::lock_guard lock(mutex_);
         if (!open_) return;
@@ -145,8 +145,9 @@ void LogFile::Write(const char* lines, size_t length) {
         const bool reported = std::exchange(failing_, !works);
         if (works || reported) return;
         memcpy(failed, path_, sizeof failed);
+        report = report_;
     }
-    texts::Log<texts::Id::LogFileFails>(LOG_ERR, failed);
+    report(failed);
 }
 
 bool LogFile::MakeReady() {

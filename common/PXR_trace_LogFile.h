@@ -23,14 +23,16 @@ public:
     LogFile& operator=(const LogFile&) = delete;
     ~LogFile() { Close(); }
 
+    /// Told when the file begins to fail, with no lock held, and again only after it has worked.
+    using Report = void(const char* path);
+
     /// Opens the file for appending, creating it; an open one is closed first.
     /// @param limitKiB  size limit, 0: none
     /// @return 0 or an errno value
-    int Open(const char* path, uint32_t limitKiB);
+    int Open(const char* path, uint32_t limitKiB, Report* report);
     void Close();
 
-    /// Appends whole lines and cuts the file if it is due. A file that fails is reported to the system log, once until
-    /// it works again; the report is made with no lock held. A descriptor that the host has closed is opened anew.
+    /// Appends whole lines and cuts the file if it is due. A descriptor that the host has closed is opened anew.
     void Write(const char* lines, size_t length);
 
 private:
@@ -50,8 +52,9 @@ private:
     int fd_ = -1;
     std::pair<dev_t, ino_t> identity_;  ///< device and inode of the file under fd_
     int64_t limit_ = 0;                 ///< bytes
-    bool failing_ = false;              ///< reported and not yet recovered
-    bool cutIsOurs_ = false;            ///< when the file is too long: this writer cuts it, not another process
-    bool waitedInVain_ = false;         ///< for another process's cut; nobody waits again until the file is short
+    Report* report_ = nullptr;
+    bool failing_ = false;       ///< reported and not yet recovered
+    bool cutIsOurs_ = false;     ///< when the file is too long: this writer cuts it, not another process
+    bool waitedInVain_ = false;  ///< for another process's cut; nobody waits again until the file is short
     char path_[PATH_MAX] = {};
 };

@@ -29,7 +29,8 @@ bool KeepsIpmiLog() {
 /// Opens the IPMI log, or the edit tool's in its place; a failure goes to the system log.
 bool OpenIpmiLog(const PXR_trace_config& config) {
     const bool editTool = (trace::State() & trace::kEditTool) != 0;
-    const int error = trace::g_ipmiLog.Open(editTool ? PXR_TRACE_IPMI_EDIT_LOG : PXR_TRACE_IPMI_LOG, config);
+    const int error =
+        trace::g_ipmiLog.Open(editTool ? PXR_TRACE_IPMI_EDIT_LOG : PXR_TRACE_IPMI_LOG, config, trace::ReportFailingLog);
     if (error == 0) return true;
     trace::CommandName command;
     trace::CopyCommandName(command);
@@ -40,6 +41,10 @@ bool OpenIpmiLog(const PXR_trace_config& config) {
 }
 
 }  // namespace
+
+void trace::ReportFailingLog(const char* path) {
+    texts::Log<texts::Id::LogFileFails>(LOG_ERR, path);
+}
 
 int PXR_trace_init() {
     const CallerGuard guard;
@@ -64,7 +69,7 @@ int PXR_single_trace_init(const char* path) {
     const CallerGuard guard;
     PXR_trace_config config;
     PXR_trace_read_config(&config);
-    return trace::g_singleTrace.Open(path, config) == 0 ? 0 : -1;
+    return trace::g_singleTrace.Open(path, config, trace::ReportFailingLog) == 0 ? 0 : -1;
 }
 
 void PXR_Single_trace_term() {

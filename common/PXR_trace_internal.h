@@ -77,7 +77,7 @@ private:
 class MessageLog {
 public:
     /// @return 0 or an errno value
-    int Open(const char* path, const PXR_trace_config& config);
+    int Open(const char* path, const PXR_trace_config& config, LogFile::Report* report);
     void Close();
     /// Whether the log is open and takes messages of this level.
     bool Wants(int level) const {
@@ -91,6 +91,9 @@ private:
     LogFile file_;
     std::atomic<int> highestLevel_{kClosed};
 };
+
+/// Tells the system log that a log file begins to fail.
+void ReportFailingLog(const char* path);
 
 extern MessageLog g_ipmiLog;      ///< messages of mask 0x8000
 extern MessageLog g_singleTrace;  ///< what command-line tools trace

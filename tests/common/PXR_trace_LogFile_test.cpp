@@ -17,7 +17,7 @@
 #include <thread>
 #include <utility>
 
-#include "libplatform/PXR_trace.h"
+#include "common/PXR_trace_internal.h"
 #include "tests/support/InMachineRoot.h"
 #include "tests/support/Lines.h"
 #include "tests/support/SyslogListener.h"
@@ -61,6 +61,12 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
+std::vector<std::string> reports;
+
+void Report(const char* path) {
+    reports.emplace_back(path);
+}
+
 void WriteLine(LogFile& file, const std::string& text) {
     file.Write((text + '\n').data(), text.size() + 1);
 }
@@ -69,7 +75,7 @@ void WriteLine(LogFile& file, const std::string& text) {
 void GrowAndCheck(const char* path, uint32_t limitKiB, int count, size_t padding, int checkEvery) {
     LogFile files[2];  // as of two processes
     for (LogFile& file : files)
-        ASSERT_EQ(0, file.Open(path, limitKiB));
+        ASSERT_EQ(0, file.Open(path, limitKiB, Report));
     for (int n = 0; n < count; ++n) {
         const std::string line = std::to_string(n) + std::string(padding + static_cast<size_t>(n) % 7, '.') + "\n";
         const auto before = file_size(path);
@@ -95,7 +101,7 @@ TEST(LogFile, IsCutWhateverItsReadersDo) {
     RunInRoot(MakeTestRoot(), [] {
         std::ofstream("/tmp/read.log") << std::string(5000, '.') << '\n';
         LogFile file;
-        ASSERT_EQ(0, file.Open("/tmp/read.log", 1));
+        ASSERT_EQ(0, file.Open("/tmp/read.log", 1, Report));
         const int reader = open("/tmp/read.log", O_RDONLY | O_CLOEXEC);
         struct flock whole {};
         whole.l_type = F_RDLCK;
@@ -132,7 +138,7 @@ TEST(LogFile, ProcessesThatCutItLoseNothingOfTheRest) {
                 const pid_t child = fork();
                 if (child != 0) return child;
                 LogFile file;
-                file.Open("/tmp/two.log", 32);
+                file.Open("/tmp/two.log", 32, Report);
                 for (int n = 0; n <= kLast; ++n) {
                     std::string line = name + (' ' + std::to_string(n)) + ' ';
                     line.resize(100, '.');
@@ -152,7 +158,7 @@ TEST(LogFile, ProcessesThatCutItLoseNothingOfTheRest) {
 TEST(LogFile, TakesAlongWhatIsAppendedDuringTheCut) {
     RunInRoot(MakeTestRoot(), [] {
         LogFile file;
-        ASSERT_EQ(0, file.Open("/tmp/along.log", 1));
+        ASSERT_EQ(0, file.Open("/tmp/along.log", 1, Report));
         const int other = open("/tmp/along.log", O_WRONLY | O_APPEND | O_CLOEXEC);
         for (int i = 0; i < 11; ++i) {
             if (i == 10) afterNextPwrite = [other] { EXPECT_EQ(6, write(other, "other\n", 6)); };
@@ -168,8 +174,8 @@ TEST(LogFile, HoldsItsLinesBackWhileAnotherProcessCuts) {
     RunInRoot(MakeTestRoot(), [] {
         LogFile one;
         LogFile other;
-        ASSERT_EQ(0, one.Open("/tmp/held.log", 1));
-        ASSERT_EQ(0, other.Open("/tmp/held.log", 1));
+        ASSERT_EQ(0, one.Open("/tmp/held.log", 1, Report));
+        ASSERT_EQ(0, other.Open("/tmp/held.log", 1, Report));
         WriteLine(other, "begin");
         WriteLine(one, std::string(999, '.'));
         std::thread writer;
@@ -188,7 +194,7 @@ TEST(LogFile, HoldsItsLinesBackWhileAnotherProcessCuts) {
 TEST(LogFile, AnotherWriterCutsInADeadOnesPlace) {
     RunInRoot(MakeTestRoot(), [] {
         LogFile file;
-        ASSERT_EQ(0, file.Open("/tmp/dead.log", 1));
+        ASSERT_EQ(0, file.Open("/tmp/dead.log", 1, Report));
         WriteLine(file, "begin");
         std::ofstream("/tmp/dead.log", std::ios::app) << std::string(1039, '.') << '\n';
         const auto begin = steady_clock::now();
@@ -206,7 +212,7 @@ TEST(LogFile, AnotherWriterCutsInADeadOnesPlace) {
 TEST(LogFile, ThreadsThatOpenAndWriteLoseNothing) {
     RunInRoot(MakeTestRoot(), [] {
         LogFile file;
-        ASSERT_EQ(0, file.Open("/tmp/threads.log", 2));
+        ASSERT_EQ(0, file.Open("/tmp/threads.log", 2, Report));
         const int next = dup(0);
         close(next);
         std::vector<std::thread> threads(8);
@@ -214,7 +220,7 @@ TEST(LogFile, ThreadsThatOpenAndWriteLoseNothing) {
         for (auto& thread : threads) {
             thread = std::thread([&file, line = std::string(30, letter++) + "\n"] {
                 for (int n = 0; n < 500; ++n) {
-                    file.Open("/tmp/threads.log", 2);
+                    file.Open("/tmp/threads.log", 2, Report);
                     file.Write(line.data(), line.size());
                 }
             });
@@ -235,7 +241,7 @@ TEST(LogFile, LeavesAFileAloneThatReusesItsNumberAndOpensItsOwnAnew) {
         const int number = dup(0);
         close(number);
         LogFile file;
-        ASSERT_EQ(0, file.Open("/tmp/our.log", 1));
+        ASSERT_EQ(0, file.Open("/tmp/our.log", 1, Report));
         WriteLine(file, "before");
         ASSERT_EQ(0, close(number));
         ASSERT_EQ(number, open("/tmp/host.data", O_RDWR | O_CREAT, 0600));
@@ -256,7 +262,7 @@ TEST(LogFile, AFullDiskIsReportedOnceUntilItHasRoomAgain) {
             ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
         };
         LogFile file;
-        ASSERT_EQ(0, file.Open("/tmp/full.log", 0));
+        ASSERT_EQ(0, file.Open("/tmp/full.log", 0, trace::ReportFailingLog));
         const std::string line = std::string(299, '.') + "\n";
         const auto write = [&](int times) {
             for (int i = 0; i < times; ++i)
@@ -280,7 +286,7 @@ TEST(LogFile, AFullDiskIsReportedOnceUntilItHasRoomAgain) {
 TEST(LogFile, WhatAFullDiskLetsThroughIsTakenBackUnlessOthersHaveWrittenBehindIt) {
     RunInRoot(MakeTestRoot(), [] {
         LogFile file;
-        ASSERT_EQ(0, file.Open("/tmp/behind.log", 0));
+        ASSERT_EQ(0, file.Open("/tmp/behind.log", 0, Report));
         const int other = open("/tmp/behind.log", O_WRONLY | O_APPEND | O_CLOEXEC);
         writeOnly = 3;
         afterNextWrite = [other] { EXPECT_EQ(7, pwrite(other, "\nother\n", 7, 0)); };
@@ -293,15 +299,14 @@ TEST(LogFile, WhatAFullDiskLetsThroughIsTakenBackUnlessOthersHaveWrittenBehindIt
 // A sealed file grows and never shrinks.
 TEST(LogFile, AFileThatCannotBeCutIsReportedOnce) {
     RunInRoot(MakeTestRoot(), [] {
-        SyslogListener syslog;
         const int sealed = memfd_create("log", MFD_ALLOW_SEALING | MFD_CLOEXEC);
         ASSERT_EQ(0, fcntl(sealed, F_ADD_SEALS, F_SEAL_SHRINK));
         const std::string path = "/proc/self/fd/" + std::to_string(sealed);
         LogFile file;
-        ASSERT_EQ(0, file.Open(path.c_str(), 1));
+        ASSERT_EQ(0, file.Open(path.c_str(), 1, Report));
         for (int i = 0; i < 20; ++i)
             WriteLine(file, std::string(99, '.'));
-        EXPECT_THAT(syslog.Lines(), ElementsAre(HasSubstr(path)));
+        EXPECT_THAT(reports, ElementsAre(path));
         EXPECT_EQ(2000, lseek(sealed, 0, SEEK_END)) << "no line is lost";
         close(sealed);
     });
