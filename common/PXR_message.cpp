@@ -27,16 +27,25 @@ char SeverityOfPriority(int priority) {
     return priority == LOG_WARNING ? 'W' : 'I';
 }
 
-/// @param error  the catalogue's, when there is no text
-OwnedText FetchMessage(const char* catalogue, int set, int number, uint32_t& error) {
+struct Message {
+    const char* catalogue;
+    int set;
+    int number;
+};
+
+/// @param format  out: the text; null when the catalogue has none
+/// @return the catalogue's error
+uint32_t Fetch(const Message& message, OwnedText& format) {
     char* text = nullptr;
-    error = GetCatMessageCollectLocale(catalogue, set, number, &text);
-    return OwnedText(text);
+    const uint32_t error = GetCatMessageCollectLocale(message.catalogue, message.set, message.number, &text);
+    format.reset(text);
+    return error;
 }
 
-int PrintMessage(FILE* stream, const char* format, va_list args) {
+int OutputMessage(FILE* stream, const Message& message, OwnedText& format, va_list args) {
+    if (const uint32_t error = Fetch(message, format)) return static_cast<int>(error);
     if (stream == nullptr) return EOF;
-    vfprintf(stream, format, args);
+    vfprintf(stream, format.get(), args);
     fputc('\n', stream);
     return fflush(stream);
 }
@@ -119,24 +128,21 @@ private:
 }  // namespace
 
 int PXR_output_message(FILE* stream, const char* catalogue, int set, int number, ...) {
-    uint32_t error = 0;
-    const OwnedText format = FetchMessage(catalogue, set, number, error);
-    if (format == nullptr) return static_cast<int>(error);
+    OwnedText format;
     va_list args;
     va_start(args, number);
-    const int result = PrintMessage(stream, format.get(), args);
+    const int result = OutputMessage(stream, {catalogue, set, number}, format, args);
     va_end(args);
     return result;
 }
 
 int PXR_output_message_trace(FILE* stream, const char* catalogue, int set, int number, ...) {
-    uint32_t error = 0;
-    const OwnedText format = FetchMessage(catalogue, set, number, error);
-    if (format == nullptr) return static_cast<int>(error);
+    OwnedText format;
     va_list args;
     va_start(args, number);
-    const int result = PrintMessage(stream, format.get(), args);
+    const int result = OutputMessage(stream, {catalogue, set, number}, format, args);
     va_end(args);
+    if (format == nullptr) return result;
     char text[kTraceTextSize];
     va_start(args, number);
     vsnprintf(text, sizeof text, format.get(), args);
@@ -147,9 +153,8 @@ int PXR_output_message_trace(FILE* stream, const char* catalogue, int set, int n
 
 int PXR_sprint_message(char* buffer, const char* catalogue, int set, int number, ...) {
     if (buffer == nullptr) return EOF;
-    uint32_t error = 0;
-    const OwnedText format = FetchMessage(catalogue, set, number, error);
-    if (format == nullptr) return static_cast<int>(error);
+    OwnedText format;
+    if (const uint32_t error = Fetch({catalogue, set, number}, format)) return static_cast<int>(error);
     va_list args;
     va_start(args, number);
     vsprintf(buffer, format.get(), args);
