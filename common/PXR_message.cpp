@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "common/PXR_message_internal.h"
+#include "common/PXR_texts.h"
 #include "common/PXR_trace_internal.h"
 #include "cover/Heap.h"
 #include "libplatform/PXR_catalogue.h"
@@ -84,6 +85,24 @@ void WriteOutput(int priority, const char* head, const char* text) {
         case Output::Nowhere:
             break;
     }
+}
+
+struct EventLevel {
+    int priority;
+    int number;
+    char letter;
+    const char* name;
+};
+constexpr EventLevel kEventLevels[] = {
+    {LOG_CRIT, 906, 'W', "Warning"},
+    {LOG_ERR, 907, 'E', "Error"},
+    {LOG_WARNING, 906, 'W', "Warning"},
+    {LOG_INFO, 905, 'I', "Information"},
+};
+
+/// No configuration file of the agent has switches for these messages: every level is on.
+bool IsWanted(const EventLevel& /*level*/) {
+    return true;
 }
 
 /// Copies of the inserts of a message, in one list that frees them.
@@ -178,9 +197,20 @@ void PXR_syslog_message(int priority, const char* catalogue, int set, int number
     WriteOutput(priority, head, message == nullptr ? "" : message.get());
 }
 
-void PXR_WriteSyslogLine(int priority, const char* head, const char* text) {
+void PutSyslogMessage(uint32_t messageId, int priority) {
     const trace::CallerGuard guard;
-    WriteOutput(priority, head, text);
+    for (const EventLevel& level : kEventLevels) {
+        if (level.priority != priority || !IsWanted(level)) continue;
+        char head[32];
+        snprintf(head, sizeof head, "WXPLG%04dA-%c", level.number, level.letter);
+        char* text = nullptr;
+        GetCatMessage(KV_LOCALE_NEUTRAL, texts::kAgent, texts::kHardwareLog, static_cast<int>(messageId), &text);
+        const OwnedText message(text);
+        char line[1024];  // what a syslog daemon takes
+        snprintf(line, sizeof line, "An alert occured at agent. (ID=0x%04x:LEVEL=%s:MSG=%s)", messageId, level.name,
+                 message != nullptr ? message.get() : "");
+        WriteOutput(priority, head, line);
+    }
 }
 
 void PXR_set_syslog_output(FILE* stream) {

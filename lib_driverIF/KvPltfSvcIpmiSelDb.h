@@ -60,8 +60,3 @@ void RemoveNotifiedSEL(unsigned long* count, KVPS_SEL_ENTRY* entries);
 
 /// Whether a marker of that kind was read in this process.
 bool CheckSelMaskList(uint32_t kind);
-
-/// Writes a message about events to the system log: "WXPLG0907A-E", the common text, and the message's own.
-/// @param messageId  in set 6 of KvAgent.cat
-/// @param priority   LOG_ERR; LOG_CRIT or LOG_WARNING; LOG_INFO; nothing is written for others
-void PutSyslogMessage(uint32_t messageId, int priority);

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/PXR_message_internal.h"
 #include "common/PXR_result.h"
 #include "common/PXR_texts.h"
 #include "common/PXR_thread_internal.h"

@@ -10,6 +10,7 @@
 #include <thread>
 #include <tuple>
 
+#include "common/PXR_message_internal.h"
 #include "tests/support/SelMachine.h"
 #include "tests/support/SyslogListener.h"
 
