@@ -35,7 +35,7 @@ struct Options {
     bool daemon = false;
 };
 
-/// How long a daemon that is told to end goes on reading what was sent to it before.
+/// How long a daemon that is told to end, or to read its settings anew, goes on reading what was sent to it before.
 constexpr std::chrono::milliseconds kLastWords{1000};
 
 constexpr const char* kFooter =
@@ -114,11 +114,10 @@ int Run(const Options& options) {
         server.ServeUntil(signals.Get());
         signalfd_siginfo received{};
         if (read(signals.Get(), &received, sizeof received) != static_cast<ssize_t>(sizeof received)) continue;
-        if (received.ssi_signo != SIGHUP) break;
+        server.Drain(kLastWords);
+        if (received.ssi_signo != SIGHUP) return EXIT_SUCCESS;
         Reload(writer, options);
     }
-    server.Drain(kLastWords);
-    return EXIT_SUCCESS;
 }
 
 }  // namespace

@@ -112,9 +112,10 @@ void TraceServer::ServeUntil(int wake) {
 
 void TraceServer::Drain(std::chrono::milliseconds limit) {
     const auto end = std::chrono::steady_clock::now() + limit;
-    maxClients_ += kBacklog;  // who waits has sent as well
+    maxClients_ = kMaxClients + kBacklog;  // who waits has sent as well
     while (Serve(-1, 0) != Round::Idle && std::chrono::steady_clock::now() < end)
         continue;
+    maxClients_ = kMaxClients;
 }
 
 // Waits once, for wake or for the timeout at most, and serves who is ready.
