@@ -1,6 +1,7 @@
 // The end of record arrays.
 #include "kvdatafactory/KvDfRecordArray.h"
 
+#include <type_traits>
 #include <typeinfo>
 
 namespace {
@@ -9,12 +10,12 @@ namespace {
 template <typename... Records>
 void FreeAsOneOf(KVDF_BASE* records) {
     const std::type_info& type = typeid(*records);
-    const auto freeAs = [&]<typename Record>(Record* array) {
+    const auto freeAs = [&]<typename Record>(std::type_identity<Record>) {
         if (type != typeid(Record)) return false;
-        delete[] array;
+        delete[] static_cast<Record*>(records);
         return true;
     };
-    static_cast<void>((freeAs(static_cast<Records*>(records)) || ...));
+    static_cast<void>((freeAs(std::type_identity<Records>{}) || ...));
 }
 
 }  // namespace
