@@ -1,7 +1,7 @@
 #pragma once
 /// @file
-/// Numbers of the functions that raise result codes (bits 16 to 25). Two numbers are shared by functions of different
-/// layers for historical reasons; a new function takes the next free number of its block.
+/// Numbers of the functions that raise result codes (bits 16 to 25). A number that several functions
+/// have is marked at each: the interface gives it to all of them. A new function takes the next free number of its block.
 
 #include <cstdint>
 
@@ -87,9 +87,9 @@ inline constexpr uint32_t kSetSmbiosSystemBios = 0x093;
 inline constexpr uint32_t kSetSmbiosCpu = 0x094;
 inline constexpr uint32_t kSetSmbiosCache = 0x095;
 inline constexpr uint32_t kSetSmbiosMemorySocket6 = 0x096;
-inline constexpr uint32_t kSetSmbiosMemorySocket17 = 0x097;
-inline constexpr uint32_t kGetSmbiosText = 0x097;   // with the one above
-inline constexpr uint32_t kGetSmbiosField = 0x098;  // with lib_driverIF's string query
+inline constexpr uint32_t kSetSmbiosMemorySocket17 = 0x097;  // with the one below
+inline constexpr uint32_t kGetSmbiosText = 0x097;            // with the one above
+inline constexpr uint32_t kGetSmbiosField = 0x098;           // with lib_driverIF's string query
 inline constexpr uint32_t kSetSmbiosSystemInfo = 0x099;
 inline constexpr uint32_t kGetOldMemorySize = 0x09C;
 inline constexpr uint32_t kInstance = 0x09D;
@@ -138,11 +138,11 @@ inline constexpr uint32_t kReadDefinitionFile = 0x0BF;
 inline constexpr uint32_t kWriteFileData = 0x0C0;
 inline constexpr uint32_t kGetDefinitionPath = 0x0C1;
 inline constexpr uint32_t kAdjustDefinitionFile = 0x0C2;
-inline constexpr uint32_t kGetElementData = 0x3F5;  // with the FRU reader, and the analysis of a file
-inline constexpr uint32_t kAnalyzeFileData = 0x3F5;
+inline constexpr uint32_t kGetElementData = 0x3F5;   // with the FRU reader, and the analysis of a file
+inline constexpr uint32_t kAnalyzeFileData = 0x3F5;  // as the one above
 
 // lib_driverIF: SMBIOS queries
-inline constexpr uint32_t kGetSmbiosString = 0x098;
+inline constexpr uint32_t kGetSmbiosString = 0x098;  // with the data factory's field
 inline constexpr uint32_t kGetSmbiosSystemInformation = 0x0D0;
 inline constexpr uint32_t kGetSmbiosMultiByte = 0x0D2;
 inline constexpr uint32_t kInitializeSmbios = 0x118;

@@ -1,3 +1,5 @@
+// The cross-process file lock.
+
 #include "cover/FileLockCover.h"
 
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+// "kvhost fru".
+
 #include "host/kvhost_Fru.h"
 
 #include <nlohmann/json.hpp>

@@ -1,3 +1,5 @@
+// What a FRU image says.
+
 #include "host/kvhost_FruImage.h"
 
 #include <algorithm>
