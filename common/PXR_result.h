@@ -7,7 +7,7 @@
 
 /// Why something failed: the low 16 bits of a result code.
 enum class Reason : uint16_t {
-#define KV_REASON(name, number, catalogues) name = number,
+#define KV_REASON(name, number, catalogues) name = number,  // NOLINT(bugprone-macro-parentheses): it enumerates
 #include "common/PXR_reasons.inc"
 #undef KV_REASON
 };
