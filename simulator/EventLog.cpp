@@ -1,3 +1,5 @@
+// The system event log of a controller.
+
 #include "simulator/EventLog.h"
 
 #include <algorithm>

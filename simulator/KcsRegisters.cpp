@@ -1,3 +1,5 @@
+// The BMC's side of a keyboard controller style interface.
+
 #include "simulator/KcsRegisters.h"
 
 namespace sim {

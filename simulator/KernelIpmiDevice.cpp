@@ -1,3 +1,5 @@
+// "/dev/ipmi0" as the kernel offers it.
+
 #include "simulator/KernelIpmiDevice.h"
 
 #include <linux/ipmi.h>

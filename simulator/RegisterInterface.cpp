@@ -1,3 +1,5 @@
+// What KCS and SMIC have in common on the BMC's side.
+
 #include "simulator/RegisterInterface.h"
 
 namespace sim {

@@ -1,3 +1,5 @@
+// Reservations and the reading of records by pieces.
+
 #include "simulator/ReservedStore.h"
 
 namespace sim {

@@ -1,3 +1,5 @@
+// The repository of sensor data records, and makers of records.
+
 #include "simulator/SdrRepository.h"
 
 #include <algorithm>

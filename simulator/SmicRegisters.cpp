@@ -1,3 +1,5 @@
+// The BMC's side of a server management interface chip.
+
 #include "simulator/SmicRegisters.h"
 
 namespace sim {
