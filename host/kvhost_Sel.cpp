@@ -1,3 +1,5 @@
+// The event log in words: new events, and what the local database holds.
+
 #include "host/kvhost_Sel.h"
 
 #include <cstdlib>

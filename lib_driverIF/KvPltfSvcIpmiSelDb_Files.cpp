@@ -68,8 +68,9 @@ bool HasFiles(const DEVICE_INFO& device) {
     return device.bType == kLocatorRecord;
 }
 
+/// What stands there may be no file: a pipe is not waited for.
 FileDescriptor Open(const char* path, int flags) {
-    return FileDescriptor(FileOpen(path, flags, kMode));
+    return FileDescriptor(FileOpen(path, flags | O_NONBLOCK | O_NOCTTY, kMode));
 }
 
 FileDescriptor Open(const Path& path, int flags) {

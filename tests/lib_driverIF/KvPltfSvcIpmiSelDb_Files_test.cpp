@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -79,6 +80,7 @@ TEST_F(SelDbFiles, ADatabaseThatFailsIsToldOnceAndKeepsNothingBack) {
         {"an id out of its place", [] { Write(kDb, Read(kDb).replace(2 * 16, 1, "\x08")); }, true, 2},
         {"cannot be read", [] { ReplaceByDirectory(kDb); }, false, 0},
         {"cannot be opened", [] { ReplaceByLoop(kDb); }, false, 0},
+        {"a pipe", [] { Remove(kDb), mkfifo(Path(kDb).c_str(), 0600); }, true, 0},
     };
     for (const auto& [what, damage, mended, known] : cases) {
         Run([&] {
