@@ -110,8 +110,8 @@ void Checker::CheckFile(const std::string& directory, const char* name) {
 void NoteEmptyInventories(Checker& checker) {
     constexpr const char* kSections[] = {"[BodyTemp]", "[BodyFan]", "[PowerUnit]", "[Voltage]", "[Cpu]"};
     const auto factory = g_invFactory.Get();
-    for (size_t i = 0; i < std::size(kSections); ++i) {
-        const auto id = static_cast<unsigned long>(i + 1);
+    for (unsigned long i = 0; i < std::size(kSections); ++i) {
+        const unsigned long id = i + 1;
         CKvInventory* inventory = nullptr;
         if (!factory->HasInventory(id) || factory->SearchInventory(id, &inventory) != 0) continue;
         if (inventory->GetInstanceCount() != 0) continue;

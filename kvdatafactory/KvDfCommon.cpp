@@ -27,7 +27,7 @@ constexpr char kMapsDirectory[] = "/opt/velmora/lantrel/maps/";
 constexpr const char* kFileNames[] = {"inv_map", "alert_map", "sensor_map", "syslogWatchdog.dat"};
 
 constexpr size_t kSpareBytes = 4;  // of zero behind what was read
-constexpr off_t kLargestFile = 64 * 1024 * 1024;
+constexpr off_t kLargestFile = off_t{64} * 1024 * 1024;
 constexpr int kReadAttempts = 3;
 constexpr size_t kLongestField = 255;
 
@@ -105,7 +105,7 @@ uint32_t Locate(const char* start, const char* limit, std::string_view tag, Foun
 /// The element's end is there, or it is that of the whole text.
 bool Ends(const Found& found, size_t length) {
     const char* const end = found.body + length;
-    return end < found.bound || *end == '\0';
+    return end < found.bound || (end != nullptr && *end == '\0');
 }
 
 uint32_t Unended() {

@@ -27,7 +27,7 @@ enum Conversion : uint8_t { kFormat = 0, kLinearization = 3, kM = 4, kMHigh = 5,
 
 /// The raw byte as a number, by the analog data format in bits 7 and 6.
 int RawNumber(uint8_t raw, uint8_t format) {
-    const int number = static_cast<int8_t>(raw);
+    const int number = raw < 0x80 ? raw : raw - 0x100;
     switch (format >> 6) {
         case 0:
             return raw;
@@ -222,7 +222,8 @@ bool ConvertUnit(double value, uint8_t from, uint8_t to, double& out) {
 
 uint32_t TruncateValue(double value) {
     // Below 2^31 on both sides; what is no number fails both comparisons.
-    if (!(value > -2147483649.0 && value < 2147483648.0)) return kUnknownValue;
+    const bool fits = value > -2147483649.0 && value < 2147483648.0;
+    if (!fits) return kUnknownValue;
     return static_cast<uint32_t>(static_cast<int32_t>(value));
 }
 

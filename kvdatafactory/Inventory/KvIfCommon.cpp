@@ -209,7 +209,7 @@ uint32_t CreateSensorColumnByArgs(CKvColumn** out, SDR** list, unsigned long cou
     va_list arguments;
     va_start(arguments, unitCount);
     for (int& unit : units)
-        unit = va_arg(arguments, int);
+        unit = va_arg(arguments, int);  // NOLINT(clang-analyzer-valist.Uninitialized): begun two lines above
     va_end(arguments);
 
     std::vector<DeviceSensor> sensors;

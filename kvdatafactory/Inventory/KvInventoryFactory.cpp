@@ -156,19 +156,19 @@ uint32_t CKvInstance::GetColumn(unsigned long index, CKvColumn** column) const {
 uint32_t CKvInstance::GetUlongColumn(unsigned long index, unsigned long& value) const {
     CKvColumn* column = nullptr;
     const uint32_t rc = GetColumn(index, &column);
-    return rc != 0 ? rc : column->GetUlong(value);
+    return rc != 0 || column == nullptr ? rc : column->GetUlong(value);
 }
 
 uint32_t CKvInstance::GetStringColumn(unsigned long index, CKvString& text) const {
     CKvColumn* column = nullptr;
     const uint32_t rc = GetColumn(index, &column);
-    return rc != 0 ? rc : column->GetString(text);
+    return rc != 0 || column == nullptr ? rc : column->GetString(text);
 }
 
 uint32_t CKvInstance::GetSensorColumn(unsigned long index, KVPS_SENSOR_DATA*& data) const {
     CKvColumn* column = nullptr;
     const uint32_t rc = GetColumn(index, &column);
-    return rc != 0 ? rc : column->GetSensor(data);
+    return rc != 0 || column == nullptr ? rc : column->GetSensor(data);
 }
 
 void CKvInstance::AppendSensors(std::vector<CKvSensor>& sensors) const {

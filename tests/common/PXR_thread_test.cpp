@@ -311,6 +311,7 @@ TEST(PxrThread, TimedSleeps) {
     }
 }
 
+#ifndef __SANITIZE_ADDRESS__  // which does not see a cancelled thread leave its frames
 TEST(PxrThread, StopEndsAWorkerThatIsBlocked) {
     int pipeEnds[2];
     ASSERT_EQ(0, pipe(pipeEnds));
@@ -362,6 +363,7 @@ TEST(PxrThread, StopEndsAWorkerThatIsBlocked) {
     close(pipeEnds[0]);
     close(pipeEnds[1]);
 }
+#endif
 
 // The lock is taken through the end of the worker in the order of those who queue for it, its owner among them.
 TEST(PxrThread, WhoeverIsQueuedWhenTheWorkerEndsComesBack) {
