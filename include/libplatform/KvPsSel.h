@@ -27,7 +27,7 @@ typedef struct KVPS_SEL_ENTRY {
     uint8_t timeStamp[4];     ///< by the controller's clock, see above
     uint8_t generatorId[2];   ///< slave address, or with bit 0 set software id, of who reports; LUN and channel
     uint8_t messageRevision;  ///< 4, since IPMI 1.5
-    uint8_t sensorType;       ///< temperature, voltage ...: code of the IPMI specification, as in SDR
+    uint8_t sensorType;       ///< temperature, voltage ...: code of the IPMI standard, as in SDR
     uint8_t sensorNumber;     ///< of the controller that generatorId names
     uint8_t eventType;        ///< bit 7 direction (1: deassertion), bits 6-0 event type
     uint8_t eventData[3];     ///< bits 3-0 of the first: which threshold or state; the others by sensor and event type
